@@ -1,0 +1,66 @@
+#include "registry_table.hpp"
+
+#include <sstream>
+
+namespace reg {
+
+std::vector<Check> checks_of(const ExportRow& row) {
+    std::vector<Check> out;
+    std::istringstream in(row.checks);
+    std::string tok;
+    while (in >> tok) {
+        Check c{tok[0], {}};
+        const auto eq = tok.find('=');
+        std::string rest = tok.substr(eq + 1);
+        std::size_t i = 0;
+        while (i < rest.size()) {
+            std::size_t j = rest.find(',', i);
+            if (j == std::string::npos) j = rest.size();
+            if (j > i) c.args.push_back(rest.substr(i, j - i));
+            i = j + 1;
+        }
+        out.push_back(c);
+    }
+    return out;
+}
+
+std::vector<Param> params_of(const ExportRow& row) {
+    std::vector<Param> out;
+    std::string s = row.params;
+    std::size_t i = 0;
+    while (i < s.size()) {
+        std::size_t j = s.find(", ", i);
+        if (j == std::string::npos) j = s.size();
+        const std::string p = s.substr(i, j - i);
+        const auto sp = p.find_last_of(" *");
+        out.push_back({p.substr(0, sp + 1), p.substr(sp + 1)});
+        while (!out.back().type.empty() && out.back().type.back() == ' ') out.back().type.pop_back();
+        i = j + 2;
+    }
+    return out;
+}
+
+zelStatus status_of(char letter) {
+    switch (letter) {
+        case 'N': return zelStsErrNullPointer;
+        case 'C': return zelStsErrCount;
+        case 'Z': return zelStsErrSize;
+        case 'M': return zelStsErrSizeMismatch;
+        case 'S':
+        case 'K': return zelStsErrStride;
+        case 'H': return zelStsErrShift;
+    }
+    return 1;
+}
+
+Caller caller_of(std::string_view name) {
+    static const std::map<std::string_view, Caller> callers = {
+#define ZEL_CALLER(n, expr) {n, [](const Args& a) -> zelStatus { return expr; }},
+#include "generated/callers.inc"
+#undef ZEL_CALLER
+    };
+    auto it = callers.find(name);
+    return it == callers.end() ? nullptr : it->second;
+}
+
+}  // namespace reg

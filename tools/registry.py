@@ -1,0 +1,203 @@
+"""The registry of zelm's exports: the one machine-readable list from which the
+public header, the export stubs with their dispatch cells, the API functions
+with their argument checks, the linker's export list and the tables that the
+tests iterate are generated (tools/gen.py).
+
+Everything here is data. The grammar is regular: a member is an operation with
+its signatures; types, forms and argument lists follow from the rules below.
+"""
+
+# ---------------------------------------------------------------------------
+# Members: operation, signatures without array letter, signatures with array
+# letter, fixed-size signatures, the number of exports the grid gives, and the
+# subsystem folder that implements it.
+MEMBERS = [
+    ("Add",            "mm tm tt vv vc",        "mam mat tam tat mama tama tata vav vava vac vca vaca", "v2 v3 v4", 95, "elementwise"),
+    ("Sub",            "mm mt tm tt vv vc cv",  "mam mat tam tat mma mta tma tta mama mata tama tata vav vva vava vac vca vaca cav cva cava", "v2 v3 v4", 157, "elementwise"),
+    ("Mul",            "mc tc vc mm mt tm tt mv tv",
+                       "mac tac vac vca vaca mam mat tam tat mma mta tma tta mama mata tama tata mav tav mva tva mava tava", "mm4x4", 175, "products"),
+    ("Copy",           "",       "ma va",          "",          36, "movement"),
+    ("LoadIdentity",   "",       "ma",             "",           6, "movement"),
+    ("Extract",        "m t v",  "ma ta va",       "",          30, "movement"),
+    ("Transpose",      "m",      "ma",             "m4",        11, "movement"),
+    ("Gaxpy",          "mv",     "mva mvav",       "",          16, "products"),
+    ("DotProduct",     "vv",     "vav vava",       "v2 v3 v4",  19, "vectors"),
+    ("L2Norm",         "v",      "va",             "",          10, "vectors"),
+    ("CrossProduct",   "vv",     "vav vva vava",   "v2 v3 v4",  25, "vectors"),
+    ("Saxpy",          "vv",     "vav vva vava",   "",          22, "vectors"),
+    ("LComb",          "vv",     "vav vava",       "",          16, "vectors"),
+    ("Trace",          "m",      "ma",             "",          10, "vectors"),
+    ("FrobNorm",       "m",      "ma",             "",          10, "vectors"),
+    ("LUDecomp",       "m",      "ma",             "",          10, "solvers"),
+    ("LUBackSubst",    "mv",     "mva mava",       "",          16, "solvers"),
+    ("CholeskyDecomp", "m",      "ma",             "",          10, "solvers"),
+    ("CholeskyBackSubst", "mv",  "mva mava",       "",          16, "solvers"),
+    ("QRDecomp",       "m",      "ma",             "",          10, "solvers"),
+    ("QRBackSubst",    "mv",     "mva mava",       "",          16, "solvers"),
+    ("Invert",         "m",      "ma",             "m4",        11, "solvers"),
+    ("Det",            "m",      "ma",             "m4",        11, "solvers"),
+    ("EigenValuesSym", "m",      "ma",             "",          10, "eigen"),
+    ("EigenValuesVectorsSym", "m", "ma",           "",          10, "eigen"),
+    ("EigenValues",    "m",      "ma",             "",          10, "eigen"),
+    ("EigenValuesVectors", "m",  "ma",             "",          10, "eigen"),
+    ("EigenValuesVectorsLeft", "m", "ma",          "",          10, "eigen"),
+    ("EigenValuesVectorsRight", "m", "ma",         "",          10, "eigen"),
+]
+
+# Exports outside the grammar whose prototypes are listed whole, one a line
+# (fixed-size geometry and the eigen size queries), with the member they count
+# under; the fixed-size signatures of MEMBERS are among them.
+FIXED_FILE = "tools/fixed_exports.txt"
+GEOMETRY_OPS = """AffineTransform AffineTransformCoord AffineTransformNormal AffineTransform3DH
+Project Unproject BaryCentric Hermite InterpolationCatmullRom InterpolationLinear Len LenSqr Max Min
+MulC Normalize Identity IsIdentity LookAtLH LookAtRH MulTranspose OrthoLH OrthoOffCenterLH
+OrthoOffCenterRH OrthoRH PerspectiveFovLH PerspectiveFovRH PerspectiveLH PerspectiveOffCenterLH
+PerspectiveOffCenterRH PerspectiveRH RotationAxis RotationX RotationY RotationYawPitchRoll RotationZ
+Scaling Translation""".split()
+# Exports per operation outside MEMBERS, for the generator's self-check.
+OTHER_COUNTS = {
+    "AffineTransform": 6, "AffineTransformCoord": 4, "AffineTransformNormal": 4,
+    "AffineTransform3DH": 1, "Project": 2, "Unproject": 2,
+    **{op: 3 for op in "BaryCentric Hermite InterpolationCatmullRom InterpolationLinear Len LenSqr Max Min MulC Normalize".split()},
+    **{op: 1 for op in """Identity IsIdentity LookAtLH LookAtRH MulTranspose OrthoLH OrthoOffCenterLH
+        OrthoOffCenterRH OrthoRH PerspectiveFovLH PerspectiveFovRH PerspectiveLH PerspectiveOffCenterLH
+        PerspectiveOffCenterRH PerspectiveRH RotationAxis RotationX RotationY RotationYawPitchRoll
+        RotationZ Scaling Translation""".split()},
+    "EigenValuesGetBufSize": 2, "EigenValuesVectorsGetBufSize": 2, "GetLibVersion": 1,
+}
+TOTAL = 874
+
+# ---------------------------------------------------------------------------
+# Argument lists. Each grammar export's arguments are the operand groups of its
+# signature letters, in the layout of its family. An entry names, in order:
+#   src / src1 / src2 / src3 : a source operand group (letters from the signature)
+#   dst                       : the destination group
+#   dst:Name                  : a destination group with its own names (pDst<Name>, dst<Name>...)
+#   const                     : the constant group (val, or pVal/ppVal with its stride or shift)
+#   a plain name              : an extra scalar or pointer argument (types in EXTRA_TYPES)
+#   [count]                   : count, in array signatures only
+# The elementwise layout is derived (see gen.py); the others are spelled out.
+LAYOUTS = {
+    "Mul.product":  "src1 src1Width src1Height src2 {src2size} dst [count]",
+    "Gaxpy":        "src1 src1Width src1Height src2 src2Len src3 src3Len dst [count]",
+    "DotProduct":   "src1 src2 pDst len [count]",
+    "L2Norm":       "src pDst len [count]",
+    "CrossProduct": "src1 src2 dst [count]",
+    "Saxpy":        "src1 val src2 dst len [count]",
+    "LComb":        "src1 val1 src2 val2 dst len [count]",
+    "Trace":        "src widthHeight pDst [count]",
+    "FrobNorm":     "src width height pDst [count]",
+    "Det":          "src widthHeight pBuffer pDst [count]",
+    "Transpose":    "src width height dst [count]",
+    "LoadIdentity": "dst width height count",
+    "Extract":      "src pDst {sizes} [count]",
+    "LUDecomp":     "src pDstIndex dst widthHeight [count]",
+    "LUBackSubst":  "src1 pSrcIndex src2 dst widthHeight [count]",
+    "CholeskyDecomp": "src dst widthHeight [count]",
+    "CholeskyBackSubst": "src1 src2 dst widthHeight [count]",
+    "QRDecomp":     "src pBuffer dst width height [count]",
+    "QRBackSubst":  "src1 pBuffer src2 dst width height [count]",
+    "Invert":       "src pBuffer dst widthHeight [count]",
+    "EigenValuesSym": "src pBuffer pDstValues widthHeight [count]",
+    "EigenValuesVectorsSym": "src pBuffer dst:Vectors pDstValues widthHeight [count]",
+    "EigenValues":  "src pDstValuesRe pDstValuesIm widthHeight [count] pBuffer",
+    "EigenValuesVectors": "src dst:VectorsRight dst:VectorsLeft pDstValuesRe pDstValuesIm widthHeight [count] pBuffer",
+    "EigenValuesVectorsLeft": "src dst:Vectors pDstValuesRe pDstValuesIm widthHeight [count] pBuffer",
+    "EigenValuesVectorsRight": "src dst:Vectors pDstValuesRe pDstValuesIm widthHeight [count] pBuffer",
+}
+
+# Operands of signatures whose letters don't say it all: Gaxpy's added vector
+# y follows the array letter of its x unless the signature ends in a single v.
+OPERANDS = {
+    ("Gaxpy", "mv"): ["m", "v", "v"],
+    ("Gaxpy", "mva"): ["m", "va", "va"],
+    ("Gaxpy", "mvav"): ["m", "va", "v"],
+}
+
+# C types of extra arguments; T is the element type. Sizes are `int`.
+EXTRA_TYPES = {
+    "pDst": "T*", "pBuffer": "T*", "pDstValues": "T*", "pDstValuesRe": "T*", "pDstValuesIm": "T*",
+    "pDstIndex": "int*", "pSrcIndex": "const int*",
+    "val": "T", "val1": "T", "val2": "T",
+}
+SIZE_NAMES = {"width", "height", "len", "widthHeight", "count",
+              "src1Width", "src1Height", "src2Width", "src2Height", "src2Len", "src3Len"}
+
+# ---------------------------------------------------------------------------
+# The order of the argument checks. Letters:
+#   N null pointers (-8)   C count (-203)   Z sizes (-6)   M size relation (-204)
+#   S strides (-182)       H shifts (-202)
+#   K the stride0 arguments, tested only when count > 1 (Copy and LoadIdentity,
+#     whose S then covers stride1 and stride2 only)
+# A letter may be narrowed to one side, as "H.src" or "S.dst".
+# A rule is (ops, signatures or "*", kind) -> (standard, _L, _P); the first
+# rule that matches wins, and EXCEPTIONS win over rules.
+CHECK_RULES = [
+    # single objects
+    ("Mul", "mm mt tm tt mv tv", "single", ("NZMS", None, "NZMH")),
+    ("Gaxpy", "mv", "single", ("NZMS", None, "NZMH")),
+    ("QRDecomp", "m", "single", ("NZSM", None, "NZHM")),
+    ("QRBackSubst", "mv", "single", ("NZSM", None, "NZHM")),
+    ("CrossProduct", "vv", "single", ("NS", None, "NH")),
+    ("Extract", "m t", "single", ("NZS", None, "ZNH")),
+    ("Extract", "v", "single", ("NZS", None, "NZH")),
+    ("*", "*", "single", ("NZS", None, "NZH")),
+    # arrays
+    ("Add", "mam", "array", ("NCSZ", "NCZSH", "NCZSH")),
+    ("Sub", "mam mma", "array", ("NCSZ", "NCZSH", "NCZSH")),
+    ("Mul", "mam mat tam tat mma mta tma tta mama mata tama tata mav tav mva tva mava tava", "array",
+     ("NCZMS", "NCZMSH", "NCZMSH")),
+    ("Gaxpy", "mva mvav", "array", ("NCZMS", "NCZMSH", "NCZMSH")),
+    ("QRDecomp", "ma", "array", ("NCZSM", "NCZSHM", "NCZSHM")),
+    ("QRBackSubst", "mva mava", "array", ("NCZSM", "NCZSHM", "NCZSHM")),
+    ("Add Sub", "vav", "array", ("NZSC", "NZSHC", "NZSCH")),
+    ("CrossProduct", "vva vava", "array", ("NCS", "NCSH", "NCSH")),
+    ("CrossProduct", "vav", "array", ("NSC", "NSHC", "NSCH")),
+    ("EigenValues EigenValuesSym EigenValuesVectorsSym Extract", "*", "array", ("NZCS", "NZCHS", "NZCHS")),
+    ("EigenValuesVectors EigenValuesVectorsLeft EigenValuesVectorsRight", "ma", "array",
+     ("NZCS", "NZC H.src S.src H.dst S.dst", "NZC H.src S.src H.dst S.dst")),
+    ("CholeskyBackSubst", "mva", "array", ("NCZS", "NSHZC", "NCZSH")),
+    ("LoadIdentity", "ma", "array", ("NZCSK", "NZCSH", "NZCHK")),
+    ("*", "*", "array", ("NCZS", "NCZSH", "NCZSH")),
+]
+CHECK_EXCEPTIONS = {
+    "zelmExtract_v_64f_P": "ZNH",
+    "zelmLoadIdentity_ma_32f_P": "NZHCK",
+    "zelmCopy_va_32f_LP": "NZCHSK",
+    "zelmCopy_va_32f_SP": "NZCHSK",
+}
+# Copy, by its two form letters.
+COPY_CHECKS = {"SS": "NZCSK", "LL": "NZCSH", "PP": "NZCHK"}
+COPY_CHECKS_MIXED = "NZCSHK"
+# Fixed-size exports with checks (the rest have none).
+FIXED_CHECKS = {
+    "zelmEigenValuesGetBufSize_32f": "NZ", "zelmEigenValuesGetBufSize_64f": "NZ",
+    "zelmEigenValuesVectorsGetBufSize_32f": "NZ", "zelmEigenValuesVectorsGetBufSize_64f": "NZ",
+    "zelmAffineTransform3DH_mva_32f": "NCS",
+    "zelmMul_mm4x4_32f": "N",
+}
+
+# Size relations (M), as C expressions over the argument names; array
+# signatures use the relation of their single-object letters.
+SIZE_RELATIONS = {
+    ("Mul", "mm"): "src1Width == src2Height",
+    ("Mul", "mt"): "src1Width == src2Width",
+    ("Mul", "tm"): "src1Height == src2Height",
+    ("Mul", "tt"): "src1Height == src2Width",
+    ("Mul", "mv"): "src1Width == src2Len",
+    ("Mul", "tv"): "src1Height == src2Len",
+    ("Gaxpy", "mv"): "src1Width == src2Len && src1Height == src3Len",
+    ("QRDecomp", "m"): "height >= width",
+    ("QRBackSubst", "mv"): "height >= width",
+}
+
+# ---------------------------------------------------------------------------
+# What is implemented and exported so far: operation -> signatures ("*" for
+# all of its grammar signatures). An export not listed is declared in the
+# header but neither built nor exported.
+IMPLEMENTED = {
+    "Add": "*",
+    "Sub": "*",
+    "Mul": "mc tc vc mac tac vac vca vaca",
+}
+IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
