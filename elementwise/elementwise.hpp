@@ -5,10 +5,17 @@
 // loop order, unrolling and vector width leave no trace in the results: one
 // kernel, written against the operand accessors, serves all signatures and
 // forms. Rows whose elements lie at a fixed step are run through a row loop
-// (vectorised where the step is 1); the pointer form goes element by element.
+// (vectorised where the step is 1). Objects that are contiguous blocks run as
+// one block each, or as one long run when packed back to back; a single
+// operand shared by the objects is read once per call into the stack. The
+// pointer form runs each element position across the objects (they lie at
+// stride0), unless its tables amount to a strided layout.
 #pragma once
 
 #include <emmintrin.h>
+
+#include <cstdint>
+#include <type_traits>
 
 #include "elementwise/table.hpp"
 #include "frame/fanout.hpp"
@@ -33,6 +40,8 @@ struct Lanes<float> {
     static constexpr int n = 4;
     static ZEL_INLINE V load(const float* p) { return _mm_loadu_ps(p); }
     static ZEL_INLINE void store(float* p, V v) { _mm_storeu_ps(p, v); }
+    static ZEL_INLINE V load_aligned(const float* p) { return _mm_load_ps(p); }
+    static ZEL_INLINE void store_aligned(float* p, V v) { _mm_store_ps(p, v); }
     static ZEL_INLINE V splat(float x) { return _mm_set1_ps(x); }
     template <Arith A>
     static ZEL_INLINE V op(V a, V b) {
@@ -47,6 +56,8 @@ struct Lanes<double> {
     static constexpr int n = 2;
     static ZEL_INLINE V load(const double* p) { return _mm_loadu_pd(p); }
     static ZEL_INLINE void store(double* p, V v) { _mm_storeu_pd(p, v); }
+    static ZEL_INLINE V load_aligned(const double* p) { return _mm_load_pd(p); }
+    static ZEL_INLINE void store_aligned(double* p, V v) { _mm_store_pd(p, v); }
     static ZEL_INLINE V splat(double x) { return _mm_set1_pd(x); }
     template <Arith A>
     static ZEL_INLINE V op(V a, V b) {
@@ -64,54 +75,111 @@ struct RowArg {
     T s;
 };
 
+// d[j] = x[j] op y[j] over contiguous elements, eight vectors a trip, then
+// one vector, then single elements. Al: every non-scalar pointer is 16-byte
+// aligned, so loads can be folded into the arithmetic.
+template <Arith A, bool XS, bool YS, bool Al, class T>
+ZEL_INLINE void run(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
+    using L = Lanes<T>;
+    constexpr int N = L::n;
+    auto ld = [](const T* p) { return Al ? L::load_aligned(p) : L::load(p); };
+    auto st = [](T* p, typename L::V v) { Al ? L::store_aligned(p, v) : L::store(p, v); };
+    const typename L::V xs = L::splat(x.s), ys = L::splat(y.s);
+    std::ptrdiff_t j = 0;
+    for (; j + 8 * N <= len; j += 8 * N) {
+        for (int k = 0; k < 8; ++k) {
+            const auto a = XS ? xs : ld(x.p + j + k * N);
+            const auto b = YS ? ys : ld(y.p + j + k * N);
+            st(d + j + k * N, L::template op<A>(a, b));
+        }
+    }
+    for (; j + N <= len; j += N) {
+        const auto a0 = XS ? xs : ld(x.p + j);
+        const auto b0 = YS ? ys : ld(y.p + j);
+        st(d + j, L::template op<A>(a0, b0));
+    }
+    for (; j < len; ++j) d[j] = apply<A>(XS ? x.s : x.p[j], YS ? y.s : y.p[j]);
+}
+
 // d[j] = x[j] op y[j] for j below len; XS/YS: that side is a scalar. Each
 // element is loaded before its own position is stored, so exact in-place use
 // is safe.
 template <Arith A, bool XS, bool YS, class T>
 ZEL_INLINE void row(T* d, std::ptrdiff_t dstep, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
-    std::ptrdiff_t j = 0;
     const bool contiguous = dstep == 1 && (XS || x.step == 1) && (YS || y.step == 1);
     if (contiguous) {
-        using L = Lanes<T>;
-        constexpr int N = L::n;
-        const typename L::V xs = L::splat(x.s), ys = L::splat(y.s);
-        for (; j + 2 * N <= len; j += 2 * N) {
-            const auto a0 = XS ? xs : L::load(x.p + j), a1 = XS ? xs : L::load(x.p + j + N);
-            const auto b0 = YS ? ys : L::load(y.p + j), b1 = YS ? ys : L::load(y.p + j + N);
-            L::store(d + j, L::template op<A>(a0, b0));
-            L::store(d + j + N, L::template op<A>(a1, b1));
-        }
-        for (; j < len; ++j) d[j] = apply<A>(XS ? x.s : x.p[j], YS ? y.s : y.p[j]);
+        const std::uintptr_t addrs = reinterpret_cast<std::uintptr_t>(d) |
+                                     (XS ? 0 : reinterpret_cast<std::uintptr_t>(x.p)) |
+                                     (YS ? 0 : reinterpret_cast<std::uintptr_t>(y.p));
+        if ((addrs & 15) == 0) run<A, XS, YS, true>(d, x, y, len);
+        else run<A, XS, YS, false>(d, x, y, len);
         return;
     }
-    for (; j < len; ++j)
+    for (std::ptrdiff_t j = 0; j < len; ++j)
         d[j * dstep] = apply<A>(XS ? x.s : x.p[j * x.step], YS ? y.s : y.p[j * y.step]);
 }
 
 // A source of the expression: a matrix or vector operand, read as stored or
-// transposed, or a constant (single or one per object).
-template <class T, Form F, bool Trans>
+// transposed, or a constant (single or one per object). Each tells
+//  - get(n, i, j): its value at result position (i, j) of object n;
+//  - row_of(n, i): row i of object n as a run of elements at a step;
+//  - dense(W, H): whether each object is one contiguous block in result order;
+//  - lane(i, j): position (i, j) across the objects (pointer form), a run at
+//    the step between objects, or one value when it is the same for all.
+template <class T, Form F, bool Trans, bool Arr>
 struct MatSrc {
     static constexpr bool scalar = false;
+    static constexpr bool single = !Arr;
+    static constexpr bool lane_scalar = !Arr;
     Ref<T, F> ref;
     ZEL_INLINE T get(int n, int i, int j) const { return Trans ? *ref.at(n, j, i) : *ref.at(n, i, j); }
-    // Row i of object n: its first element and the step between elements.
     ZEL_INLINE RowArg<T> row_of(int n, int i) const {
         const Opd& o = *ref.o;
         if (Trans) return {ref.at(n, 0, i), std::ptrdiff_t(o.s1 / int(sizeof(T))), T()};
         return {ref.at(n, i, 0), std::ptrdiff_t(o.s2 / int(sizeof(T))), T()};
     }
+    ZEL_INLINE bool dense(int W, int H) const {
+        const Opd& o = *ref.o;
+        const int sz = int(sizeof(T));
+        if (Trans) return H == 1 && (W == 1 || o.s1 == sz);
+        return o.s2 == sz && (H == 1 || o.s1 == W * sz);
+    }
+    ZEL_INLINE RowArg<T> lane(int i, int j) const {
+        const T* p = Trans ? ref.at(0, j, i) : ref.at(0, i, j);
+        if (!Arr) return {nullptr, 0, *p};
+        return {p, std::ptrdiff_t(ref.o->s0 / int(sizeof(T))), T()};
+    }
+};
+// A single operand read once into the caller's stack, in result order.
+template <class T>
+struct HeldSrc {
+    static constexpr bool scalar = false;
+    static constexpr bool single = true;
+    static constexpr bool lane_scalar = true;
+    const T* p;
+    int W;
+    ZEL_INLINE T get(int, int i, int j) const { return p[i * W + j]; }
+    ZEL_INLINE RowArg<T> row_of(int, int i) const { return {p + std::ptrdiff_t(i) * W, 1, T()}; }
+    ZEL_INLINE bool dense(int, int) const { return true; }
+    ZEL_INLINE RowArg<T> lane(int i, int j) const { return {nullptr, 0, get(0, i, j)}; }
 };
 template <class T>
 struct ConstSrc {
     static constexpr bool scalar = true;
+    static constexpr bool single = true;
+    static constexpr bool lane_scalar = true;
     T v;
     ZEL_INLINE T get(int, int, int) const { return v; }
     ZEL_INLINE RowArg<T> row_of(int, int) const { return {nullptr, 0, v}; }
+    ZEL_INLINE bool dense(int, int) const { return true; }
+    ZEL_INLINE RowArg<T> lane(int, int) const { return {nullptr, 0, v}; }
 };
 template <class T, Form F>
 struct ConstArraySrc {
     static constexpr bool scalar = true;
+    static constexpr bool single = false;
+    // the list form has a table; the others a strided array
+    static constexpr bool lane_scalar = false;
     const Opd* o;
     ZEL_INLINE T value(int n) const {
         if constexpr (F == Form::L)
@@ -121,51 +189,133 @@ struct ConstArraySrc {
     }
     ZEL_INLINE T get(int n, int, int) const { return value(n); }
     ZEL_INLINE RowArg<T> row_of(int n, int) const { return {nullptr, 0, value(n)}; }
+    ZEL_INLINE bool dense(int, int) const { return true; }
+    ZEL_INLINE RowArg<T> lane(int, int) const {
+        return {byte_add<T>(o->p, 0), std::ptrdiff_t(o->s0 / int(sizeof(T))), T()};
+    }
 };
 
-// The kernel: object n outer, rows, columns inner.
-template <Arith A, Form DF, class T, class X, class Y>
-zelStatus kernel(const Call<T>& c, X x, Y y, int W, int H) {
+// Largest single operand held on the stack: order 8.
+inline constexpr int kHold = 64;
+
+// Calls f with the source, or, for a single matrix or vector shared by more
+// than one object, with a copy of it read once for the whole call.
+template <class T, class S, class Fn>
+ZEL_INLINE zelStatus with_held(const S& s, T* buf, int W, int H, int count, Fn&& f) {
+    if constexpr (S::single && !S::scalar && !std::is_same_v<S, HeldSrc<T>>) {
+        if (count > 1 && W * H <= kHold) {
+            for (int i = 0; i < H; ++i)
+                for (int j = 0; j < W; ++j) buf[i * W + j] = s.get(0, i, j);
+            return f(HeldSrc<T>{buf, W});
+        }
+    }
+    return f(s);
+}
+
+// Objects that are each one block of B elements in result order.
+template <Arith A, Form DF, int B, class T, class X, class Y>
+ZEL_INLINE void blocks(const Call<T>& c, const X& x, const Y& y, int W, int b) {
     const Ref<T, DF> d{&c.dst[0], W};
-    if constexpr (DF == Form::P) {
-        for (int n = 0; n < c.count; ++n)
-            for (int i = 0; i < H; ++i)
-                for (int j = 0; j < W; ++j) *d.at(n, i, j) = apply<A>(x.get(n, i, j), y.get(n, i, j));
-    } else {
-        const std::ptrdiff_t dstep = c.dst[0].s2 / int(sizeof(T));
-        for (int n = 0; n < c.count; ++n)
-            for (int i = 0; i < H; ++i)
-                row<A, X::scalar, Y::scalar>(d.at(n, i, 0), dstep, x.row_of(n, i), y.row_of(n, i), W);
+    const int len = B ? B : b;
+    for (int n = 0; n < c.count; ++n)
+        row<A, X::scalar, Y::scalar>(d.at(n, 0, 0), 1, x.row_of(n, 0), y.row_of(n, 0), len);
+}
+
+// Standard and list forms: object n outer, rows, columns inner.
+template <Arith A, Form DF, class T, class X, class Y>
+zelStatus rows_kernel(const Call<T>& c, const X& x, const Y& y, int W, int H) {
+    const int sz = int(sizeof(T));
+    const Opd& od = c.dst[0];
+    const bool dense = od.s2 == sz && (H == 1 || od.s1 == W * sz) && x.dense(W, H) && y.dense(W, H);
+    if (dense) {
+        const int b = W * H;
+        constexpr bool held_x = X::single && !X::scalar, held_y = Y::single && !Y::scalar;
+        if constexpr (DF == Form::S && !held_x && !held_y) {
+            // Array operands packed one behind the other: one long run.
+            auto packed = [&](const auto& s) {
+                if constexpr (std::remove_cvref_t<decltype(s)>::scalar) return !std::is_same_v<
+                    std::remove_cvref_t<decltype(s)>, ConstArraySrc<T, DF>>;
+                else return std::ptrdiff_t(s.ref.o->s0) == std::ptrdiff_t(b) * sz;
+            };
+            if (c.count == 1 || (std::ptrdiff_t(od.s0) == std::ptrdiff_t(b) * sz && packed(x) && packed(y))) {
+                row<A, X::scalar, Y::scalar>(byte_add<T>(od.p, 0), 1, x.row_of(0, 0), y.row_of(0, 0),
+                                             std::ptrdiff_t(b) * c.count);
+                return zelStsOk;
+            }
+        }
+        // Fixed block sizes of the orders 3 to 6 (and vectors of 3 to 6),
+        // unrolled by the compiler.
+        switch (b) {
+            case 3: blocks<A, DF, 3>(c, x, y, W, b); break;
+            case 4: blocks<A, DF, 4>(c, x, y, W, b); break;
+            case 5: blocks<A, DF, 5>(c, x, y, W, b); break;
+            case 6: blocks<A, DF, 6>(c, x, y, W, b); break;
+            case 9: blocks<A, DF, 9>(c, x, y, W, b); break;
+            case 16: blocks<A, DF, 16>(c, x, y, W, b); break;
+            case 25: blocks<A, DF, 25>(c, x, y, W, b); break;
+            case 36: blocks<A, DF, 36>(c, x, y, W, b); break;
+            default: blocks<A, DF, 0>(c, x, y, W, b); break;
+        }
+        return zelStsOk;
+    }
+    const Ref<T, DF> d{&od, W};
+    const std::ptrdiff_t dstep = od.s2 / sz;
+    for (int n = 0; n < c.count; ++n)
+        for (int i = 0; i < H; ++i)
+            row<A, X::scalar, Y::scalar>(d.at(n, i, 0), dstep, x.row_of(n, i), y.row_of(n, i), W);
+    return zelStsOk;
+}
+
+// Pointer form: element position outer, objects inner. Position (i, j) of
+// all objects lies at a fixed step (stride0), so each position is one run;
+// a single operand gives one value per position, read once per call.
+template <Arith A, class T, class X, class Y>
+zelStatus lanes_kernel(const Call<T>& c, const X& x, const Y& y, int W, int H) {
+    const Ref<T, Form::P> d{&c.dst[0], W};
+    const std::ptrdiff_t dstep = c.dst[0].s0 / int(sizeof(T));
+    // Objects in chunks, so that the chunk's lines of all positions stay in
+    // the first-level cache when objects are laid out one behind the other.
+    constexpr int kChunk = 64;
+    for (int n0 = 0; n0 < c.count; n0 += kChunk) {
+        const int len = c.count - n0 < kChunk ? c.count - n0 : kChunk;
+        for (int i = 0; i < H; ++i)
+            for (int j = 0; j < W; ++j) {
+                RowArg<T> xl = x.lane(i, j), yl = y.lane(i, j);
+                if (!X::lane_scalar) xl.p += n0 * xl.step;
+                if (!Y::lane_scalar) yl.p += n0 * yl.step;
+                row<A, X::lane_scalar, Y::lane_scalar>(d.at(0, i, j) + n0 * dstep, dstep, xl, yl, len);
+            }
     }
     return zelStsOk;
 }
 
-// Contiguous standard-form calls whose objects are each one block of H*W
-// elements, and whose array operands are packed one behind the other, run as
-// one long row (or one row per object where a single operand repeats).
-template <Arith A, class T, class X, class Y>
-ZEL_INLINE bool packed(const Call<T>& c, X x, Y y, int W, int H, bool x_arr, bool y_arr) {
-    const int sz = int(sizeof(T));
-    const int block = W * H;
-    auto dense = [&](const Opd& o) { return o.s2 == sz && (H == 1 || o.s1 == W * sz); };
-    if (!dense(c.dst[0])) return false;
-    if constexpr (!X::scalar) if (!dense(*x.ref.o)) return false;
-    if constexpr (!Y::scalar) if (!dense(*y.ref.o)) return false;
-    auto packed_arr = [&](const Opd& o) { return std::ptrdiff_t(o.s0) == std::ptrdiff_t(block) * sz; };
-    bool all = c.count == 1 || packed_arr(c.dst[0]);
-    if constexpr (!X::scalar) all = all && (c.count == 1 || (x_arr && packed_arr(*x.ref.o)));
-    else all = all && !x_arr;
-    if constexpr (!Y::scalar) all = all && (c.count == 1 || (y_arr && packed_arr(*y.ref.o)));
-    else all = all && !y_arr;
-    T* d0 = byte_add<T>(c.dst[0].p, 0);
-    if (all) {
-        row<A, X::scalar, Y::scalar>(d0, 1, x.row_of(0, 0), y.row_of(0, 0),
-                                     std::ptrdiff_t(block) * c.count);
-        return true;
+template <Arith A, Form DF, class T, class X, class Y>
+zelStatus kernel(const Call<T>& c, const X& x, const Y& y, int W, int H) {
+    if constexpr (DF == Form::P) {
+        return lanes_kernel<A>(c, x, y, W, H);
+    } else {
+        T bx[kHold], by[kHold];
+        return with_held(x, bx, W, H, c.count, [&](const auto& hx) {
+            return with_held(y, by, W, H, c.count, [&](const auto& hy) {
+                return rows_kernel<A, DF>(c, hx, hy, W, H);
+            });
+        });
     }
-    for (int n = 0; n < c.count; ++n)
-        row<A, X::scalar, Y::scalar>(Ref<T, Form::S>{&c.dst[0], W}.at(n, 0, 0), 1, x.row_of(n, 0),
-                                     y.row_of(n, 0), block);
+}
+
+// A pointer-form operand whose table entries k = 0 .. k_end-1 are
+// consecutive elements, object after object at stride0: rewritten in place
+// as the standard-form operand of rows of `cols` elements it amounts to.
+template <class T>
+ZEL_INLINE bool as_strided(Opd& o, int cols, int k_end) {
+    const char* const* tab = static_cast<const char* const*>(o.p);
+    const char* first = tab[0];
+    for (int k = 1; k < k_end; ++k)
+        if (tab[k] != first + std::ptrdiff_t(k) * int(sizeof(T))) return false;
+    o.p = first + o.shift;
+    o.shift = 0;
+    o.s1 = cols * int(sizeof(T));
+    o.s2 = int(sizeof(T));
     return true;
 }
 
@@ -187,7 +337,7 @@ ZEL_INLINE auto source(const Call<T>& c, int k, int W, int H) {
         else return ConstSrc<T>{c.val};
     } else {
         constexpr Form of = operand_form(F, L.array);
-        return MatSrc<T, of, L.kind == 't'>{Ref<T, of>{&c.src[k], L.kind == 't' ? H : W}};
+        return MatSrc<T, of, L.kind == 't', L.array>{Ref<T, of>{&c.src[k], L.kind == 't' ? H : W}};
     }
 }
 
@@ -215,21 +365,30 @@ zelStatus entry(Call<T>& c) {
         if constexpr (ly.kind != 'c') unit = unit && c.src[iy].s2 == int(sizeof(T));
     }
 
-    auto run = [unit, W, H](const Call<T>& s) -> zelStatus {
+    auto run = [W, H](const Call<T>& s) -> zelStatus {
+        if constexpr (F == Form::P) {
+            // Tables that name each object's elements one behind the other
+            // are run as the strided form they amount to.
+            Call<T> st = s;
+            bool regular = as_strided<T>(st.dst[0], W, W * H);
+            if constexpr (lx.kind != 'c') regular = regular && as_strided<T>(st.src[ix], lx.kind == 't' ? H : W, W * H);
+            if constexpr (ly.kind != 'c') regular = regular && as_strided<T>(st.src[iy], ly.kind == 't' ? H : W, W * H);
+            if (regular) {
+                const auto x = source<lx, Form::S>(st, ix, W, H);
+                const auto y = source<ly, Form::S>(st, iy, W, H);
+                return kernel<A, Form::S>(st, x, y, W, H);
+            }
+        }
         const auto x = source<lx, F>(s, ix, W, H);
         const auto y = source<ly, F>(s, iy, W, H);
-        if constexpr (F == Form::S && lx.kind != 't' && ly.kind != 't') {
-            if (unit && packed<A>(s, x, y, W, H, lx.array, ly.array)) return zelStsOk;
-        }
         return kernel<A, DF>(s, x, y, W, H);
     };
 
     if constexpr (array) {
         constexpr auto& rule = threshold_row(op_name<O>(), std::string_view(Sig.s, Sig.size()));
-        // zelmSub_vva_64f_P always runs on the calling thread
-        constexpr bool no_wrapper = O == Op::Sub && lx.kind == 'v' && !lx.array && ly.array &&
-                                    F == Form::P && sizeof(T) == 8;
-        if constexpr (!no_wrapper) {
+        constexpr bool wrapper =
+            has_wrapper(op_name<O>(), std::string_view(Sig.s, Sig.size()), sizeof(T) == 8, F);
+        if constexpr (wrapper) {
             if (goes_parallel(rule, F, unit, sizeof(T) == 8, c.width, c.height, c.len, c.count)) {
                 FanSpec fs{};
                 fs.form = F;

@@ -54,8 +54,16 @@ inline constexpr ThresholdRow kThresholds[] = {
     {"Mul", "vaca", Estimate::lc_2_c, true, {36864, 36864, 18432, 18432, 18432, 18432, 9216}},
 };
 
-// zelmSub_vva_64f_P has no wrapper: it always runs on the calling thread
-// (see entry() in elementwise.hpp).
+// Array exports without a parallel wrapper: they always run on the calling
+// thread, whatever the estimate.
+struct NoWrapper {
+    std::string_view op, sig;
+    bool is64;
+    Form form;
+};
+inline constexpr NoWrapper kNoWrapper[] = {
+    {"Sub", "vva", true, Form::P},
+};
 
 constexpr bool has_word(std::string_view list, std::string_view w) {
     std::size_t i = 0;
@@ -72,6 +80,12 @@ constexpr const ThresholdRow& threshold_row(std::string_view op, std::string_vie
     for (const auto& r : kThresholds)
         if (has_word(r.ops, op) && has_word(r.sigs, sig)) return r;
     throw "no threshold row";  // a compile-time error when used in a constant expression
+}
+
+constexpr bool has_wrapper(std::string_view op, std::string_view sig, bool is64, Form f) {
+    for (const auto& n : kNoWrapper)
+        if (n.op == op && n.sig == sig && n.is64 == is64 && n.form == f) return false;
+    return true;
 }
 
 constexpr std::int32_t estimate(Estimate e, int w, int h, int l, int c) {

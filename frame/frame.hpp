@@ -3,6 +3,8 @@
 // estimate arithmetic and the choice of kernel.
 #pragma once
 
+#include <emmintrin.h>
+
 #include <cstddef>
 #include <cstdint>
 
@@ -113,6 +115,24 @@ template <class T>
 ZEL_INLINE T* byte_add(const void* p, std::ptrdiff_t bytes) {
     return reinterpret_cast<T*>(const_cast<char*>(static_cast<const char*>(p)) + bytes);
 }
+
+// Element loads and stores at any alignment: a 64f element need only be
+// 4-byte aligned, or not at all.
+template <class T>
+ZEL_INLINE T load(const T* p) {
+    T v;
+    __builtin_memcpy(&v, p, sizeof v);
+    return v;
+}
+template <class T>
+ZEL_INLINE void store(T* p, T v) {
+    __builtin_memcpy(p, &v, sizeof v);
+}
+// Eight bytes into or out of the low lane, at any alignment.
+ZEL_INLINE __m128d load_sd(const void* p) {
+    return _mm_castsi128_pd(_mm_loadl_epi64(static_cast<const __m128i*>(p)));
+}
+ZEL_INLINE void store_sd(void* p, __m128d v) { _mm_storel_epi64(static_cast<__m128i*>(p), _mm_castpd_si128(v)); }
 
 template <class T, Form F>
 struct Ref {

@@ -310,6 +310,33 @@ def call_fields(e):
     return fields
 
 
+CALL_SCALARS = ["width", "height", "len", "widthHeight", "count", "src1Width", "src1Height",
+                "src2Width", "src2Height", "src2Len", "src3Len"]
+CALL_POINTERS = ["buf", "idx", "out", "out2"]
+
+
+def call_init(e):
+    """Assignments that fill a zel::Call: every field of each operand group the
+    export has (0 where the form has no such argument, so a single operand
+    never advances), every size (count 1 for a single object) and every extra
+    pointer. Operand groups the export lacks stay unset: no family reads them."""
+    fields = dict((f, n) for n, f in call_fields(e))
+    lines = []
+    for opd in ["src[0]", "src[1]", "src[2]", "dst[0]", "dst[1]", "cval"]:
+        if opd + ".p" not in fields:
+            continue
+        vals = [fields.get(f"{opd}.{k}", "0") for k in ("p", "shift", "s0", "s1", "s2")]
+        lines.append(f"c.{opd} = zel::Opd{{{', '.join(vals)}}};")
+    for k in CALL_SCALARS:
+        lines.append(f"c.{k} = {fields.get(k, '1' if k == 'count' else '0')};")
+    for k in CALL_POINTERS:
+        lines.append(f"c.{k} = {fields.get(k, 'nullptr')};")
+    for k in ("val", "val1", "val2"):
+        if k in fields:
+            lines.append(f"c.{k} = {fields[k]};")
+    return lines
+
+
 def opd_of(who):
     w = who.lower()
     table = {"src": "src[0]", "src1": "src[0]", "src2": "src[1]", "src3": "src[2]",
@@ -391,9 +418,8 @@ def api_file(exports, subsystem):
         out.append(f"extern \"C\" ZEL_INTERNAL {e.proto('w7_')}")
         out.append("{")
         out += check_code(e, T)
-        out.append(f"    zel::Call<{T}> c{{}};")
-        for n, f in call_fields(e):
-            out.append(f"    c.{f} = {n};")
+        out.append(f"    zel::Call<{T}> c;")
+        out += [f"    {line}" for line in call_init(e)]
         out.append(f"    return zel::{subsystem}::entry<zel::Op::{e.op}, \"{e.sig}\", {T}, \"{e.form}\">(c);")
         out.append("}")
         out.append("")
