@@ -199,5 +199,9 @@ IMPLEMENTED = {
     "Add": "*",
     "Sub": "*",
     "Mul": "mc tc vc mac tac vac vca vaca",
+    "Copy": "*",
+    "LoadIdentity": "*",
+    "Extract": "*",
+    "Transpose": "m ma",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
