@@ -198,7 +198,9 @@ SIZE_RELATIONS = {
 IMPLEMENTED = {
     "Add": "*",
     "Sub": "*",
-    "Mul": "mc tc vc mac tac vac vca vaca",
+    "Mul": "mc tc vc mac tac vac vca vaca"
+           " mm mt tm tt mv tv mam mat tam tat mma mta tma tta mama mata tama tata mav tav mva tva mava tava",
+    "Gaxpy": "*",
     "Copy": "*",
     "LoadIdentity": "*",
     "Extract": "*",

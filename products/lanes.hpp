@@ -1,0 +1,274 @@
+// Vector-lane forms of the products' fast paths, SSE2 only.
+//
+// Every lane does exactly the operations of one element of the scalar
+// routine, in the same order and with the same operands on each side, so the
+// results are the same bit for bit:
+//   - matrix by matrix, sequential order: the columns j of a destination row
+//     in lanes; d(i,j) = a(i,0) * b(0,j), then + a(i,k) * b(k,j) for k
+//     ascending, a(i,k) broadcast across the lanes;
+//   - matrix by vector at order 4: the four terms of a row in lanes, then
+//     the pairs of the association the table names, rows gathered into lanes
+//     by shuffles.
+// Partial vectors are loaded and stored element by element (no read or write
+// past an operand), their unused lanes hold +0.0.
+#pragma once
+
+#include <emmintrin.h>
+
+#include <cstddef>
+#include <type_traits>
+#include <utility>
+
+#include "frame/frame.hpp"
+#include "products/orders.hpp"
+
+namespace zel::products::lanes {
+
+// ---------------------------------------------------------------------------
+// Vectors of W lanes (4 floats or 2 doubles), loads and stores of the first
+// `Cnt` lanes.
+template <class T>
+struct Vec;
+
+template <>
+struct Vec<float> {
+    using V = __m128;
+    static constexpr int W = 4;
+    template <int Cnt>
+    static ZEL_INLINE V load(const float* p) {
+        if constexpr (Cnt == 4) return _mm_loadu_ps(p);
+        else if constexpr (Cnt == 3)
+            return _mm_movelh_ps(_mm_castpd_ps(load_sd(p)), _mm_load_ss(p + 2));
+        else if constexpr (Cnt == 2) return _mm_castpd_ps(load_sd(p));
+        else return _mm_load_ss(p);
+    }
+    template <int Cnt>
+    static ZEL_INLINE void store(float* p, V v) {
+        if constexpr (Cnt == 4) _mm_storeu_ps(p, v);
+        else if constexpr (Cnt == 3) {
+            store_sd(p, _mm_castps_pd(v));
+            _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
+        } else if constexpr (Cnt == 2) store_sd(p, _mm_castps_pd(v));
+        else _mm_store_ss(p, v);
+    }
+    static ZEL_INLINE V bcast(const float* p) { return _mm_set1_ps(*p); }
+    template <int K>
+    static ZEL_INLINE V lane(V v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(K, K, K, K)); }
+    static ZEL_INLINE V mul(V a, V b) { return _mm_mul_ps(a, b); }
+    static ZEL_INLINE V add(V a, V b) { return _mm_add_ps(a, b); }
+};
+
+template <>
+struct Vec<double> {
+    using V = __m128d;
+    static constexpr int W = 2;
+    template <int Cnt>
+    static ZEL_INLINE V load(const double* p) {
+        if constexpr (Cnt == 2) return _mm_loadu_pd(p);
+        else return load_sd(p);
+    }
+    template <int Cnt>
+    static ZEL_INLINE void store(double* p, V v) {
+        if constexpr (Cnt == 2) _mm_storeu_pd(p, v);
+        else store_sd(p, v);
+    }
+    static ZEL_INLINE V bcast(const double* p) { return _mm_set1_pd(*p); }
+    static ZEL_INLINE V mul(V a, V b) { return _mm_mul_pd(a, b); }
+    static ZEL_INLINE V add(V a, V b) { return _mm_add_pd(a, b); }
+};
+
+// 32f rows of 4 or more elements read as stored: a(i,0..3) broadcast from
+// the row loaded once.
+template <class T, bool TA, int N>
+inline constexpr bool kRowBcast = sizeof(T) == 4 && !TA && N >= 4;
+
+template <class T>
+ZEL_INLINE const T* at(const char* base, std::ptrdiff_t s1, int r, int c) {
+    return reinterpret_cast<const T*>(base + std::ptrdiff_t(r) * s1) + c;
+}
+
+// ---------------------------------------------------------------------------
+// Matrix by matrix, exact order N, sequential sums, b read as stored (its
+// rows contiguous), a as stored or transposed (TA). Row strides in bytes.
+template <int N, bool TA, class T>
+ZEL_INLINE void mm_seq(const char* __restrict a, std::ptrdiff_t sa, const char* __restrict b, std::ptrdiff_t sb,
+                       char* __restrict d, std::ptrdiff_t sd) {
+    using X = Vec<T>;
+    using V = typename X::V;
+    constexpr int W = X::W;
+    constexpr int C = (N + W - 1) / W;  // vectors per row
+    constexpr int Last = N - (C - 1) * W;
+    V bv[N][C];
+#pragma GCC unroll 8
+    for (int k = 0; k < N; ++k) {
+        const T* r = at<T>(b, sb, k, 0);
+#pragma GCC unroll 4
+        for (int c = 0; c + 1 < C; ++c) bv[k][c] = X::template load<W>(r + c * W);
+        bv[k][C - 1] = X::template load<Last>(r + (C - 1) * W);
+    }
+#pragma GCC unroll 8
+    for (int i = 0; i < N; ++i) {
+        V acc[C];
+        // a(i,k) from the row of a loaded as a vector, where it is whole
+        [[maybe_unused]] __m128 arow;
+        if constexpr (kRowBcast<T, TA, N>) arow = _mm_loadu_ps(reinterpret_cast<const float*>(at<T>(a, sa, i, 0)));
+        auto aik = [&](auto kc) -> V {
+            constexpr int k = decltype(kc)::value;
+            if constexpr (kRowBcast<T, TA, N> && k < 4) return X::template lane<k>(arow);
+            else return X::bcast(TA ? at<T>(a, sa, k, i) : at<T>(a, sa, i, k));
+        };
+        const V a0 = aik(std::integral_constant<int, 0>{});
+#pragma GCC unroll 4
+        for (int c = 0; c < C; ++c) acc[c] = X::mul(a0, bv[0][c]);
+        [&]<int... Ks>(std::integer_sequence<int, Ks...>) {
+            ([&] {
+                constexpr int k = Ks + 1;
+                const V ak = aik(std::integral_constant<int, k>{});
+#pragma GCC unroll 4
+                for (int c = 0; c < C; ++c) acc[c] = X::add(acc[c], X::mul(ak, bv[k][c]));
+            }(), ...);
+        }(std::make_integer_sequence<int, N - 1>{});
+        T* r = reinterpret_cast<T*>(d + std::ptrdiff_t(i) * sd);
+#pragma GCC unroll 4
+        for (int c = 0; c + 1 < C; ++c) X::template store<W>(r + c * W, acc[c]);
+        X::template store<Last>(r + (C - 1) * W, acc[C - 1]);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Matrix by vector, order 4, rows of a as stored. Two associations of the
+// four terms of a row: Spread (t0 + t2) + (t1 + t3), Adjacent (t0 + t1) +
+// (t2 + t3).
+enum class Pairs { Spread, Adjacent };
+
+constexpr bool mv4_fits(Fast f) {
+    return f == Fast::Spread || f == Fast::Adjacent || f == Fast::Split;
+}
+constexpr Pairs mv4_pairs(Fast f) {
+    return f == Fast::Spread ? Pairs::Spread : Pairs::Adjacent;
+}
+
+// The rows of a 4x4 matrix, kept for any number of vectors.
+template <class T>
+struct Rows4;
+
+template <>
+struct Rows4<float> {
+    __m128 r[4];
+    ZEL_INLINE void load(const char* a, std::ptrdiff_t sa) {
+        for (int i = 0; i < 4; ++i) r[i] = _mm_loadu_ps(at<float>(a, sa, i, 0));
+    }
+    // d(i) for i = 0..3 from x(0..3).
+    template <Pairs P>
+    ZEL_INLINE void apply(const float* __restrict x, float* __restrict d) const {
+        const __m128 xv = _mm_loadu_ps(x);
+        const __m128 p0 = _mm_mul_ps(r[0], xv), p1 = _mm_mul_ps(r[1], xv);
+        const __m128 p2 = _mm_mul_ps(r[2], xv), p3 = _mm_mul_ps(r[3], xv);
+        __m128 res;
+        if constexpr (P == Pairs::Spread) {
+            // s01 = [p0(0)+p0(2), p1(0)+p1(2), p0(1)+p0(3), p1(1)+p1(3)]
+            const __m128 s01 = _mm_add_ps(_mm_unpacklo_ps(p0, p1), _mm_unpackhi_ps(p0, p1));
+            const __m128 s23 = _mm_add_ps(_mm_unpacklo_ps(p2, p3), _mm_unpackhi_ps(p2, p3));
+            res = _mm_add_ps(_mm_movelh_ps(s01, s23), _mm_movehl_ps(s23, s01));
+        } else {
+            // l01 = [p0(0), p1(0), p0(1), p1(1)], h01 = [p0(2), p1(2), p0(3), p1(3)]
+            const __m128 l01 = _mm_unpacklo_ps(p0, p1), h01 = _mm_unpackhi_ps(p0, p1);
+            const __m128 l23 = _mm_unpacklo_ps(p2, p3), h23 = _mm_unpackhi_ps(p2, p3);
+            // t0 of rows 0..3, t1, t2, t3
+            const __m128 t0 = _mm_movelh_ps(l01, l23), t1 = _mm_movehl_ps(l23, l01);
+            const __m128 t2 = _mm_movelh_ps(h01, h23), t3 = _mm_movehl_ps(h23, h01);
+            res = _mm_add_ps(_mm_add_ps(t0, t1), _mm_add_ps(t2, t3));
+        }
+        _mm_storeu_ps(d, res);
+    }
+};
+
+template <>
+struct Rows4<double> {
+    __m128d r[4][2];
+    ZEL_INLINE void load(const char* a, std::ptrdiff_t sa) {
+        for (int i = 0; i < 4; ++i) {
+            r[i][0] = _mm_loadu_pd(at<double>(a, sa, i, 0));
+            r[i][1] = _mm_loadu_pd(at<double>(a, sa, i, 2));
+        }
+    }
+    template <Pairs P>
+    ZEL_INLINE void apply(const double* __restrict x, double* __restrict d) const {
+        const __m128d x01 = _mm_loadu_pd(x), x23 = _mm_loadu_pd(x + 2);
+#pragma GCC unroll 2
+        for (int h = 0; h < 2; ++h) {
+            const int i = 2 * h;
+            const __m128d pa01 = _mm_mul_pd(r[i][0], x01), pa23 = _mm_mul_pd(r[i][1], x23);
+            const __m128d pb01 = _mm_mul_pd(r[i + 1][0], x01), pb23 = _mm_mul_pd(r[i + 1][1], x23);
+            // t(k) of rows i, i+1
+            const __m128d t0 = _mm_unpacklo_pd(pa01, pb01), t1 = _mm_unpackhi_pd(pa01, pb01);
+            const __m128d t2 = _mm_unpacklo_pd(pa23, pb23), t3 = _mm_unpackhi_pd(pa23, pb23);
+            __m128d res;
+            if constexpr (P == Pairs::Spread)
+                res = _mm_add_pd(_mm_add_pd(t0, t2), _mm_add_pd(t1, t3));
+            else
+                res = _mm_add_pd(_mm_add_pd(t0, t1), _mm_add_pd(t2, t3));
+            _mm_storeu_pd(d + i, res);
+        }
+    }
+};
+
+// ---------------------------------------------------------------------------
+// Matrix by vector, order 4, one matrix for all objects: the rows of the
+// destination in lanes, t(k) = a(.,k) times x(k) broadcast, summed in the
+// fast-path association of the table (the same for every row at order 4).
+template <class V>
+struct Sum4 {
+    V v;
+    friend ZEL_INLINE Sum4 operator+(Sum4 a, Sum4 b) { return {add(a.v, b.v)}; }
+    ZEL_INLINE Sum4& operator+=(Sum4 b) { return *this = *this + b; }
+    static ZEL_INLINE __m128 add(__m128 a, __m128 b) { return _mm_add_ps(a, b); }
+    static ZEL_INLINE __m128d add(__m128d a, __m128d b) { return _mm_add_pd(a, b); }
+};
+
+template <class T>
+struct Cols4;
+
+template <>
+struct Cols4<float> {
+    __m128 c[4];  // c[k] = a(0..3, k)
+    template <class Elem>
+    ZEL_INLINE void load(Elem a) {
+        for (int k = 0; k < 4; ++k) c[k] = _mm_setr_ps(a(0, k), a(1, k), a(2, k), a(3, k));
+    }
+    template <Fast F>
+    ZEL_INLINE void apply(const float* __restrict x, float* __restrict d) const {
+        const __m128 xv = _mm_loadu_ps(x);
+        const Sum4<__m128> t[4] = {{_mm_mul_ps(c[0], _mm_shuffle_ps(xv, xv, 0x00))},
+                                   {_mm_mul_ps(c[1], _mm_shuffle_ps(xv, xv, 0x55))},
+                                   {_mm_mul_ps(c[2], _mm_shuffle_ps(xv, xv, 0xaa))},
+                                   {_mm_mul_ps(c[3], _mm_shuffle_ps(xv, xv, 0xff))}};
+        _mm_storeu_ps(d, fast_sum<Sum4<__m128>>(F, 4, 0, t).v);
+    }
+};
+
+template <>
+struct Cols4<double> {
+    __m128d c[2][4];  // c[h][k] = a(2h .. 2h+1, k)
+    template <class Elem>
+    ZEL_INLINE void load(Elem a) {
+        for (int h = 0; h < 2; ++h)
+            for (int k = 0; k < 4; ++k) c[h][k] = _mm_setr_pd(a(2 * h, k), a(2 * h + 1, k));
+    }
+    template <Fast F>
+    ZEL_INLINE void apply(const double* __restrict x, double* __restrict d) const {
+        const __m128d x01 = _mm_loadu_pd(x), x23 = _mm_loadu_pd(x + 2);
+        const __m128d xb[4] = {_mm_unpacklo_pd(x01, x01), _mm_unpackhi_pd(x01, x01), _mm_unpacklo_pd(x23, x23),
+                               _mm_unpackhi_pd(x23, x23)};
+#pragma GCC unroll 2
+        for (int h = 0; h < 2; ++h) {
+            const Sum4<__m128d> t[4] = {{_mm_mul_pd(c[h][0], xb[0])},
+                                        {_mm_mul_pd(c[h][1], xb[1])},
+                                        {_mm_mul_pd(c[h][2], xb[2])},
+                                        {_mm_mul_pd(c[h][3], xb[3])}};
+            _mm_storeu_pd(d + 2 * h, fast_sum<Sum4<__m128d>>(F, 4, 0, t).v);
+        }
+    }
+};
+
+}  // namespace zel::products::lanes

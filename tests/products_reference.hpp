@@ -1,0 +1,209 @@
+// An independent statement of how each product and Gaxpy kernel associates
+// its sums, and a reference that adds given terms in a named association.
+// Written from the documented behaviour, not from the library's tables: the
+// tests compare the library's bits with these.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace pref {
+
+// Named associations of a sum of terms t(0..K-1).
+enum class How {
+    ZeroSeq,   // +0.0, then t0, t1, ... (generic paths)
+    FirstSeq,  // t0, then t1, ... (fast paths)
+    Pair,      // c(0,2) + c(1,2), limit a multiple of `mult`, then the rest
+    Four,      // (c0 + c2) + (c1 + c3) over 4 accumulators
+    Eight32,   // (l0 + l2) + (l1 + l3), l(r) = c(r) + c(r+4) over 8
+    Eight64,   // ((c0+c2)+(c4+c6)) + ((c1+c3)+(c5+c7)) over 8
+    Spread,    // vector-lane fast paths, see lane_sum()
+    Adjacent,
+    Split,
+    LastFirst,
+};
+
+struct Order {
+    How how = How::ZeroSeq;
+    int mult = 1;
+    int lead = 0;  // leading terms that start accumulator 0
+};
+
+template <class T>
+T lane_sum(How h, const std::vector<T>& t, int row) {
+    const int n = int(t.size());
+    switch (h) {
+        case How::Spread:
+            if (n == 4) return (t[0] + t[2]) + (t[1] + t[3]);
+            if (n == 5) return row < 4 ? ((t[0] + t[1]) + t[4]) + (t[2] + t[3]) : ((t[0] + t[2]) + t[4]) + (t[1] + t[3]);
+            if (n == 6) return ((t[0] + t[2]) + t[4]) + ((t[1] + t[3]) + t[5]);
+            break;
+        case How::Adjacent:
+            if (n == 3) return (t[0] + t[1]) + t[2];
+            if (n == 4) return (t[0] + t[1]) + (t[2] + t[3]);
+            if (n == 5) return ((t[0] + t[1]) + (t[2] + t[3])) + t[4];
+            if (n == 6) return ((t[0] + t[1]) + (t[2] + t[3])) + (t[4] + t[5]);
+            break;
+        case How::Split:
+            if (n == 4) return (t[0] + t[1]) + (t[2] + t[3]);
+            if (n == 5) return ((t[0] + t[1]) + t[4]) + (t[2] + t[3]);
+            if (n == 6) return ((t[0] + t[1]) + (t[2] + t[3])) + (t[4] + t[5]);
+            break;
+        case How::LastFirst:
+            if (n == 4) return ((t[0] + t[3]) + t[1]) + t[2];
+            if (n == 5) return (((t[0] + t[4]) + t[1]) + t[2]) + t[3];
+            if (n == 6) return ((((t[0] + t[5]) + t[1]) + t[2]) + t[3]) + t[4];
+            break;
+        default: break;
+    }
+    T s = t[0];
+    for (int k = 1; k < n; ++k) s = s + t[k];
+    return s;
+}
+
+template <class T>
+T reference_sum(const Order& o, const std::vector<T>& t, int row = 0) {
+    const int K = int(t.size());
+    if (o.how == How::FirstSeq || o.how >= How::Spread) return lane_sum(o.how, t, row);
+    const int lead = o.lead < K ? o.lead : 0;
+    if (o.how == How::ZeroSeq || o.lead >= K) {
+        T s = T(0);
+        for (int k = 0; k < K; ++k) s = s + t[k];
+        return s;
+    }
+    const int lanes = o.how == How::Pair ? 2 : o.how == How::Four ? 4 : 8;
+    const int m = lead + ((K - lead) / o.mult) * o.mult;
+    // accumulator r: +0.0 (r = 0: the leading terms first), then its terms
+    auto c = [&](int r) {
+        T s = T(0);
+        if (r == 0)
+            for (int k = 0; k < lead; ++k) s = s + t[k];
+        for (int k = lead + r; k < m; k += lanes) s = s + t[k];
+        return s;
+    };
+    T s;
+    if (o.how == How::Pair) s = c(0) + c(1);
+    else if (o.how == How::Four) s = (c(0) + c(2)) + (c(1) + c(3));
+    else if (o.how == How::Eight32) s = ((c(0) + c(4)) + (c(2) + c(6))) + ((c(1) + c(5)) + (c(3) + c(7)));
+    else s = ((c(0) + c(2)) + (c(4) + c(6))) + ((c(1) + c(3)) + (c(5) + c(7)));
+    for (int k = m; k < K; ++k) s = s + t[k];
+    return s;
+}
+
+// The kernel a call reaches.
+enum class Kern { Std, S2, L, LS2, P };
+
+inline bool in(const std::string& w, std::initializer_list<const char*> list) {
+    for (const char* s : list)
+        if (w == s) return true;
+    return false;
+}
+
+// Matrix by matrix. `sig` is the export's signature, K the terms, H the
+// destination's rows, `fast` the exact order of a square call (0: none).
+inline Order mm_order(const std::string& sig, bool is64, Kern k, int fast, int H, int K, int i) {
+    const bool f32 = !is64;
+    if (fast >= 3 && fast <= 6) {
+        bool has = true;
+        if (sig == "tm" && f32 && k == Kern::Std) has = fast != 6;
+        if (sig == "mam" && f32 && (k == Kern::LS2 || k == Kern::P)) has = fast == 3;
+        if (in(sig, {"mat", "tam"}) && f32 && (k == Kern::S2 || k == Kern::LS2 || k == Kern::P)) has = fast == 3;
+        if (sig == "tat" && f32 && k == Kern::LS2) has = fast == 3;
+        if (sig == "mama" && f32 && k == Kern::S2) has = fast <= 5;
+        if (in(sig, {"mta", "tta"}) && f32 && k == Kern::L) has = false;
+        if (sig == "tta" && is64 && k == Kern::L) has = false;
+        if (has) return {How::FirstSeq};
+    }
+    const bool mt = in(sig, {"mt", "mat", "mta", "mata"});
+    if (k == Kern::P) return {};
+    if (k == Kern::S2 || k == Kern::LS2) {
+        if (mt && is64 && K >= 8) return {How::Eight64, 8};
+        return {};
+    }
+    const int tiles = H / 4 * 4, R = H % 4, r = i - tiles;
+    if (is64) {
+        if (sig == "mata" && k == Kern::Std) return {};
+        if (i < tiles) return {How::Pair, 2};
+        if (K < 8) return {};
+        if (R == 1) return {How::Eight64, 8};
+        if (R == 2) return r == 0 ? Order{How::Four, 8} : Order{How::Pair, 8};
+        return {How::Pair, 8};
+    }
+    if (mt) {
+        if (i < tiles) return K < 4 ? Order{} : Order{How::Four, 4};
+        if (K < 8) return {};
+        if (R == 1) return {How::Eight32, 8};
+        if (R == 2) return r == 0 ? Order{How::Eight32, 8} : Order{How::Four, 8};
+        return {How::Four, 8};
+    }
+    const bool tm = in(sig, {"tm", "tam", "tma", "tama"});
+    if (i < tiles) return {};
+    if (R == 1 || (R == 2 && !tm)) return {How::Pair, 2};
+    return {};
+}
+
+// Matrix by vector. `lead` is the vector's leading terms to its 16-byte
+// boundary, -1 if its address is not a multiple of the element size.
+inline Order mv_order(const std::string& sig, bool is64, Kern k, int fast, int H, int K, int i, int lead) {
+    const bool single = sig == "mv" || sig == "tv";
+    const bool m = sig[0] == 'm';
+    if (fast >= 3 && fast <= 6) {
+        if (single) return {is64 && m && k == Kern::Std ? How::Adjacent : How::FirstSeq};
+        const bool none = (k == Kern::L && !is64 && in(sig, {"mva", "tva"})) ||
+                          (k == Kern::L && is64 && in(sig, {"tva", "tava"}));
+        if (!none) {
+            if (k == Kern::S2 || k == Kern::LS2 || k == Kern::P) return {How::FirstSeq};
+            if (m) return {is64 ? How::Adjacent : How::Spread};
+            if (!is64) return {How::Split};
+            return {k == Kern::L ? How::Adjacent : How::FirstSeq};  // tav 64f L; tva tav tava 64f Std
+        }
+    }
+    if (k == Kern::P) return {};
+    if (k == Kern::S2 || k == Kern::LS2) {
+        if (m && is64 && K >= 8) return {How::Eight64, 8};
+        return {};
+    }
+    // standard and list kernels: 8-row blocks
+    const int T8 = H / 8 * 8, rr = H - T8;
+    const bool block = rr >= 4 || i < T8;
+    const int R = rr, r = i - T8;
+    if (!is64 && !m) {  // no leading terms
+        if (block) return {};
+        if (R == 1 || R == 2) return {How::Pair, 2};
+        return {};
+    }
+    if (lead < 0) return {};
+    const int Kp = K - lead;
+    if (!is64) {
+        if (block) return Kp < 4 ? Order{} : Order{How::Four, 4, lead};
+        if (Kp < 8) return {};
+        if (R == 1) return {How::Eight32, 8, lead};
+        if (R == 2) return r == 0 ? Order{How::Eight32, 8, lead} : Order{How::Four, 8, lead};
+        return {How::Four, 8, lead};
+    }
+    if (block) return Kp < 2 ? Order{} : Order{How::Pair, 2, lead};
+    if (Kp < 8) return {};
+    if (R == 1) return {How::Eight64, 8, lead};
+    if (R == 2) return r == 0 ? Order{How::Four, 8, lead} : Order{How::Pair, 8, lead};
+    return {How::Pair, 8, lead};
+}
+
+// Gaxpy: the terms' order; y is added last unless gaxpy_y_first says where.
+inline Order gaxpy_order(bool is64, Kern k, int fast, int K) {
+    if (fast >= 3 && fast <= 6) {
+        if (k == Kern::Std || k == Kern::L) return {is64 ? How::Adjacent : How::Spread};
+        return {How::LastFirst};
+    }
+    if (is64 && k == Kern::S2 && K >= 8) return {How::Eight64, 8};
+    return {};
+}
+
+// The Gaxpy fast paths of the scalar kernels that start with a term plus y:
+// returns the term, or -1 where y comes last.
+inline int gaxpy_y_first(const std::string& sig, Kern k, int fast, int row) {
+    if (fast < 3 || fast > 6 || k == Kern::Std || k == Kern::L) return -1;
+    if (sig == "mvav") return fast == 3 ? 0 : fast - 1;
+    return fast >= 4 && row == fast - 1 ? fast - 1 : -1;
+}
+
+}  // namespace pref
