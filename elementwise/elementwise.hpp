@@ -98,7 +98,7 @@ ZEL_INLINE void run(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
         const auto b0 = YS ? ys : ld(y.p + j);
         st(d + j, L::template op<A>(a0, b0));
     }
-    for (; j < len; ++j) d[j] = apply<A>(XS ? x.s : x.p[j], YS ? y.s : y.p[j]);
+    for (; j < len; ++j) store(d + j, apply<A>(XS ? x.s : load(x.p + j), YS ? y.s : load(y.p + j)));
 }
 
 // d[j] = x[j] op y[j] for j below len; XS/YS: that side is a scalar. Each
@@ -116,7 +116,7 @@ ZEL_INLINE void row(T* d, std::ptrdiff_t dstep, RowArg<T> x, RowArg<T> y, std::p
         return;
     }
     for (std::ptrdiff_t j = 0; j < len; ++j)
-        d[j * dstep] = apply<A>(XS ? x.s : x.p[j * x.step], YS ? y.s : y.p[j * y.step]);
+        store(d + j * dstep, apply<A>(XS ? x.s : load(x.p + j * x.step), YS ? y.s : load(y.p + j * y.step)));
 }
 
 // A source of the expression: a matrix or vector operand, read as stored or
@@ -341,9 +341,15 @@ ZEL_INLINE auto source(const Call<T>& c, int k, int W, int H) {
     }
 }
 
-// The entry of every element-wise export, behind its argument tests.
+template <Arith A, bool XS, bool YS, class T>
+__attribute__((noinline)) void run_long(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
+    run<A, XS, YS, false>(d, x, y, len);
+}
+
+// Everything but the short path of a single contiguous vector: a function of
+// its own, so that the short path sets up no frame for it.
 template <Op O, Str Sig, class T, Str FS>
-zelStatus entry(Call<T>& c) {
+__attribute__((noinline)) zelStatus general(Call<T> c) {
     static constexpr Operands ops = parse<Sig>();
     constexpr Form F = form_of<FS>();
     constexpr bool array = ops.any_array();
@@ -401,6 +407,48 @@ zelStatus entry(Call<T>& c) {
         }
     }
     return run(c);
+}
+
+
+// The entry of every element-wise export, behind its argument tests.
+template <Op O, Str Sig, class T, Str FS>
+ZEL_INLINE zelStatus entry(Call<T>& call) {
+    static constexpr Operands ops = parse<Sig>();
+    constexpr Form F = form_of<FS>();
+    constexpr bool array = ops.any_array();
+    static constexpr Letter lx = ops.l[0], ly = ops.l[1];
+    constexpr bool matrix = lx.kind == 'm' || lx.kind == 't' || ly.kind == 'm' || ly.kind == 't';
+    // Non-constant operands take src[0], src[1] in the order of the letters.
+    constexpr int ix = 0, iy = lx.kind == 'c' ? 0 : 1;
+    constexpr Arith A = arith_of<O>();
+
+    // A single contiguous vector goes straight to the row loop: the short
+    // lengths that dominate single-vector calls pay for nothing else.
+    if constexpr (!array && !matrix && F == Form::S) {
+        constexpr int E = int(sizeof(T));
+        if (call.dst[0].s2 == E && (lx.kind == 'c' || call.src[ix].s2 == E) &&
+            (ly.kind == 'c' || call.src[iy].s2 == E)) {
+            const RowArg<T> x = lx.kind == 'c' ? RowArg<T>{nullptr, 0, call.val}
+                                               : RowArg<T>{static_cast<const T*>(call.src[ix].p), 1, T()};
+            const RowArg<T> y = ly.kind == 'c' ? RowArg<T>{nullptr, 0, call.val}
+                                               : RowArg<T>{static_cast<const T*>(call.src[iy].p), 1, T()};
+            T* d = byte_add<T>(call.dst[0].p, 0);
+            constexpr bool XS = lx.kind == 'c', YS = ly.kind == 'c';
+            const int len = call.len;
+            if (len > 16) {
+                run_long<A, XS, YS>(d, x, y, len);
+                return zelStsOk;
+            }
+            using L = Lanes<T>;
+            int j = 0;
+            for (; j + L::n <= len; j += L::n)
+                L::store(d + j, L::template op<A>(XS ? L::splat(x.s) : L::load(x.p + j),
+                                                  YS ? L::splat(y.s) : L::load(y.p + j)));
+            for (; j < len; ++j) store(d + j, apply<A>(XS ? x.s : load(x.p + j), YS ? y.s : load(y.p + j)));
+            return zelStsOk;
+        }
+    }
+    return general<O, Sig, T, FS>(call);
 }
 
 }  // namespace zel::elementwise

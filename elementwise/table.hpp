@@ -65,17 +65,6 @@ inline constexpr NoWrapper kNoWrapper[] = {
     {"Sub", "vva", true, Form::P},
 };
 
-constexpr bool has_word(std::string_view list, std::string_view w) {
-    std::size_t i = 0;
-    while (i < list.size()) {
-        std::size_t j = list.find(' ', i);
-        if (j == std::string_view::npos) j = list.size();
-        if (list.substr(i, j - i) == w) return true;
-        i = j + 1;
-    }
-    return false;
-}
-
 constexpr const ThresholdRow& threshold_row(std::string_view op, std::string_view sig) {
     for (const auto& r : kThresholds)
         if (has_word(r.ops, op) && has_word(r.sigs, sig)) return r;

@@ -26,7 +26,8 @@ struct FanSpec {
     unsigned src_arrays;       // bit k: src[k] is an array operand
     unsigned dst_arrays;       // bit k: dst[k] is an array operand
     bool cval_array;           // the constant is an array
-    int out_per_object;        // compact results per object in out/out2 (0: none)
+    int out_per_object;        // compact results per object in out (0: none)
+    bool out2;                 // out2 holds as many per object as out
     int idx_per_object;        // pivot entries per object in idx (0: none)
     std::size_t scratch_bytes; // per-thread scratch (0: none)
     bool merge_status;         // keep the first failure (else return 0)
@@ -54,10 +55,10 @@ Call<T> slice_of(const Call<T>& c, const FanSpec& fs, int first, int n) {
         advance(s.cval, fs.form == Form::L ? Form::L : Form::S, first);
     }
     if (fs.out_per_object) {
-        if (s.out) s.out += std::ptrdiff_t(first) * fs.out_per_object;
-        if (s.out2) s.out2 += std::ptrdiff_t(first) * fs.out_per_object;
+        s.out += std::ptrdiff_t(first) * fs.out_per_object;
+        if (fs.out2) s.out2 += std::ptrdiff_t(first) * fs.out_per_object;
     }
-    if (fs.idx_per_object && s.idx) s.idx += std::ptrdiff_t(first) * fs.idx_per_object;
+    if (fs.idx_per_object) s.idx += std::ptrdiff_t(first) * fs.idx_per_object;
     s.count = n;
     return s;
 }

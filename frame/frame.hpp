@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "frame/generated/ops.hpp"
 #include "zelm.h"
@@ -74,6 +75,20 @@ struct Est {
     friend constexpr Est operator*(Est a, Est b) { return Est(a.v * b.v, 0); }
     constexpr std::int32_t value() const { return std::int32_t(v); }
 };
+
+// Whether a space-separated list names w ("*" names everything): how the
+// families' tables of quirks list the signatures a row holds for.
+constexpr bool has_word(std::string_view list, std::string_view w) {
+    if (list == "*") return true;
+    std::size_t i = 0;
+    while (i < list.size()) {
+        std::size_t j = list.find(' ', i);
+        if (j == std::string_view::npos) j = list.size();
+        if (list.substr(i, j - i) == w) return true;
+        i = j + 1;
+    }
+    return false;
+}
 
 // ---------------------------------------------------------------------------
 // Signatures, parsed at compile time: "tama" -> operands t(array) m(array).

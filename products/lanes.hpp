@@ -13,6 +13,10 @@
 // past an operand), their unused lanes hold +0.0.
 #pragma once
 
+// Sum4<__m128> and the like: the vector types' attributes do not matter to
+// the template, which only holds and adds them.
+#pragma GCC diagnostic ignored "-Wignored-attributes"
+
 #include <emmintrin.h>
 
 #include <cstddef>

@@ -21,18 +21,6 @@ inline constexpr unsigned kAnyKern = Std | S2 | L | LS2 | P;
 inline constexpr unsigned kPlain = S2 | LS2 | P;  // scalar kernels
 enum Ty : unsigned { F32 = 1, F64 = 2, AnyTy = 3 };
 
-constexpr bool has_word(std::string_view list, std::string_view w) {
-    if (list == "*") return true;
-    std::size_t i = 0;
-    while (i < list.size()) {
-        std::size_t j = list.find(' ', i);
-        if (j == std::string_view::npos) j = list.size();
-        if (list.substr(i, j - i) == w) return true;
-        i = j + 1;
-    }
-    return false;
-}
-
 struct Key {
     std::string_view sig;
     unsigned ty;    // F32 or F64

@@ -313,13 +313,15 @@ def call_fields(e):
 CALL_SCALARS = ["width", "height", "len", "widthHeight", "count", "src1Width", "src1Height",
                 "src2Width", "src2Height", "src2Len", "src3Len"]
 CALL_POINTERS = ["buf", "idx", "out", "out2"]
+CALL_ALWAYS = {"width", "height", "len", "count"}
 
 
 def call_init(e):
     """Assignments that fill a zel::Call: every field of each operand group the
     export has (0 where the form has no such argument, so a single operand
-    never advances), every size (count 1 for a single object) and every extra
-    pointer. Operand groups the export lacks stay unset: no family reads them."""
+    never advances), width, height, len and count (0, and count 1, where the
+    export has none), and the other sizes and pointers the export has. What
+    the export lacks stays unset: its family never reads it."""
     fields = dict((f, n) for n, f in call_fields(e))
     lines = []
     for opd in ["src[0]", "src[1]", "src[2]", "dst[0]", "dst[1]", "cval"]:
@@ -328,9 +330,11 @@ def call_init(e):
         vals = [fields.get(f"{opd}.{k}", "0") for k in ("p", "shift", "s0", "s1", "s2")]
         lines.append(f"c.{opd} = zel::Opd{{{', '.join(vals)}}};")
     for k in CALL_SCALARS:
-        lines.append(f"c.{k} = {fields.get(k, '1' if k == 'count' else '0')};")
+        if k in fields or k in CALL_ALWAYS:
+            lines.append(f"c.{k} = {fields.get(k, '1' if k == 'count' else '0')};")
     for k in CALL_POINTERS:
-        lines.append(f"c.{k} = {fields.get(k, 'nullptr')};")
+        if k in fields:
+            lines.append(f"c.{k} = {fields[k]};")
     for k in ("val", "val1", "val2"):
         if k in fields:
             lines.append(f"c.{k} = {fields[k]};")

@@ -15,18 +15,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mm_32f(const float* pSrc1, int src1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mm", float, "S">(c);
 }
 
@@ -42,18 +31,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mm_32f_P(const float* const* ppSrc1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mm", float, "P">(c);
 }
 
@@ -69,18 +47,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mm_64f(const double* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mm", double, "S">(c);
 }
 
@@ -96,18 +63,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mm_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mm", double, "P">(c);
 }
 
@@ -123,18 +79,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tm_32f(const float* pSrc1, int src1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tm", float, "S">(c);
 }
 
@@ -150,18 +95,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tm_32f_P(const float* const* ppSrc1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tm", float, "P">(c);
 }
 
@@ -177,18 +111,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tm_64f(const double* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tm", double, "S">(c);
 }
 
@@ -204,18 +127,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tm_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tm", double, "P">(c);
 }
 
@@ -231,18 +143,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tt_32f(const float* pSrc1, int src1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tt", float, "S">(c);
 }
 
@@ -258,18 +159,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tt_32f_P(const float* const* ppSrc1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tt", float, "P">(c);
 }
 
@@ -285,18 +175,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tt_64f(const double* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tt", double, "S">(c);
 }
 
@@ -312,18 +191,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tt_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tt", double, "P">(c);
 }
 
@@ -339,18 +207,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_32f(const float* pSrc1, int src1
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vv", float, "S">(c);
 }
 
@@ -366,18 +223,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_32f_P(const float* const* ppSrc1
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vv", float, "P">(c);
 }
 
@@ -393,18 +239,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_64f(const double* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vv", double, "S">(c);
 }
 
@@ -420,18 +255,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vv", double, "P">(c);
 }
 
@@ -446,18 +270,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_32f(const float* pSrc, int srcSt
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vc", float, "S">(c);
 }
@@ -473,18 +286,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_32f_P(const float* const* ppSrc,
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vc", float, "P">(c);
 }
@@ -500,18 +302,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_64f(const double* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vc", double, "S">(c);
 }
@@ -527,18 +318,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vc", double, "P">(c);
 }
@@ -556,18 +336,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mam_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mam", float, "S">(c);
 }
 
@@ -585,18 +354,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mam_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mam", float, "L">(c);
 }
 
@@ -614,18 +372,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mam_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mam", float, "P">(c);
 }
 
@@ -642,18 +389,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mam_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mam", double, "S">(c);
 }
 
@@ -671,18 +407,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mam_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mam", double, "L">(c);
 }
 
@@ -700,18 +425,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mam_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mam", double, "P">(c);
 }
 
@@ -728,18 +442,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mat_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mat", float, "S">(c);
 }
 
@@ -757,18 +460,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mat_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mat", float, "L">(c);
 }
 
@@ -786,18 +478,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mat_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mat", float, "P">(c);
 }
 
@@ -814,18 +495,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mat_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mat", double, "S">(c);
 }
 
@@ -843,18 +513,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mat_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mat", double, "L">(c);
 }
 
@@ -872,18 +531,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mat_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mat", double, "P">(c);
 }
 
@@ -900,18 +548,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tam_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tam", float, "S">(c);
 }
 
@@ -929,18 +566,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tam_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tam", float, "L">(c);
 }
 
@@ -958,18 +584,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tam_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tam", float, "P">(c);
 }
 
@@ -986,18 +601,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tam_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tam", double, "S">(c);
 }
 
@@ -1015,18 +619,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tam_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tam", double, "L">(c);
 }
 
@@ -1044,18 +637,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tam_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tam", double, "P">(c);
 }
 
@@ -1072,18 +654,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tat_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tat", float, "S">(c);
 }
 
@@ -1101,18 +672,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tat_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tat", float, "L">(c);
 }
 
@@ -1130,18 +690,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tat_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tat", float, "P">(c);
 }
 
@@ -1158,18 +707,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tat_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tat", double, "S">(c);
 }
 
@@ -1187,18 +725,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tat_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tat", double, "L">(c);
 }
 
@@ -1216,18 +743,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tat_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tat", double, "P">(c);
 }
 
@@ -1244,18 +760,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mama_32f(const float* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mama", float, "S">(c);
 }
 
@@ -1273,18 +778,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mama_32f_L(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mama", float, "L">(c);
 }
 
@@ -1302,18 +796,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mama_32f_P(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mama", float, "P">(c);
 }
 
@@ -1330,18 +813,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mama_64f(const double* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mama", double, "S">(c);
 }
 
@@ -1359,18 +831,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mama_64f_L(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mama", double, "L">(c);
 }
 
@@ -1388,18 +849,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_mama_64f_P(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "mama", double, "P">(c);
 }
 
@@ -1416,18 +866,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tama_32f(const float* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tama", float, "S">(c);
 }
 
@@ -1445,18 +884,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tama_32f_L(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tama", float, "L">(c);
 }
 
@@ -1474,18 +902,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tama_32f_P(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tama", float, "P">(c);
 }
 
@@ -1502,18 +919,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tama_64f(const double* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tama", double, "S">(c);
 }
 
@@ -1531,18 +937,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tama_64f_L(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tama", double, "L">(c);
 }
 
@@ -1560,18 +955,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tama_64f_P(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tama", double, "P">(c);
 }
 
@@ -1588,18 +972,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tata_32f(const float* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tata", float, "S">(c);
 }
 
@@ -1617,18 +990,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tata_32f_L(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tata", float, "L">(c);
 }
 
@@ -1646,18 +1008,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tata_32f_P(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tata", float, "P">(c);
 }
 
@@ -1674,18 +1025,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tata_64f(const double* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tata", double, "S">(c);
 }
 
@@ -1703,18 +1043,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tata_64f_L(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tata", double, "L">(c);
 }
 
@@ -1732,18 +1061,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tata_64f_P(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "tata", double, "P">(c);
 }
 
@@ -1760,18 +1078,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vav_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vav", float, "S">(c);
 }
 
@@ -1789,18 +1096,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vav_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vav", float, "L">(c);
 }
 
@@ -1818,18 +1114,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vav_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vav", float, "P">(c);
 }
 
@@ -1846,18 +1131,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vav_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vav", double, "S">(c);
 }
 
@@ -1875,18 +1149,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vav_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vav", double, "L">(c);
 }
 
@@ -1904,18 +1167,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vav_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vav", double, "P">(c);
 }
 
@@ -1932,18 +1184,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vava_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vava", float, "S">(c);
 }
 
@@ -1961,18 +1202,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vava_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vava", float, "L">(c);
 }
 
@@ -1990,18 +1220,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vava_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vava", float, "P">(c);
 }
 
@@ -2018,18 +1237,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vava_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vava", double, "S">(c);
 }
 
@@ -2047,18 +1255,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vava_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vava", double, "L">(c);
 }
 
@@ -2076,18 +1273,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vava_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vava", double, "P">(c);
 }
 
@@ -2103,18 +1289,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vac_32f(const float* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vac", float, "S">(c);
 }
@@ -2132,18 +1307,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vac_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vac", float, "L">(c);
 }
@@ -2161,18 +1325,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vac_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vac", float, "P">(c);
 }
@@ -2189,18 +1342,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vac_64f(const double* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vac", double, "S">(c);
 }
@@ -2218,18 +1360,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vac_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vac", double, "L">(c);
 }
@@ -2247,18 +1378,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vac_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vac", double, "P">(c);
 }
@@ -2276,18 +1396,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vca_32f(const float* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vca", float, "S">(c);
 }
 
@@ -2305,18 +1414,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vca_32f_L(const float* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vca", float, "L">(c);
 }
 
@@ -2334,18 +1432,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vca_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vca", float, "P">(c);
 }
 
@@ -2362,18 +1449,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vca_64f(const double* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vca", double, "S">(c);
 }
 
@@ -2391,18 +1467,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vca_64f_L(const double* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vca", double, "L">(c);
 }
 
@@ -2420,18 +1485,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vca_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vca", double, "P">(c);
 }
 
@@ -2448,18 +1502,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vaca_32f(const float* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vaca", float, "S">(c);
 }
 
@@ -2477,18 +1520,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vaca_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vaca", float, "L">(c);
 }
 
@@ -2506,18 +1538,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vaca_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vaca", float, "P">(c);
 }
 
@@ -2534,18 +1555,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vaca_64f(const double* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vaca", double, "S">(c);
 }
 
@@ -2563,18 +1573,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vaca_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vaca", double, "L">(c);
 }
 
@@ -2592,18 +1591,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vaca_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Add, "vaca", double, "P">(c);
 }
 
@@ -2619,18 +1607,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mm_32f(const float* pSrc1, int src1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mm", float, "S">(c);
 }
 
@@ -2646,18 +1623,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mm_32f_P(const float* const* ppSrc1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mm", float, "P">(c);
 }
 
@@ -2673,18 +1639,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mm_64f(const double* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mm", double, "S">(c);
 }
 
@@ -2700,18 +1655,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mm_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mm", double, "P">(c);
 }
 
@@ -2727,18 +1671,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mt_32f(const float* pSrc1, int src1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mt", float, "S">(c);
 }
 
@@ -2754,18 +1687,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mt_32f_P(const float* const* ppSrc1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mt", float, "P">(c);
 }
 
@@ -2781,18 +1703,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mt_64f(const double* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mt", double, "S">(c);
 }
 
@@ -2808,18 +1719,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mt_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mt", double, "P">(c);
 }
 
@@ -2835,18 +1735,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tm_32f(const float* pSrc1, int src1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tm", float, "S">(c);
 }
 
@@ -2862,18 +1751,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tm_32f_P(const float* const* ppSrc1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tm", float, "P">(c);
 }
 
@@ -2889,18 +1767,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tm_64f(const double* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tm", double, "S">(c);
 }
 
@@ -2916,18 +1783,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tm_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tm", double, "P">(c);
 }
 
@@ -2943,18 +1799,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tt_32f(const float* pSrc1, int src1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tt", float, "S">(c);
 }
 
@@ -2970,18 +1815,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tt_32f_P(const float* const* ppSrc1
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tt", float, "P">(c);
 }
 
@@ -2997,18 +1831,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tt_64f(const double* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tt", double, "S">(c);
 }
 
@@ -3024,18 +1847,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tt_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tt", double, "P">(c);
 }
 
@@ -3051,18 +1863,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_32f(const float* pSrc1, int src1
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vv", float, "S">(c);
 }
 
@@ -3078,18 +1879,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_32f_P(const float* const* ppSrc1
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vv", float, "P">(c);
 }
 
@@ -3105,18 +1895,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_64f(const double* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vv", double, "S">(c);
 }
 
@@ -3132,18 +1911,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vv", double, "P">(c);
 }
 
@@ -3158,18 +1926,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_32f(const float* pSrc, int srcSt
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vc", float, "S">(c);
 }
@@ -3185,18 +1942,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_32f_P(const float* const* ppSrc,
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vc", float, "P">(c);
 }
@@ -3212,18 +1958,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_64f(const double* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vc", double, "S">(c);
 }
@@ -3239,18 +1974,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vc", double, "P">(c);
 }
@@ -3266,18 +1990,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_32f(const float* pSrc, int srcSt
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cv", float, "S">(c);
 }
@@ -3293,18 +2006,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_32f_P(const float* const* ppSrc,
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cv", float, "P">(c);
 }
@@ -3320,18 +2022,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_64f(const double* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cv", double, "S">(c);
 }
@@ -3347,18 +2038,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cv", double, "P">(c);
 }
@@ -3376,18 +2056,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mam_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mam", float, "S">(c);
 }
 
@@ -3405,18 +2074,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mam_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mam", float, "L">(c);
 }
 
@@ -3434,18 +2092,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mam_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mam", float, "P">(c);
 }
 
@@ -3462,18 +2109,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mam_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mam", double, "S">(c);
 }
 
@@ -3491,18 +2127,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mam_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mam", double, "L">(c);
 }
 
@@ -3520,18 +2145,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mam_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mam", double, "P">(c);
 }
 
@@ -3548,18 +2162,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mat_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mat", float, "S">(c);
 }
 
@@ -3577,18 +2180,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mat_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mat", float, "L">(c);
 }
 
@@ -3606,18 +2198,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mat_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mat", float, "P">(c);
 }
 
@@ -3634,18 +2215,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mat_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mat", double, "S">(c);
 }
 
@@ -3663,18 +2233,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mat_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mat", double, "L">(c);
 }
 
@@ -3692,18 +2251,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mat_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mat", double, "P">(c);
 }
 
@@ -3720,18 +2268,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tam_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tam", float, "S">(c);
 }
 
@@ -3749,18 +2286,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tam_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tam", float, "L">(c);
 }
 
@@ -3778,18 +2304,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tam_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tam", float, "P">(c);
 }
 
@@ -3806,18 +2321,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tam_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tam", double, "S">(c);
 }
 
@@ -3835,18 +2339,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tam_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tam", double, "L">(c);
 }
 
@@ -3864,18 +2357,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tam_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tam", double, "P">(c);
 }
 
@@ -3892,18 +2374,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tat_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tat", float, "S">(c);
 }
 
@@ -3921,18 +2392,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tat_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tat", float, "L">(c);
 }
 
@@ -3950,18 +2410,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tat_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tat", float, "P">(c);
 }
 
@@ -3978,18 +2427,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tat_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tat", double, "S">(c);
 }
 
@@ -4007,18 +2445,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tat_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tat", double, "L">(c);
 }
 
@@ -4036,18 +2463,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tat_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tat", double, "P">(c);
 }
 
@@ -4064,18 +2480,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mma_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mma", float, "S">(c);
 }
 
@@ -4093,18 +2498,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mma_32f_L(const float* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mma", float, "L">(c);
 }
 
@@ -4122,18 +2516,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mma_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mma", float, "P">(c);
 }
 
@@ -4150,18 +2533,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mma_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mma", double, "S">(c);
 }
 
@@ -4179,18 +2551,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mma_64f_L(const double* pSrc1, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mma", double, "L">(c);
 }
 
@@ -4208,18 +2569,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mma_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mma", double, "P">(c);
 }
 
@@ -4236,18 +2586,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mta_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mta", float, "S">(c);
 }
 
@@ -4265,18 +2604,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mta_32f_L(const float* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mta", float, "L">(c);
 }
 
@@ -4294,18 +2622,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mta_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mta", float, "P">(c);
 }
 
@@ -4322,18 +2639,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mta_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mta", double, "S">(c);
 }
 
@@ -4351,18 +2657,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mta_64f_L(const double* pSrc1, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mta", double, "L">(c);
 }
 
@@ -4380,18 +2675,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mta_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mta", double, "P">(c);
 }
 
@@ -4408,18 +2692,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tma_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tma", float, "S">(c);
 }
 
@@ -4437,18 +2710,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tma_32f_L(const float* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tma", float, "L">(c);
 }
 
@@ -4466,18 +2728,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tma_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tma", float, "P">(c);
 }
 
@@ -4494,18 +2745,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tma_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tma", double, "S">(c);
 }
 
@@ -4523,18 +2763,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tma_64f_L(const double* pSrc1, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tma", double, "L">(c);
 }
 
@@ -4552,18 +2781,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tma_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tma", double, "P">(c);
 }
 
@@ -4580,18 +2798,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tta_32f(const float* pSrc1, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tta", float, "S">(c);
 }
 
@@ -4609,18 +2816,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tta_32f_L(const float* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tta", float, "L">(c);
 }
 
@@ -4638,18 +2834,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tta_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tta", float, "P">(c);
 }
 
@@ -4666,18 +2851,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tta_64f(const double* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tta", double, "S">(c);
 }
 
@@ -4695,18 +2869,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tta_64f_L(const double* pSrc1, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tta", double, "L">(c);
 }
 
@@ -4724,18 +2887,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tta_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tta", double, "P">(c);
 }
 
@@ -4752,18 +2904,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mama_32f(const float* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mama", float, "S">(c);
 }
 
@@ -4781,18 +2922,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mama_32f_L(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mama", float, "L">(c);
 }
 
@@ -4810,18 +2940,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mama_32f_P(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mama", float, "P">(c);
 }
 
@@ -4838,18 +2957,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mama_64f(const double* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mama", double, "S">(c);
 }
 
@@ -4867,18 +2975,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mama_64f_L(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mama", double, "L">(c);
 }
 
@@ -4896,18 +2993,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mama_64f_P(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mama", double, "P">(c);
 }
 
@@ -4924,18 +3010,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mata_32f(const float* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mata", float, "S">(c);
 }
 
@@ -4953,18 +3028,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mata_32f_L(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mata", float, "L">(c);
 }
 
@@ -4982,18 +3046,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mata_32f_P(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mata", float, "P">(c);
 }
 
@@ -5010,18 +3063,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mata_64f(const double* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mata", double, "S">(c);
 }
 
@@ -5039,18 +3081,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mata_64f_L(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mata", double, "L">(c);
 }
 
@@ -5068,18 +3099,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_mata_64f_P(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "mata", double, "P">(c);
 }
 
@@ -5096,18 +3116,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tama_32f(const float* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tama", float, "S">(c);
 }
 
@@ -5125,18 +3134,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tama_32f_L(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tama", float, "L">(c);
 }
 
@@ -5154,18 +3152,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tama_32f_P(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tama", float, "P">(c);
 }
 
@@ -5182,18 +3169,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tama_64f(const double* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tama", double, "S">(c);
 }
 
@@ -5211,18 +3187,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tama_64f_L(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tama", double, "L">(c);
 }
 
@@ -5240,18 +3205,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tama_64f_P(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tama", double, "P">(c);
 }
 
@@ -5268,18 +3222,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tata_32f(const float* pSrc1, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tata", float, "S">(c);
 }
 
@@ -5297,18 +3240,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tata_32f_L(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tata", float, "L">(c);
 }
 
@@ -5326,18 +3258,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tata_32f_P(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tata", float, "P">(c);
 }
 
@@ -5354,18 +3275,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tata_64f(const double* pSrc1, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tata", double, "S">(c);
 }
 
@@ -5383,18 +3293,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tata_64f_L(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tata", double, "L">(c);
 }
 
@@ -5412,18 +3311,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tata_64f_P(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "tata", double, "P">(c);
 }
 
@@ -5440,18 +3328,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vav_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vav", float, "S">(c);
 }
 
@@ -5469,18 +3346,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vav_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vav", float, "L">(c);
 }
 
@@ -5498,18 +3364,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vav_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vav", float, "P">(c);
 }
 
@@ -5526,18 +3381,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vav_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vav", double, "S">(c);
 }
 
@@ -5555,18 +3399,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vav_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vav", double, "L">(c);
 }
 
@@ -5584,18 +3417,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vav_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vav", double, "P">(c);
 }
 
@@ -5612,18 +3434,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vva_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vva", float, "S">(c);
 }
 
@@ -5641,18 +3452,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vva_32f_L(const float* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vva", float, "L">(c);
 }
 
@@ -5670,18 +3470,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vva_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vva", float, "P">(c);
 }
 
@@ -5698,18 +3487,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vva_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vva", double, "S">(c);
 }
 
@@ -5727,18 +3505,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vva_64f_L(const double* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vva", double, "L">(c);
 }
 
@@ -5756,18 +3523,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vva_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vva", double, "P">(c);
 }
 
@@ -5784,18 +3540,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vava_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vava", float, "S">(c);
 }
 
@@ -5813,18 +3558,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vava_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vava", float, "L">(c);
 }
 
@@ -5842,18 +3576,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vava_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vava", float, "P">(c);
 }
 
@@ -5870,18 +3593,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vava_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vava", double, "S">(c);
 }
 
@@ -5899,18 +3611,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vava_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vava", double, "L">(c);
 }
 
@@ -5928,18 +3629,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vava_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vava", double, "P">(c);
 }
 
@@ -5955,18 +3645,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vac_32f(const float* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vac", float, "S">(c);
 }
@@ -5984,18 +3663,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vac_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vac", float, "L">(c);
 }
@@ -6013,18 +3681,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vac_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vac", float, "P">(c);
 }
@@ -6041,18 +3698,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vac_64f(const double* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vac", double, "S">(c);
 }
@@ -6070,18 +3716,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vac_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vac", double, "L">(c);
 }
@@ -6099,18 +3734,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vac_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vac", double, "P">(c);
 }
@@ -6128,18 +3752,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vca_32f(const float* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vca", float, "S">(c);
 }
 
@@ -6157,18 +3770,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vca_32f_L(const float* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vca", float, "L">(c);
 }
 
@@ -6186,18 +3788,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vca_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vca", float, "P">(c);
 }
 
@@ -6214,18 +3805,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vca_64f(const double* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vca", double, "S">(c);
 }
 
@@ -6243,18 +3823,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vca_64f_L(const double* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vca", double, "L">(c);
 }
 
@@ -6272,18 +3841,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vca_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vca", double, "P">(c);
 }
 
@@ -6300,18 +3858,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vaca_32f(const float* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vaca", float, "S">(c);
 }
 
@@ -6329,18 +3876,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vaca_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vaca", float, "L">(c);
 }
 
@@ -6358,18 +3894,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vaca_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vaca", float, "P">(c);
 }
 
@@ -6386,18 +3911,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vaca_64f(const double* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vaca", double, "S">(c);
 }
 
@@ -6415,18 +3929,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vaca_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vaca", double, "L">(c);
 }
 
@@ -6444,18 +3947,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vaca_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "vaca", double, "P">(c);
 }
 
@@ -6472,18 +3964,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cav_32f(const float* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cav", float, "S">(c);
 }
 
@@ -6501,18 +3982,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cav_32f_L(const float* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cav", float, "L">(c);
 }
 
@@ -6530,18 +4000,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cav_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cav", float, "P">(c);
 }
 
@@ -6558,18 +4017,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cav_64f(const double* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cav", double, "S">(c);
 }
 
@@ -6587,18 +4035,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cav_64f_L(const double* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cav", double, "L">(c);
 }
 
@@ -6616,18 +4053,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cav_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cav", double, "P">(c);
 }
 
@@ -6643,18 +4069,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cva_32f(const float* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cva", float, "S">(c);
 }
@@ -6672,18 +4087,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cva_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cva", float, "L">(c);
 }
@@ -6701,18 +4105,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cva_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cva", float, "P">(c);
 }
@@ -6729,18 +4122,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cva_64f(const double* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cva", double, "S">(c);
 }
@@ -6758,18 +4140,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cva_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cva", double, "L">(c);
 }
@@ -6787,18 +4158,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cva_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cva", double, "P">(c);
 }
@@ -6816,18 +4176,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cava_32f(const float* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cava", float, "S">(c);
 }
 
@@ -6845,18 +4194,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cava_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cava", float, "L">(c);
 }
 
@@ -6874,18 +4212,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cava_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cava", float, "P">(c);
 }
 
@@ -6902,18 +4229,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cava_64f(const double* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cava", double, "S">(c);
 }
 
@@ -6931,18 +4247,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cava_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cava", double, "L">(c);
 }
 
@@ -6960,18 +4265,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cava_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Sub, "cava", double, "P">(c);
 }
 
@@ -6986,18 +4280,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mc_32f(const float* pSrc, int srcSt
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mc", float, "S">(c);
 }
@@ -7013,18 +4296,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mc_32f_P(const float* const* ppSrc,
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mc", float, "P">(c);
 }
@@ -7040,18 +4312,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mc_64f(const double* pSrc, int srcS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mc", double, "S">(c);
 }
@@ -7067,18 +4328,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mc_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mc", double, "P">(c);
 }
@@ -7094,18 +4344,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tc_32f(const float* pSrc, int srcSt
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tc", float, "S">(c);
 }
@@ -7121,18 +4360,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tc_32f_P(const float* const* ppSrc,
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tc", float, "P">(c);
 }
@@ -7148,18 +4376,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tc_64f(const double* pSrc, int srcS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tc", double, "S">(c);
 }
@@ -7175,18 +4392,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tc_64f_P(const double* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tc", double, "P">(c);
 }
@@ -7202,18 +4408,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_32f(const float* pSrc, int srcSt
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vc", float, "S">(c);
 }
@@ -7229,18 +4424,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_32f_P(const float* const* ppSrc,
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vc", float, "P">(c);
 }
@@ -7256,18 +4440,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_64f(const double* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vc", double, "S">(c);
 }
@@ -7283,18 +4456,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vc", double, "P">(c);
 }
@@ -7311,18 +4473,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mac_32f(const float* pSrc, int srcS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mac", float, "S">(c);
 }
@@ -7340,18 +4491,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mac_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mac", float, "L">(c);
 }
@@ -7369,18 +4509,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mac_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mac", float, "P">(c);
 }
@@ -7397,18 +4526,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mac_64f(const double* pSrc, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mac", double, "S">(c);
 }
@@ -7426,18 +4544,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mac_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mac", double, "L">(c);
 }
@@ -7455,18 +4562,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mac_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "mac", double, "P">(c);
 }
@@ -7483,18 +4579,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tac_32f(const float* pSrc, int srcS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tac", float, "S">(c);
 }
@@ -7512,18 +4597,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tac_32f_L(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tac", float, "L">(c);
 }
@@ -7541,18 +4615,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tac_32f_P(const float* const* ppSrc
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tac", float, "P">(c);
 }
@@ -7569,18 +4632,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tac_64f(const double* pSrc, int src
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tac", double, "S">(c);
 }
@@ -7598,18 +4650,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tac_64f_L(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tac", double, "L">(c);
 }
@@ -7627,18 +4668,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tac_64f_P(const double* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "tac", double, "P">(c);
 }
@@ -7655,18 +4685,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vac_32f(const float* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vac", float, "S">(c);
 }
@@ -7684,18 +4703,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vac_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vac", float, "L">(c);
 }
@@ -7713,18 +4721,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vac_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vac", float, "P">(c);
 }
@@ -7741,18 +4738,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vac_64f(const double* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vac", double, "S">(c);
 }
@@ -7770,18 +4756,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vac_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vac", double, "L">(c);
 }
@@ -7799,18 +4774,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vac_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vac", double, "P">(c);
 }
@@ -7828,18 +4792,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vca_32f(const float* pSrc, int srcS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vca", float, "S">(c);
 }
 
@@ -7857,18 +4810,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vca_32f_L(const float* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vca", float, "L">(c);
 }
 
@@ -7886,18 +4828,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vca_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vca", float, "P">(c);
 }
 
@@ -7914,18 +4845,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vca_64f(const double* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vca", double, "S">(c);
 }
 
@@ -7943,18 +4863,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vca_64f_L(const double* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vca", double, "L">(c);
 }
 
@@ -7972,18 +4881,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vca_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vca", double, "P">(c);
 }
 
@@ -8000,18 +4898,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vaca_32f(const float* pSrc, int src
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vaca", float, "S">(c);
 }
 
@@ -8029,18 +4916,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vaca_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vaca", float, "L">(c);
 }
 
@@ -8058,18 +4934,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vaca_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vaca", float, "P">(c);
 }
 
@@ -8086,18 +4951,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vaca_64f(const double* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vaca", double, "S">(c);
 }
 
@@ -8115,18 +4969,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vaca_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vaca", double, "L">(c);
 }
 
@@ -8144,17 +4987,6 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vaca_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::elementwise::entry<zel::Op::Mul, "vaca", double, "P">(c);
 }

@@ -16,18 +16,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_SS(const float* pSrc, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "SS">(c);
 }
 
@@ -45,18 +34,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_SL(const float* pSrc, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "SL">(c);
 }
 
@@ -74,18 +52,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_SP(const float* pSrc, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "SP">(c);
 }
 
@@ -103,18 +70,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_LS(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "LS">(c);
 }
 
@@ -131,18 +87,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_LL(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "LL">(c);
 }
 
@@ -160,18 +105,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_LP(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "LP">(c);
 }
 
@@ -189,18 +123,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_PS(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "PS">(c);
 }
 
@@ -218,18 +141,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_PL(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "PL">(c);
 }
 
@@ -246,18 +158,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_32f_PP(const float* const* ppSr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", float, "PP">(c);
 }
 
@@ -274,18 +175,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_SS(const double* pSrc, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "SS">(c);
 }
 
@@ -303,18 +193,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_SL(const double* pSrc, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "SL">(c);
 }
 
@@ -332,18 +211,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_SP(const double* pSrc, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "SP">(c);
 }
 
@@ -361,18 +229,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_LS(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "LS">(c);
 }
 
@@ -389,18 +246,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_LL(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "LL">(c);
 }
 
@@ -418,18 +264,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_LP(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "LP">(c);
 }
 
@@ -447,18 +282,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_PS(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "PS">(c);
 }
 
@@ -476,18 +300,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_PL(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "PL">(c);
 }
 
@@ -504,18 +317,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_ma_64f_PP(const double* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "ma", double, "PP">(c);
 }
 
@@ -532,18 +334,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_SS(const float* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "SS">(c);
 }
 
@@ -561,18 +352,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_SL(const float* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "SL">(c);
 }
 
@@ -590,18 +370,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_SP(const float* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "SP">(c);
 }
 
@@ -619,18 +388,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_LS(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "LS">(c);
 }
 
@@ -647,18 +405,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_LL(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "LL">(c);
 }
 
@@ -676,18 +423,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_LP(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "LP">(c);
 }
 
@@ -705,18 +441,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_PS(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "PS">(c);
 }
 
@@ -734,18 +459,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_PL(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "PL">(c);
 }
 
@@ -762,18 +476,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_32f_PP(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", float, "PP">(c);
 }
 
@@ -790,18 +493,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_SS(const double* pSrc, int 
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "SS">(c);
 }
 
@@ -819,18 +511,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_SL(const double* pSrc, int 
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "SL">(c);
 }
 
@@ -848,18 +529,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_SP(const double* pSrc, int 
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "SP">(c);
 }
 
@@ -877,18 +547,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_LS(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "LS">(c);
 }
 
@@ -905,18 +564,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_LL(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "LL">(c);
 }
 
@@ -934,18 +582,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_LP(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "LP">(c);
 }
 
@@ -963,18 +600,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_PS(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "PS">(c);
 }
 
@@ -992,18 +618,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_PL(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "PL">(c);
 }
 
@@ -1020,18 +635,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmCopy_va_64f_PP(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Copy, "va", double, "PP">(c);
 }
 
@@ -1047,18 +651,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmLoadIdentity_ma_32f(float* pDst, int ds
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::LoadIdentity, "ma", float, "S">(c);
 }
 
@@ -1074,18 +667,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmLoadIdentity_ma_32f_L(float* const* ppD
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::LoadIdentity, "ma", float, "L">(c);
 }
 
@@ -1101,18 +683,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmLoadIdentity_ma_32f_P(float* const* ppD
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::LoadIdentity, "ma", float, "P">(c);
 }
 
@@ -1128,18 +699,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmLoadIdentity_ma_64f(double* pDst, int d
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::LoadIdentity, "ma", double, "S">(c);
 }
 
@@ -1155,18 +715,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmLoadIdentity_ma_64f_L(double* const* pp
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::LoadIdentity, "ma", double, "L">(c);
 }
 
@@ -1182,18 +731,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmLoadIdentity_ma_64f_P(double* const* pp
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::LoadIdentity, "ma", double, "P">(c);
 }
 
@@ -1207,18 +745,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_m_32f(const float* pSrc, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "m", float, "S">(c);
 }
 
@@ -1232,18 +760,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_m_32f_P(const float* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "m", float, "P">(c);
 }
 
@@ -1257,18 +775,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_m_64f(const double* pSrc, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "m", double, "S">(c);
 }
 
@@ -1282,18 +790,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_m_64f_P(const double* const* pp
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "m", double, "P">(c);
 }
 
@@ -1307,18 +805,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_t_32f(const float* pSrc, int sr
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "t", float, "S">(c);
 }
 
@@ -1332,18 +820,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_t_32f_P(const float* const* ppS
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "t", float, "P">(c);
 }
 
@@ -1357,18 +835,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_t_64f(const double* pSrc, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "t", double, "S">(c);
 }
 
@@ -1382,18 +850,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_t_64f_P(const double* const* pp
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "t", double, "P">(c);
 }
 
@@ -1407,18 +865,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_v_32f(const float* pSrc, int sr
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "v", float, "S">(c);
 }
 
@@ -1432,18 +880,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_v_32f_P(const float* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "v", float, "P">(c);
 }
 
@@ -1457,18 +895,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_v_64f(const double* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "v", double, "S">(c);
 }
 
@@ -1482,18 +910,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_v_64f_P(const double* const* pp
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "v", double, "P">(c);
 }
 
@@ -1508,18 +926,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ma_32f(const float* pSrc, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ma", float, "S">(c);
 }
 
@@ -1535,18 +943,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ma_32f_L(const float* const* pp
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ma", float, "L">(c);
 }
 
@@ -1562,18 +960,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ma_32f_P(const float* const* pp
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ma", float, "P">(c);
 }
 
@@ -1588,18 +976,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ma_64f(const double* pSrc, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ma", double, "S">(c);
 }
 
@@ -1615,18 +993,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ma_64f_L(const double* const* p
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ma", double, "L">(c);
 }
 
@@ -1642,18 +1010,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ma_64f_P(const double* const* p
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ma", double, "P">(c);
 }
 
@@ -1668,18 +1026,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ta_32f(const float* pSrc, int s
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ta", float, "S">(c);
 }
 
@@ -1695,18 +1043,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ta_32f_L(const float* const* pp
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ta", float, "L">(c);
 }
 
@@ -1722,18 +1060,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ta_32f_P(const float* const* pp
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ta", float, "P">(c);
 }
 
@@ -1748,18 +1076,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ta_64f(const double* pSrc, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ta", double, "S">(c);
 }
 
@@ -1775,18 +1093,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ta_64f_L(const double* const* p
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ta", double, "L">(c);
 }
 
@@ -1802,18 +1110,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_ta_64f_P(const double* const* p
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "ta", double, "P">(c);
 }
 
@@ -1828,18 +1126,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_va_32f(const float* pSrc, int s
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "va", float, "S">(c);
 }
 
@@ -1855,18 +1143,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_va_32f_L(const float* const* pp
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "va", float, "L">(c);
 }
 
@@ -1882,18 +1160,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_va_32f_P(const float* const* pp
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "va", float, "P">(c);
 }
 
@@ -1908,18 +1176,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_va_64f(const double* pSrc, int 
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "va", double, "S">(c);
 }
 
@@ -1935,18 +1193,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_va_64f_L(const double* const* p
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "va", double, "L">(c);
 }
 
@@ -1962,18 +1210,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmExtract_va_64f_P(const double* const* p
     c.width = 0;
     c.height = 0;
     c.len = len;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
     c.out = pDst;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Extract, "va", double, "P">(c);
 }
 
@@ -1988,18 +1226,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_m_32f(const float* pSrc, int 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "m", float, "S">(c);
 }
 
@@ -2014,18 +1241,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_m_32f_P(const float* const* p
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "m", float, "P">(c);
 }
 
@@ -2040,18 +1256,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_m_64f(const double* pSrc, int
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "m", double, "S">(c);
 }
 
@@ -2066,18 +1271,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_m_64f_P(const double* const* 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "m", double, "P">(c);
 }
 
@@ -2093,18 +1287,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_ma_32f(const float* pSrc, int
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "ma", float, "S">(c);
 }
 
@@ -2121,18 +1304,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_ma_32f_L(const float* const* 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "ma", float, "L">(c);
 }
 
@@ -2149,18 +1321,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_ma_32f_P(const float* const* 
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "ma", float, "P">(c);
 }
 
@@ -2176,18 +1337,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_ma_64f(const double* pSrc, in
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "ma", double, "S">(c);
 }
 
@@ -2204,18 +1354,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_ma_64f_L(const double* const*
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "ma", double, "L">(c);
 }
 
@@ -2232,17 +1371,6 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmTranspose_ma_64f_P(const double* const*
     c.width = width;
     c.height = height;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
-    c.src1Width = 0;
-    c.src1Height = 0;
-    c.src2Width = 0;
-    c.src2Height = 0;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::movement::entry<zel::Op::Transpose, "ma", double, "P">(c);
 }

@@ -16,18 +16,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mm_32f(const float* pSrc1, int src1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mm", float, "S">(c);
 }
 
@@ -44,18 +37,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mm_32f_P(const float* const* ppSrc1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mm", float, "P">(c);
 }
 
@@ -72,18 +58,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mm_64f(const double* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mm", double, "S">(c);
 }
 
@@ -100,18 +79,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mm_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mm", double, "P">(c);
 }
 
@@ -128,18 +100,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mt_32f(const float* pSrc1, int src1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mt", float, "S">(c);
 }
 
@@ -156,18 +121,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mt_32f_P(const float* const* ppSrc1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mt", float, "P">(c);
 }
 
@@ -184,18 +142,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mt_64f(const double* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mt", double, "S">(c);
 }
 
@@ -212,18 +163,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mt_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mt", double, "P">(c);
 }
 
@@ -240,18 +184,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tm_32f(const float* pSrc1, int src1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tm", float, "S">(c);
 }
 
@@ -268,18 +205,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tm_32f_P(const float* const* ppSrc1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tm", float, "P">(c);
 }
 
@@ -296,18 +226,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tm_64f(const double* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tm", double, "S">(c);
 }
 
@@ -324,18 +247,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tm_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tm", double, "P">(c);
 }
 
@@ -352,18 +268,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tt_32f(const float* pSrc1, int src1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tt", float, "S">(c);
 }
 
@@ -380,18 +289,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tt_32f_P(const float* const* ppSrc1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tt", float, "P">(c);
 }
 
@@ -408,18 +310,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tt_64f(const double* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tt", double, "S">(c);
 }
 
@@ -436,18 +331,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tt_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tt", double, "P">(c);
 }
 
@@ -464,18 +352,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mv_32f(const float* pSrc1, int src1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mv", float, "S">(c);
 }
 
@@ -492,18 +372,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mv_32f_P(const float* const* ppSrc1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mv", float, "P">(c);
 }
 
@@ -520,18 +392,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mv_64f(const double* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mv", double, "S">(c);
 }
 
@@ -548,18 +412,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mv_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mv", double, "P">(c);
 }
 
@@ -576,18 +432,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tv_32f(const float* pSrc1, int src1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tv", float, "S">(c);
 }
 
@@ -604,18 +452,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tv_32f_P(const float* const* ppSrc1
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tv", float, "P">(c);
 }
 
@@ -632,18 +472,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tv_64f(const double* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tv", double, "S">(c);
 }
 
@@ -660,18 +492,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tv_64f_P(const double* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tv", double, "P">(c);
 }
 
@@ -689,18 +513,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mam_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mam", float, "S">(c);
 }
 
@@ -719,18 +536,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mam_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mam", float, "L">(c);
 }
 
@@ -749,18 +559,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mam_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mam", float, "P">(c);
 }
 
@@ -778,18 +581,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mam_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mam", double, "S">(c);
 }
 
@@ -808,18 +604,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mam_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mam", double, "L">(c);
 }
 
@@ -838,18 +627,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mam_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mam", double, "P">(c);
 }
 
@@ -867,18 +649,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mat_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mat", float, "S">(c);
 }
 
@@ -897,18 +672,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mat_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mat", float, "L">(c);
 }
 
@@ -927,18 +695,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mat_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mat", float, "P">(c);
 }
 
@@ -956,18 +717,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mat_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mat", double, "S">(c);
 }
 
@@ -986,18 +740,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mat_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mat", double, "L">(c);
 }
 
@@ -1016,18 +763,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mat_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mat", double, "P">(c);
 }
 
@@ -1045,18 +785,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tam_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tam", float, "S">(c);
 }
 
@@ -1075,18 +808,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tam_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tam", float, "L">(c);
 }
 
@@ -1105,18 +831,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tam_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tam", float, "P">(c);
 }
 
@@ -1134,18 +853,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tam_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tam", double, "S">(c);
 }
 
@@ -1164,18 +876,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tam_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tam", double, "L">(c);
 }
 
@@ -1194,18 +899,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tam_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tam", double, "P">(c);
 }
 
@@ -1223,18 +921,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tat_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tat", float, "S">(c);
 }
 
@@ -1253,18 +944,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tat_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tat", float, "L">(c);
 }
 
@@ -1283,18 +967,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tat_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tat", float, "P">(c);
 }
 
@@ -1312,18 +989,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tat_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tat", double, "S">(c);
 }
 
@@ -1342,18 +1012,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tat_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tat", double, "L">(c);
 }
 
@@ -1372,18 +1035,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tat_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tat", double, "P">(c);
 }
 
@@ -1401,18 +1057,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mma_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mma", float, "S">(c);
 }
 
@@ -1431,18 +1080,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mma_32f_L(const float* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mma", float, "L">(c);
 }
 
@@ -1461,18 +1103,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mma_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mma", float, "P">(c);
 }
 
@@ -1490,18 +1125,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mma_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mma", double, "S">(c);
 }
 
@@ -1520,18 +1148,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mma_64f_L(const double* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mma", double, "L">(c);
 }
 
@@ -1550,18 +1171,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mma_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mma", double, "P">(c);
 }
 
@@ -1579,18 +1193,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mta_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mta", float, "S">(c);
 }
 
@@ -1609,18 +1216,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mta_32f_L(const float* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mta", float, "L">(c);
 }
 
@@ -1639,18 +1239,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mta_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mta", float, "P">(c);
 }
 
@@ -1668,18 +1261,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mta_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mta", double, "S">(c);
 }
 
@@ -1698,18 +1284,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mta_64f_L(const double* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mta", double, "L">(c);
 }
 
@@ -1728,18 +1307,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mta_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mta", double, "P">(c);
 }
 
@@ -1757,18 +1329,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tma_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tma", float, "S">(c);
 }
 
@@ -1787,18 +1352,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tma_32f_L(const float* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tma", float, "L">(c);
 }
 
@@ -1817,18 +1375,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tma_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tma", float, "P">(c);
 }
 
@@ -1846,18 +1397,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tma_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tma", double, "S">(c);
 }
 
@@ -1876,18 +1420,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tma_64f_L(const double* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tma", double, "L">(c);
 }
 
@@ -1906,18 +1443,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tma_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tma", double, "P">(c);
 }
 
@@ -1935,18 +1465,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tta_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tta", float, "S">(c);
 }
 
@@ -1965,18 +1488,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tta_32f_L(const float* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tta", float, "L">(c);
 }
 
@@ -1995,18 +1511,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tta_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tta", float, "P">(c);
 }
 
@@ -2024,18 +1533,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tta_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tta", double, "S">(c);
 }
 
@@ -2054,18 +1556,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tta_64f_L(const double* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tta", double, "L">(c);
 }
 
@@ -2084,18 +1579,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tta_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tta", double, "P">(c);
 }
 
@@ -2113,18 +1601,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mama_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mama", float, "S">(c);
 }
 
@@ -2143,18 +1624,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mama_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mama", float, "L">(c);
 }
 
@@ -2173,18 +1647,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mama_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mama", float, "P">(c);
 }
 
@@ -2202,18 +1669,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mama_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mama", double, "S">(c);
 }
 
@@ -2232,18 +1692,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mama_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mama", double, "L">(c);
 }
 
@@ -2262,18 +1715,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mama_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mama", double, "P">(c);
 }
 
@@ -2291,18 +1737,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mata_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mata", float, "S">(c);
 }
 
@@ -2321,18 +1760,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mata_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mata", float, "L">(c);
 }
 
@@ -2351,18 +1783,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mata_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mata", float, "P">(c);
 }
 
@@ -2380,18 +1805,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mata_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mata", double, "S">(c);
 }
 
@@ -2410,18 +1828,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mata_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mata", double, "L">(c);
 }
 
@@ -2440,18 +1851,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mata_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mata", double, "P">(c);
 }
 
@@ -2469,18 +1873,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tama_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tama", float, "S">(c);
 }
 
@@ -2499,18 +1896,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tama_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tama", float, "L">(c);
 }
 
@@ -2529,18 +1919,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tama_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tama", float, "P">(c);
 }
 
@@ -2558,18 +1941,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tama_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tama", double, "S">(c);
 }
 
@@ -2588,18 +1964,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tama_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tama", double, "L">(c);
 }
 
@@ -2618,18 +1987,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tama_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tama", double, "P">(c);
 }
 
@@ -2647,18 +2009,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tata_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tata", float, "S">(c);
 }
 
@@ -2677,18 +2032,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tata_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tata", float, "L">(c);
 }
 
@@ -2707,18 +2055,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tata_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tata", float, "P">(c);
 }
 
@@ -2736,18 +2077,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tata_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tata", double, "S">(c);
 }
 
@@ -2766,18 +2100,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tata_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tata", double, "L">(c);
 }
 
@@ -2796,18 +2123,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tata_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
     c.src2Width = src2Width;
     c.src2Height = src2Height;
-    c.src2Len = 0;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tata", double, "P">(c);
 }
 
@@ -2825,18 +2145,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mav_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mav", float, "S">(c);
 }
 
@@ -2855,18 +2167,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mav_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mav", float, "L">(c);
 }
 
@@ -2885,18 +2189,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mav_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mav", float, "P">(c);
 }
 
@@ -2914,18 +2210,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mav_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mav", double, "S">(c);
 }
 
@@ -2944,18 +2232,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mav_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mav", double, "L">(c);
 }
 
@@ -2974,18 +2254,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mav_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mav", double, "P">(c);
 }
 
@@ -3003,18 +2275,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tav_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tav", float, "S">(c);
 }
 
@@ -3033,18 +2297,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tav_32f_L(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tav", float, "L">(c);
 }
 
@@ -3063,18 +2319,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tav_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tav", float, "P">(c);
 }
 
@@ -3092,18 +2340,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tav_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tav", double, "S">(c);
 }
 
@@ -3122,18 +2362,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tav_64f_L(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tav", double, "L">(c);
 }
 
@@ -3152,18 +2384,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tav_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tav", double, "P">(c);
 }
 
@@ -3181,18 +2405,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mva_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mva", float, "S">(c);
 }
 
@@ -3211,18 +2427,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mva_32f_L(const float* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mva", float, "L">(c);
 }
 
@@ -3241,18 +2449,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mva_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mva", float, "P">(c);
 }
 
@@ -3270,18 +2470,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mva_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mva", double, "S">(c);
 }
 
@@ -3300,18 +2492,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mva_64f_L(const double* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mva", double, "L">(c);
 }
 
@@ -3330,18 +2514,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mva_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mva", double, "P">(c);
 }
 
@@ -3359,18 +2535,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tva_32f(const float* pSrc1, int src
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tva", float, "S">(c);
 }
 
@@ -3389,18 +2557,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tva_32f_L(const float* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tva", float, "L">(c);
 }
 
@@ -3419,18 +2579,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tva_32f_P(const float* const* ppSrc
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tva", float, "P">(c);
 }
 
@@ -3448,18 +2600,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tva_64f(const double* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tva", double, "S">(c);
 }
 
@@ -3478,18 +2622,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tva_64f_L(const double* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tva", double, "L">(c);
 }
 
@@ -3508,18 +2644,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tva_64f_P(const double* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tva", double, "P">(c);
 }
 
@@ -3537,18 +2665,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mava_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mava", float, "S">(c);
 }
 
@@ -3567,18 +2687,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mava_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mava", float, "L">(c);
 }
 
@@ -3597,18 +2709,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mava_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mava", float, "P">(c);
 }
 
@@ -3626,18 +2730,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mava_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mava", double, "S">(c);
 }
 
@@ -3656,18 +2752,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mava_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mava", double, "L">(c);
 }
 
@@ -3686,18 +2774,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_mava_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "mava", double, "P">(c);
 }
 
@@ -3715,18 +2795,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tava_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tava", float, "S">(c);
 }
 
@@ -3745,18 +2817,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tava_32f_L(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tava", float, "L">(c);
 }
 
@@ -3775,18 +2839,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tava_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tava", float, "P">(c);
 }
 
@@ -3804,18 +2860,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tava_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tava", double, "S">(c);
 }
 
@@ -3834,18 +2882,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tava_64f_L(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tava", double, "L">(c);
 }
 
@@ -3864,18 +2904,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tava_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
-    c.src3Len = 0;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Mul, "tava", double, "P">(c);
 }
 
@@ -3893,18 +2925,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mv_32f(const float* pSrc1, int sr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mv", float, "S">(c);
 }
 
@@ -3922,18 +2947,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mv_32f_P(const float* const* ppSr
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mv", float, "P">(c);
 }
 
@@ -3951,18 +2969,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mv_64f(const double* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mv", double, "S">(c);
 }
 
@@ -3980,18 +2991,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mv_64f_P(const double* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = 1;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mv", double, "P">(c);
 }
 
@@ -4010,18 +3014,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mva_32f(const float* pSrc1, int s
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mva", float, "S">(c);
 }
 
@@ -4041,18 +3038,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mva_32f_L(const float* pSrc1, int
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mva", float, "L">(c);
 }
 
@@ -4072,18 +3062,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mva_32f_P(const float* const* ppS
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mva", float, "P">(c);
 }
 
@@ -4102,18 +3085,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mva_64f(const double* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mva", double, "S">(c);
 }
 
@@ -4133,18 +3109,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mva_64f_L(const double* pSrc1, in
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mva", double, "L">(c);
 }
 
@@ -4164,18 +3133,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mva_64f_P(const double* const* pp
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mva", double, "P">(c);
 }
 
@@ -4194,18 +3156,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mvav_32f(const float* pSrc1, int 
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mvav", float, "S">(c);
 }
 
@@ -4225,18 +3180,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mvav_32f_L(const float* pSrc1, in
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mvav", float, "L">(c);
 }
 
@@ -4256,18 +3204,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mvav_32f_P(const float* const* pp
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mvav", float, "P">(c);
 }
 
@@ -4286,18 +3227,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mvav_64f(const double* pSrc1, int
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mvav", double, "S">(c);
 }
 
@@ -4317,18 +3251,11 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mvav_64f_L(const double* pSrc1, i
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mvav", double, "L">(c);
 }
 
@@ -4348,17 +3275,10 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmGaxpy_mvav_64f_P(const double* const* p
     c.width = 0;
     c.height = 0;
     c.len = 0;
-    c.widthHeight = 0;
     c.count = count;
     c.src1Width = src1Width;
     c.src1Height = src1Height;
-    c.src2Width = 0;
-    c.src2Height = 0;
     c.src2Len = src2Len;
     c.src3Len = src3Len;
-    c.buf = nullptr;
-    c.idx = nullptr;
-    c.out = nullptr;
-    c.out2 = nullptr;
     return zel::products::entry<zel::Op::Gaxpy, "mvav", double, "P">(c);
 }
