@@ -341,6 +341,13 @@ ZEL_INLINE auto source(const Call<T>& c, int k, int W, int H) {
     }
 }
 
+// An int field read on its own, kept out of any wider combined load.
+ZEL_INLINE int scalar_read(const int& f) {
+    int v = f;
+    asm("" : "+r"(v));
+    return v;
+}
+
 template <Arith A, bool XS, bool YS, class T>
 __attribute__((noinline)) void run_long(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
     run<A, XS, YS, false>(d, x, y, len);
@@ -349,7 +356,7 @@ __attribute__((noinline)) void run_long(T* d, RowArg<T> x, RowArg<T> y, std::ptr
 // Everything but the short path of a single contiguous vector: a function of
 // its own, so that the short path sets up no frame for it.
 template <Op O, Str Sig, class T, Str FS>
-__attribute__((noinline)) zelStatus general(Call<T> c) {
+__attribute__((noinline)) zelStatus general(const Call<T>& call) {
     static constexpr Operands ops = parse<Sig>();
     constexpr Form F = form_of<FS>();
     constexpr bool array = ops.any_array();
@@ -359,9 +366,19 @@ __attribute__((noinline)) zelStatus general(Call<T> c) {
     constexpr int ix = 0, iy = lx.kind == 'c' ? 0 : 1;
     constexpr Arith A = arith_of<O>();
     constexpr Form DF = operand_form(F, array);
-    const int W = matrix ? c.width : c.len;
-    const int H = matrix ? c.height : 1;
-    if (!array) c.count = 1;
+    // The sizes are read one by one: the caller has just stored them as
+    // separate 4-byte fields, and a combined wider load of two of them
+    // would wait for those stores instead of being forwarded from them.
+    const int W = matrix ? scalar_read(call.width) : scalar_read(call.len);
+    const int H = matrix ? scalar_read(call.height) : 1;
+    // Taken by reference: an array call runs on the caller's gathered
+    // arguments as they are, without a copy of them per call.
+    Call<T> one;
+    if constexpr (!array) {
+        one = call;
+        one.count = 1;
+    }
+    const Call<T>& c = array ? call : one;
 
     // The kernel without S2 when every stride2 is the element size.
     bool unit = true;
@@ -395,7 +412,9 @@ __attribute__((noinline)) zelStatus general(Call<T> c) {
         constexpr bool wrapper =
             has_wrapper(op_name<O>(), std::string_view(Sig.s, Sig.size()), sizeof(T) == 8, F);
         if constexpr (wrapper) {
-            if (goes_parallel(rule, F, unit, sizeof(T) == 8, c.width, c.height, c.len, c.count)) {
+            if (goes_parallel(rule, F, unit, sizeof(T) == 8, matrix ? W : scalar_read(c.width),
+                              matrix ? H : scalar_read(c.height), matrix ? scalar_read(c.len) : W,
+                              scalar_read(c.count))) {
                 FanSpec fs{};
                 fs.form = F;
                 fs.src_arrays = (lx.kind != 'c' && lx.array ? 1u << ix : 0u) |
@@ -426,8 +445,9 @@ ZEL_INLINE zelStatus entry(Call<T>& call) {
     // lengths that dominate single-vector calls pay for nothing else.
     if constexpr (!array && !matrix && F == Form::S) {
         constexpr int E = int(sizeof(T));
-        if (call.dst[0].s2 == E && (lx.kind == 'c' || call.src[ix].s2 == E) &&
-            (ly.kind == 'c' || call.src[iy].s2 == E)) {
+        if (__builtin_expect(call.dst[0].s2 == E && (lx.kind == 'c' || call.src[ix].s2 == E) &&
+                                 (ly.kind == 'c' || call.src[iy].s2 == E),
+                             1)) {
             const RowArg<T> x = lx.kind == 'c' ? RowArg<T>{nullptr, 0, call.val}
                                                : RowArg<T>{static_cast<const T*>(call.src[ix].p), 1, T()};
             const RowArg<T> y = ly.kind == 'c' ? RowArg<T>{nullptr, 0, call.val}

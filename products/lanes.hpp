@@ -249,6 +249,43 @@ struct Cols4<float> {
                                    {_mm_mul_ps(c[3], _mm_shuffle_ps(xv, xv, 0xff))}};
         _mm_storeu_ps(d, fast_sum<Sum4<__m128>>(F, 4, 0, t).v);
     }
+    // Two objects x, y at once: rows 0, 1 of both in one vector
+    // [d_x(0), d_x(1), d_y(0), d_y(1)], rows 2, 3 in another; x(k) and y(k)
+    // paired by one shuffle for the four rows. Both loads come before the
+    // stores (the caller checks that the destinations do not overlap the
+    // other object's vector).
+    struct Pair {
+        __m128 lo[4], hi[4];  // lo[k] = [a(0,k), a(1,k), a(0,k), a(1,k)], hi[k] rows 2, 3
+    };
+    ZEL_INLINE Pair pair() const {
+        Pair p;
+        for (int k = 0; k < 4; ++k) {
+            p.lo[k] = _mm_movelh_ps(c[k], c[k]);
+            p.hi[k] = _mm_movehl_ps(c[k], c[k]);
+        }
+        return p;
+    }
+    template <Fast F>
+    static ZEL_INLINE void apply2(const Pair& p, const float* x, const float* y, float* dx, float* dy) {
+        const __m128 xv = _mm_loadu_ps(x), yv = _mm_loadu_ps(y);
+        const __m128 xy[4] = {_mm_shuffle_ps(xv, yv, 0x00), _mm_shuffle_ps(xv, yv, 0x55),
+                              _mm_shuffle_ps(xv, yv, 0xaa), _mm_shuffle_ps(xv, yv, 0xff)};
+        const Sum4<__m128> tl[4] = {{_mm_mul_ps(p.lo[0], xy[0])},
+                                    {_mm_mul_ps(p.lo[1], xy[1])},
+                                    {_mm_mul_ps(p.lo[2], xy[2])},
+                                    {_mm_mul_ps(p.lo[3], xy[3])}};
+        const Sum4<__m128> th[4] = {{_mm_mul_ps(p.hi[0], xy[0])},
+                                    {_mm_mul_ps(p.hi[1], xy[1])},
+                                    {_mm_mul_ps(p.hi[2], xy[2])},
+                                    {_mm_mul_ps(p.hi[3], xy[3])}};
+        const __m128 rl = fast_sum<Sum4<__m128>>(F, 4, 0, tl).v;
+        const __m128 rh = fast_sum<Sum4<__m128>>(F, 4, 0, th).v;
+        // halves stored as they are, no shuffle back
+        _mm_storel_pi(reinterpret_cast<__m64*>(dx), rl);
+        _mm_storel_pi(reinterpret_cast<__m64*>(dx + 2), rh);
+        _mm_storeh_pi(reinterpret_cast<__m64*>(dy), rl);
+        _mm_storeh_pi(reinterpret_cast<__m64*>(dy + 2), rh);
+    }
 };
 
 template <>

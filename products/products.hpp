@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <string_view>
+#include <type_traits>
 
 #include "frame/fanout.hpp"
 #include "products/lanes.hpp"
@@ -244,6 +245,24 @@ void mv4_lanes(const Call<T>& c, int count) {
     }
 }
 
+// Whether objects may be taken two at a time (both sources read before the
+// destinations are written): the destination and source ranges of the call
+// apart, or the destination the source itself with objects apart.
+inline bool mv_pairs_safe(const Opd& x, const Opd& d, int count, std::ptrdiff_t bytes) {
+    const auto span = [&](const Opd& o, std::uintptr_t& lo, std::uintptr_t& hi) {
+        const std::uintptr_t b = reinterpret_cast<std::uintptr_t>(o.p);
+        const std::ptrdiff_t last = std::ptrdiff_t(count - 1) * o.s0;
+        lo = b + std::uintptr_t(last < 0 ? last : 0);
+        hi = b + std::uintptr_t((last < 0 ? 0 : last) + bytes);
+    };
+    std::uintptr_t xl, xh, dl, dh;
+    span(x, xl, xh);
+    span(d, dl, dh);
+    if (dh <= xl || xh <= dl) return true;
+    const std::ptrdiff_t s = x.s0 < 0 ? -std::ptrdiff_t(x.s0) : x.s0;
+    return x.p == d.p && x.s0 == d.s0 && s >= bytes;
+}
+
 // The same with one matrix for all objects, the rows of the destination in
 // lanes: any association of four terms.
 template <Fast FS, bool TA, class T, Form FA, Form FX, Form FD>
@@ -252,7 +271,24 @@ void mv4_cols(const Call<T>& c, int count) {
     const auto a = view_of<T, FA, true>(c.src[0], 0, c.src1Width);
     cols.load([&](int i, int k) { return elem<TA>(a, i, k); });
     const Opd ox = c.src[1], od = c.dst[0];  // kept in registers across the stores
-    for (int o = 0; o < count; ++o) {
+    int o = 0;
+    if constexpr (std::is_same_v<T, float> && FX == Form::S && FD == Form::S) {
+        // Two objects per step, both vectors loaded before the two stores:
+        // only where no destination overlaps another object's vector.
+        if (count >= 2 && mv_pairs_safe(ox, od, count, 4 * std::ptrdiff_t(sizeof(T)))) {
+            const auto p = cols.pair();
+            const char* xp = static_cast<const char*>(ox.p);
+            char* dp = static_cast<char*>(const_cast<void*>(od.p));
+            const std::ptrdiff_t xs = ox.s0, ds = od.s0;
+            for (; o + 1 < count; o += 2) {
+                lanes::Cols4<T>::template apply2<FS>(p, reinterpret_cast<const T*>(xp), reinterpret_cast<const T*>(xp + xs),
+                                                     reinterpret_cast<T*>(dp), reinterpret_cast<T*>(dp + ds));
+                xp += 2 * xs;
+                dp += 2 * ds;
+            }
+        }
+    }
+    for (; o < count; ++o) {
         const auto x = view_of<T, FX, true>(ox, o, 0);
         const auto d = view_of<T, FD, true>(od, o, 0);
         cols.template apply<FS>(x.ptr(0, 0), d.ptr(0, 0));
