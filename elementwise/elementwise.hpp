@@ -353,18 +353,29 @@ __attribute__((noinline)) void run_long(T* d, RowArg<T> x, RowArg<T> y, std::ptr
     run<A, XS, YS, false>(d, x, y, len);
 }
 
+// What a signature and form say about a call, at compile time.
+template <Op O, Str Sig, Str FS>
+struct Shape {
+    static constexpr Operands ops = parse<Sig>();
+    static constexpr Form F = form_of<FS>();
+    static constexpr bool array = ops.any_array();
+    static constexpr Letter lx = ops.l[0], ly = ops.l[1];
+    static constexpr bool matrix = lx.kind == 'm' || lx.kind == 't' || ly.kind == 'm' || ly.kind == 't';
+    // Non-constant operands take src[0], src[1] in the order of the letters.
+    static constexpr int ix = 0, iy = lx.kind == 'c' ? 0 : 1;
+    static constexpr Arith A = arith_of<O>();
+};
+
 // Everything but the short path of a single contiguous vector: a function of
 // its own, so that the short path sets up no frame for it.
 template <Op O, Str Sig, class T, Str FS>
 __attribute__((noinline)) zelStatus general(const Call<T>& call) {
-    static constexpr Operands ops = parse<Sig>();
-    constexpr Form F = form_of<FS>();
-    constexpr bool array = ops.any_array();
-    static constexpr Letter lx = ops.l[0], ly = ops.l[1];
-    constexpr bool matrix = lx.kind == 'm' || lx.kind == 't' || ly.kind == 'm' || ly.kind == 't';
-    // Non-constant operands take src[0], src[1] in the order of the letters.
-    constexpr int ix = 0, iy = lx.kind == 'c' ? 0 : 1;
-    constexpr Arith A = arith_of<O>();
+    using S = Shape<O, Sig, FS>;
+    constexpr Form F = S::F;
+    constexpr bool array = S::array, matrix = S::matrix;
+    static constexpr Letter lx = S::lx, ly = S::ly;
+    constexpr int ix = S::ix, iy = S::iy;
+    constexpr Arith A = S::A;
     constexpr Form DF = operand_form(F, array);
     // The sizes are read one by one: the caller has just stored them as
     // separate 4-byte fields, and a combined wider load of two of them
@@ -432,14 +443,12 @@ __attribute__((noinline)) zelStatus general(const Call<T>& call) {
 // The entry of every element-wise export, behind its argument tests.
 template <Op O, Str Sig, class T, Str FS>
 ZEL_INLINE zelStatus entry(Call<T>& call) {
-    static constexpr Operands ops = parse<Sig>();
-    constexpr Form F = form_of<FS>();
-    constexpr bool array = ops.any_array();
-    static constexpr Letter lx = ops.l[0], ly = ops.l[1];
-    constexpr bool matrix = lx.kind == 'm' || lx.kind == 't' || ly.kind == 'm' || ly.kind == 't';
-    // Non-constant operands take src[0], src[1] in the order of the letters.
-    constexpr int ix = 0, iy = lx.kind == 'c' ? 0 : 1;
-    constexpr Arith A = arith_of<O>();
+    using S = Shape<O, Sig, FS>;
+    constexpr Form F = S::F;
+    constexpr bool array = S::array, matrix = S::matrix;
+    static constexpr Letter lx = S::lx, ly = S::ly;
+    constexpr int ix = S::ix, iy = S::iy;
+    constexpr Arith A = S::A;
 
     // A single contiguous vector goes straight to the row loop: the short
     // lengths that dominate single-vector calls pay for nothing else.
