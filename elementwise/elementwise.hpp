@@ -382,14 +382,8 @@ __attribute__((noinline)) zelStatus general(const Call<T>& call) {
     // would wait for those stores instead of being forwarded from them.
     const int W = matrix ? scalar_read(call.width) : scalar_read(call.len);
     const int H = matrix ? scalar_read(call.height) : 1;
-    // Taken by reference: an array call runs on the caller's gathered
-    // arguments as they are, without a copy of them per call.
-    Call<T> one;
-    if constexpr (!array) {
-        one = call;
-        one.count = 1;
-    }
-    const Call<T>& c = array ? call : one;
+    // A single object comes with count 1 from its API function.
+    const Call<T>& c = call;
 
     // The kernel without S2 when every stride2 is the element size.
     bool unit = true;
