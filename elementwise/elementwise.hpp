@@ -434,6 +434,36 @@ __attribute__((noinline)) zelStatus general(const Call<T>& call) {
 }
 
 
+// The short path of a single contiguous vector of up to 16 elements, on the
+// arguments as they stand: true when it has done the work.
+template <Op O, Str Sig, class T>
+ZEL_INLINE bool quick(const Quick<T>& q) {
+    using S = Shape<O, Sig, "S">;
+    constexpr bool XS = S::lx.kind == 'c', YS = S::ly.kind == 'c';
+    constexpr int E = int(sizeof(T)), ix = S::ix, iy = S::iy;
+    const int len = q.len;
+    // One test of all strides, in registers (comparing the two source strides
+    // as one 64-bit word from memory stalls on the stores that made them).
+    const int off = (q.ds ^ E) | (XS ? 0 : q.s2[ix] ^ E) | (YS ? 0 : q.s2[iy] ^ E);
+    if (off != 0 || len > 16) return false;
+    const T* x = static_cast<const T*>(q.src[ix]);
+    const T* y = static_cast<const T*>(q.src[iy]);
+    T* d = static_cast<T*>(q.dst);
+    using L = Lanes<T>;
+    int j = 0;
+    for (; j + L::n <= len; j += L::n)
+        L::store(d + j, L::template op<S::A>(XS ? L::splat(q.val) : L::load(x + j),
+                                             YS ? L::splat(q.val) : L::load(y + j)));
+    // The last elements one by one, written out rather than looped: a loop
+    // here is vectorised again, with overlap tests that cost a frame.
+    const auto one = [&](int k) { store(d + k, apply<S::A>(XS ? q.val : load(x + k), YS ? q.val : load(y + k))); };
+    const int r = len - j;
+    if (r > 0) one(j);
+    if (L::n > 2 && r > 1) one(j + 1);
+    if (L::n > 3 && r > 2) one(j + 2);
+    return true;
+}
+
 // The entry of every element-wise export, behind its argument tests.
 template <Op O, Str Sig, class T, Str FS>
 ZEL_INLINE zelStatus entry(Call<T>& call) {
@@ -444,30 +474,16 @@ ZEL_INLINE zelStatus entry(Call<T>& call) {
     constexpr int ix = S::ix, iy = S::iy;
     constexpr Arith A = S::A;
 
-    // A single contiguous vector goes straight to the row loop: the short
-    // lengths that dominate single-vector calls pay for nothing else.
+    // A single contiguous vector longer than the short path goes straight to
+    // the row loop.
     if constexpr (!array && !matrix && F == Form::S) {
         constexpr int E = int(sizeof(T));
         if (__builtin_expect(call.dst[0].s2 == E && (lx.kind == 'c' || call.src[ix].s2 == E) &&
                                  (ly.kind == 'c' || call.src[iy].s2 == E),
                              1)) {
-            const RowArg<T> x = lx.kind == 'c' ? RowArg<T>{nullptr, 0, call.val}
-                                               : RowArg<T>{static_cast<const T*>(call.src[ix].p), 1, T()};
-            const RowArg<T> y = ly.kind == 'c' ? RowArg<T>{nullptr, 0, call.val}
-                                               : RowArg<T>{static_cast<const T*>(call.src[iy].p), 1, T()};
-            T* d = byte_add<T>(call.dst[0].p, 0);
-            constexpr bool XS = lx.kind == 'c', YS = ly.kind == 'c';
-            const int len = call.len;
-            if (len > 16) {
-                run_long<A, XS, YS>(d, x, y, len);
-                return zelStsOk;
-            }
-            using L = Lanes<T>;
-            int j = 0;
-            for (; j + L::n <= len; j += L::n)
-                L::store(d + j, L::template op<A>(XS ? L::splat(x.s) : L::load(x.p + j),
-                                                  YS ? L::splat(y.s) : L::load(y.p + j)));
-            for (; j < len; ++j) store(d + j, apply<A>(XS ? x.s : load(x.p + j), YS ? y.s : load(y.p + j)));
+            const RowArg<T> x{static_cast<const T*>(call.src[ix].p), 1, call.val};
+            const RowArg<T> y{static_cast<const T*>(call.src[iy].p), 1, call.val};
+            run_long<A, lx.kind == 'c', ly.kind == 'c'>(byte_add<T>(call.dst[0].p, 0), x, y, call.len);
             return zelStsOk;
         }
     }

@@ -54,6 +54,19 @@ struct Call {
     T* out2;       // pDstValuesIm
 };
 
+// A single vector call as its arguments stand, for a family's short path that
+// runs before the call record is built: at the shortest lengths the record's
+// stack frame costs more than the arithmetic.
+template <class T>
+struct Quick {
+    const void* src[2];
+    int s2[2];
+    void* dst;
+    int ds;
+    T val;
+    int len;
+};
+
 // The argument tests. A stride must be a positive multiple of the element
 // size; a shift a non-negative one.
 template <class T>

@@ -411,6 +411,17 @@ def check_code(e, T):
     return lines
 
 
+def quick_call(e, T, subsystem):
+    """The family's short path on the raw arguments, where the registry gives one."""
+    if e.form != "S" or e.sig not in R.QUICK.get(subsystem, ()):
+        return []
+    f = dict((f, n) for n, f in call_fields(e))
+    src = ", ".join(f.get(f"src[{i}].p", "nullptr") for i in range(2))
+    s2 = ", ".join(f.get(f"src[{i}].s2", "0") for i in range(2))
+    q = f"zel::Quick<{T}>{{{{{src}}}, {{{s2}}}, {f['dst[0].p']}, {f['dst[0].s2']}, {f.get('val', '0')}, {f['len']}}}"
+    return [f"    if (zel::{subsystem}::quick<zel::Op::{e.op}, \"{e.sig}\", {T}>({q})) return zelStsOk;"]
+
+
 def api_file(exports, subsystem):
     impl = [e for e in exports if e.implemented and not e.fixed and e.subsystem == subsystem]
     out = [f"// {BANNER}",
@@ -419,12 +430,18 @@ def api_file(exports, subsystem):
            f"#include \"{subsystem}/{subsystem}.hpp\"", ""]
     for e in impl:
         T = ELEM[e.typ]
+        quick = quick_call(e, T, subsystem)
+        record = [f"    zel::Call<{T}> c;"] + [f"    {line}" for line in call_init(e)]
+        record.append(f"    return zel::{subsystem}::entry<zel::Op::{e.op}, \"{e.sig}\", {T}, \"{e.form}\">(c);")
+        if quick:
+            # The record is built in a function of its own, so that the short
+            # path sets up no stack frame for it.
+            out += [f"static __attribute__((noinline)) {e.proto('record_')}", "{"] + record + ["}", ""]
+            args = ", ".join(n for _, n in e.params)
+            record = [f"    return record_{e.name}({args});"]
         out.append(f"extern \"C\" ZEL_INTERNAL {e.proto('w7_')}")
         out.append("{")
-        out += check_code(e, T)
-        out.append(f"    zel::Call<{T}> c;")
-        out += [f"    {line}" for line in call_init(e)]
-        out.append(f"    return zel::{subsystem}::entry<zel::Op::{e.op}, \"{e.sig}\", {T}, \"{e.form}\">(c);")
+        out += check_code(e, T) + quick + record
         out.append("}")
         out.append("")
     return "\n".join(out)

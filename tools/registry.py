@@ -207,3 +207,8 @@ IMPLEMENTED = {
     "Transpose": "m ma",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
+
+# Signatures whose standard form gets a short path on the arguments as they
+# stand, before the call record is built: subsystem -> signatures. The
+# family's quick<>() takes a zel::Quick and says whether it did the work.
+QUICK = {"elementwise": {"vv", "vc", "cv"}}

@@ -195,11 +195,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_tt_64f_P(const double* const* ppSrc
     return zel::elementwise::entry<zel::Op::Add, "tt", double, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_32f(const float* pSrc1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmAdd_vv_32f(const float* pSrc1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int len)
 {
-    if (!pSrc1 || !pSrc2 || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<float>(src1Stride2) || zel::bad_stride<float>(src2Stride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
     zel::Call<float> c;
     c.src[0] = zel::Opd{pSrc1, 0, 0, 0, src1Stride2};
     c.src[1] = zel::Opd{pSrc2, 0, 0, 0, src2Stride2};
@@ -209,6 +206,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_32f(const float* pSrc1, int src1
     c.len = len;
     c.count = 1;
     return zel::elementwise::entry<zel::Op::Add, "vv", float, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_32f(const float* pSrc1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int len)
+{
+    if (!pSrc1 || !pSrc2 || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<float>(src1Stride2) || zel::bad_stride<float>(src2Stride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Add, "vv", float>(zel::Quick<float>{{pSrc1, pSrc2}, {src1Stride2, src2Stride2}, pDst, dstStride2, 0, len})) return zelStsOk;
+    return record_zelmAdd_vv_32f(pSrc1, src1Stride2, pSrc2, src2Stride2, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_32f_P(const float* const* ppSrc1, int src1Shift, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift, int len)
@@ -227,11 +233,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_32f_P(const float* const* ppSrc1
     return zel::elementwise::entry<zel::Op::Add, "vv", float, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_64f(const double* pSrc1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmAdd_vv_64f(const double* pSrc1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int len)
 {
-    if (!pSrc1 || !pSrc2 || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<double>(src1Stride2) || zel::bad_stride<double>(src2Stride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
     zel::Call<double> c;
     c.src[0] = zel::Opd{pSrc1, 0, 0, 0, src1Stride2};
     c.src[1] = zel::Opd{pSrc2, 0, 0, 0, src2Stride2};
@@ -241,6 +244,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_64f(const double* pSrc1, int src
     c.len = len;
     c.count = 1;
     return zel::elementwise::entry<zel::Op::Add, "vv", double, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_64f(const double* pSrc1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int len)
+{
+    if (!pSrc1 || !pSrc2 || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<double>(src1Stride2) || zel::bad_stride<double>(src2Stride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Add, "vv", double>(zel::Quick<double>{{pSrc1, pSrc2}, {src1Stride2, src2Stride2}, pDst, dstStride2, 0, len})) return zelStsOk;
+    return record_zelmAdd_vv_64f(pSrc1, src1Stride2, pSrc2, src2Stride2, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_64f_P(const double* const* ppSrc1, int src1Shift, const double* const* ppSrc2, int src2Shift, double* const* ppDst, int dstShift, int len)
@@ -259,11 +271,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vv_64f_P(const double* const* ppSrc
     return zel::elementwise::entry<zel::Op::Add, "vv", double, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmAdd_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
 {
-    if (!pSrc || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<float>(srcStride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
     zel::Call<float> c;
     c.src[0] = zel::Opd{pSrc, 0, 0, 0, srcStride2};
     c.dst[0] = zel::Opd{pDst, 0, 0, 0, dstStride2};
@@ -273,6 +282,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_32f(const float* pSrc, int srcSt
     c.count = 1;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vc", float, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
+{
+    if (!pSrc || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<float>(srcStride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Add, "vc", float>(zel::Quick<float>{{pSrc, nullptr}, {srcStride2, 0}, pDst, dstStride2, val, len})) return zelStsOk;
+    return record_zelmAdd_vc_32f(pSrc, srcStride2, val, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_32f_P(const float* const* ppSrc, int srcShift, float val, float* const* ppDst, int dstShift, int len)
@@ -291,11 +309,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_32f_P(const float* const* ppSrc,
     return zel::elementwise::entry<zel::Op::Add, "vc", float, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmAdd_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
 {
-    if (!pSrc || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<double>(srcStride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
     zel::Call<double> c;
     c.src[0] = zel::Opd{pSrc, 0, 0, 0, srcStride2};
     c.dst[0] = zel::Opd{pDst, 0, 0, 0, dstStride2};
@@ -305,6 +320,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_64f(const double* pSrc, int srcS
     c.count = 1;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Add, "vc", double, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
+{
+    if (!pSrc || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<double>(srcStride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Add, "vc", double>(zel::Quick<double>{{pSrc, nullptr}, {srcStride2, 0}, pDst, dstStride2, val, len})) return zelStsOk;
+    return record_zelmAdd_vc_64f(pSrc, srcStride2, val, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmAdd_vc_64f_P(const double* const* ppSrc, int srcShift, double val, double* const* ppDst, int dstShift, int len)
@@ -1851,11 +1875,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_tt_64f_P(const double* const* ppSrc
     return zel::elementwise::entry<zel::Op::Sub, "tt", double, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_32f(const float* pSrc1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmSub_vv_32f(const float* pSrc1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int len)
 {
-    if (!pSrc1 || !pSrc2 || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<float>(src1Stride2) || zel::bad_stride<float>(src2Stride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
     zel::Call<float> c;
     c.src[0] = zel::Opd{pSrc1, 0, 0, 0, src1Stride2};
     c.src[1] = zel::Opd{pSrc2, 0, 0, 0, src2Stride2};
@@ -1865,6 +1886,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_32f(const float* pSrc1, int src1
     c.len = len;
     c.count = 1;
     return zel::elementwise::entry<zel::Op::Sub, "vv", float, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_32f(const float* pSrc1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int len)
+{
+    if (!pSrc1 || !pSrc2 || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<float>(src1Stride2) || zel::bad_stride<float>(src2Stride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Sub, "vv", float>(zel::Quick<float>{{pSrc1, pSrc2}, {src1Stride2, src2Stride2}, pDst, dstStride2, 0, len})) return zelStsOk;
+    return record_zelmSub_vv_32f(pSrc1, src1Stride2, pSrc2, src2Stride2, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_32f_P(const float* const* ppSrc1, int src1Shift, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift, int len)
@@ -1883,11 +1913,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_32f_P(const float* const* ppSrc1
     return zel::elementwise::entry<zel::Op::Sub, "vv", float, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_64f(const double* pSrc1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmSub_vv_64f(const double* pSrc1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int len)
 {
-    if (!pSrc1 || !pSrc2 || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<double>(src1Stride2) || zel::bad_stride<double>(src2Stride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
     zel::Call<double> c;
     c.src[0] = zel::Opd{pSrc1, 0, 0, 0, src1Stride2};
     c.src[1] = zel::Opd{pSrc2, 0, 0, 0, src2Stride2};
@@ -1897,6 +1924,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_64f(const double* pSrc1, int src
     c.len = len;
     c.count = 1;
     return zel::elementwise::entry<zel::Op::Sub, "vv", double, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_64f(const double* pSrc1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int len)
+{
+    if (!pSrc1 || !pSrc2 || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<double>(src1Stride2) || zel::bad_stride<double>(src2Stride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Sub, "vv", double>(zel::Quick<double>{{pSrc1, pSrc2}, {src1Stride2, src2Stride2}, pDst, dstStride2, 0, len})) return zelStsOk;
+    return record_zelmSub_vv_64f(pSrc1, src1Stride2, pSrc2, src2Stride2, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_64f_P(const double* const* ppSrc1, int src1Shift, const double* const* ppSrc2, int src2Shift, double* const* ppDst, int dstShift, int len)
@@ -1915,11 +1951,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vv_64f_P(const double* const* ppSrc
     return zel::elementwise::entry<zel::Op::Sub, "vv", double, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmSub_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
 {
-    if (!pSrc || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<float>(srcStride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
     zel::Call<float> c;
     c.src[0] = zel::Opd{pSrc, 0, 0, 0, srcStride2};
     c.dst[0] = zel::Opd{pDst, 0, 0, 0, dstStride2};
@@ -1929,6 +1962,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_32f(const float* pSrc, int srcSt
     c.count = 1;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vc", float, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
+{
+    if (!pSrc || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<float>(srcStride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Sub, "vc", float>(zel::Quick<float>{{pSrc, nullptr}, {srcStride2, 0}, pDst, dstStride2, val, len})) return zelStsOk;
+    return record_zelmSub_vc_32f(pSrc, srcStride2, val, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_32f_P(const float* const* ppSrc, int srcShift, float val, float* const* ppDst, int dstShift, int len)
@@ -1947,11 +1989,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_32f_P(const float* const* ppSrc,
     return zel::elementwise::entry<zel::Op::Sub, "vc", float, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmSub_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
 {
-    if (!pSrc || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<double>(srcStride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
     zel::Call<double> c;
     c.src[0] = zel::Opd{pSrc, 0, 0, 0, srcStride2};
     c.dst[0] = zel::Opd{pDst, 0, 0, 0, dstStride2};
@@ -1961,6 +2000,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_64f(const double* pSrc, int srcS
     c.count = 1;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "vc", double, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
+{
+    if (!pSrc || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<double>(srcStride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Sub, "vc", double>(zel::Quick<double>{{pSrc, nullptr}, {srcStride2, 0}, pDst, dstStride2, val, len})) return zelStsOk;
+    return record_zelmSub_vc_64f(pSrc, srcStride2, val, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_64f_P(const double* const* ppSrc, int srcShift, double val, double* const* ppDst, int dstShift, int len)
@@ -1979,11 +2027,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_vc_64f_P(const double* const* ppSrc
     return zel::elementwise::entry<zel::Op::Sub, "vc", double, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmSub_cv_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
 {
-    if (!pSrc || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<float>(srcStride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
     zel::Call<float> c;
     c.src[0] = zel::Opd{pSrc, 0, 0, 0, srcStride2};
     c.dst[0] = zel::Opd{pDst, 0, 0, 0, dstStride2};
@@ -1993,6 +2038,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_32f(const float* pSrc, int srcSt
     c.count = 1;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cv", float, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
+{
+    if (!pSrc || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<float>(srcStride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Sub, "cv", float>(zel::Quick<float>{{pSrc, nullptr}, {srcStride2, 0}, pDst, dstStride2, val, len})) return zelStsOk;
+    return record_zelmSub_cv_32f(pSrc, srcStride2, val, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_32f_P(const float* const* ppSrc, int srcShift, float val, float* const* ppDst, int dstShift, int len)
@@ -2011,11 +2065,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_32f_P(const float* const* ppSrc,
     return zel::elementwise::entry<zel::Op::Sub, "cv", float, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmSub_cv_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
 {
-    if (!pSrc || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<double>(srcStride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
     zel::Call<double> c;
     c.src[0] = zel::Opd{pSrc, 0, 0, 0, srcStride2};
     c.dst[0] = zel::Opd{pDst, 0, 0, 0, dstStride2};
@@ -2025,6 +2076,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_64f(const double* pSrc, int srcS
     c.count = 1;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Sub, "cv", double, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
+{
+    if (!pSrc || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<double>(srcStride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Sub, "cv", double>(zel::Quick<double>{{pSrc, nullptr}, {srcStride2, 0}, pDst, dstStride2, val, len})) return zelStsOk;
+    return record_zelmSub_cv_64f(pSrc, srcStride2, val, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmSub_cv_64f_P(const double* const* ppSrc, int srcShift, double val, double* const* ppDst, int dstShift, int len)
@@ -4397,11 +4457,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_tc_64f_P(const double* const* ppSrc
     return zel::elementwise::entry<zel::Op::Mul, "tc", double, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmMul_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
 {
-    if (!pSrc || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<float>(srcStride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
     zel::Call<float> c;
     c.src[0] = zel::Opd{pSrc, 0, 0, 0, srcStride2};
     c.dst[0] = zel::Opd{pDst, 0, 0, 0, dstStride2};
@@ -4411,6 +4468,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_32f(const float* pSrc, int srcSt
     c.count = 1;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vc", float, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_32f(const float* pSrc, int srcStride2, float val, float* pDst, int dstStride2, int len)
+{
+    if (!pSrc || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<float>(srcStride2) || zel::bad_stride<float>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Mul, "vc", float>(zel::Quick<float>{{pSrc, nullptr}, {srcStride2, 0}, pDst, dstStride2, val, len})) return zelStsOk;
+    return record_zelmMul_vc_32f(pSrc, srcStride2, val, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_32f_P(const float* const* ppSrc, int srcShift, float val, float* const* ppDst, int dstShift, int len)
@@ -4429,11 +4495,8 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_32f_P(const float* const* ppSrc,
     return zel::elementwise::entry<zel::Op::Mul, "vc", float, "P">(c);
 }
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
+static __attribute__((noinline)) zelStatus record_zelmMul_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
 {
-    if (!pSrc || !pDst) return zelStsErrNullPointer;
-    if (len < 1) return zelStsErrSize;
-    if (zel::bad_stride<double>(srcStride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
     zel::Call<double> c;
     c.src[0] = zel::Opd{pSrc, 0, 0, 0, srcStride2};
     c.dst[0] = zel::Opd{pDst, 0, 0, 0, dstStride2};
@@ -4443,6 +4506,15 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_64f(const double* pSrc, int srcS
     c.count = 1;
     c.val = val;
     return zel::elementwise::entry<zel::Op::Mul, "vc", double, "S">(c);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_64f(const double* pSrc, int srcStride2, double val, double* pDst, int dstStride2, int len)
+{
+    if (!pSrc || !pDst) return zelStsErrNullPointer;
+    if (len < 1) return zelStsErrSize;
+    if (zel::bad_stride<double>(srcStride2) || zel::bad_stride<double>(dstStride2)) return zelStsErrStride;
+    if (zel::elementwise::quick<zel::Op::Mul, "vc", double>(zel::Quick<double>{{pSrc, nullptr}, {srcStride2, 0}, pDst, dstStride2, val, len})) return zelStsOk;
+    return record_zelmMul_vc_64f(pSrc, srcStride2, val, pDst, dstStride2, len);
 }
 
 extern "C" ZEL_INTERNAL zelStatus w7_zelmMul_vc_64f_P(const double* const* ppSrc, int srcShift, double val, double* const* ppDst, int dstShift, int len)
