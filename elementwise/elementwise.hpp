@@ -12,12 +12,13 @@
 // stride0), unless its tables amount to a strided layout.
 #pragma once
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #include <cstdint>
 #include <type_traits>
 
 #include "elementwise/table.hpp"
+#include "frame/cpu.hpp"
 #include "frame/fanout.hpp"
 
 namespace zel::elementwise {
@@ -101,6 +102,52 @@ ZEL_INLINE void run(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
     for (; j < len; ++j) store(d + j, apply<A>(XS ? x.s : load(x.p + j), YS ? y.s : load(y.p + j)));
 }
 
+// The same run in 256-bit lanes, for processors with AVX; the elements that
+// do not fill four such vectors go through the 128-bit run. Each element is
+// still one operation rounded once, so the bits are those of the run above.
+template <Arith A, bool XS, bool YS, class T>
+__attribute__((target("avx"), noinline)) void run_avx(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
+    constexpr int N = int(32 / sizeof(T));
+    // A destination not aligned to its element takes the 128-bit run; any
+    // other is brought to a 32-byte boundary by single elements, so that no
+    // store straddles two cache lines.
+    const std::uintptr_t da = reinterpret_cast<std::uintptr_t>(d);
+    if (da % sizeof(T)) return run<A, XS, YS, false>(d, x, y, len);
+    std::ptrdiff_t j = std::ptrdiff_t((32 - (da & 31)) & 31) / std::ptrdiff_t(sizeof(T));
+    for (std::ptrdiff_t k = 0; k < j; ++k)
+        store(d + k, apply<A>(XS ? x.s : load(x.p + k), YS ? y.s : load(y.p + k)));
+    if constexpr (std::is_same_v<T, float>) {
+        const __m256 xs = _mm256_set1_ps(x.s), ys = _mm256_set1_ps(y.s);
+        for (; j + 4 * N <= len; j += 4 * N) {
+            for (int k = 0; k < 4; ++k) {
+                const __m256 a = XS ? xs : _mm256_loadu_ps(x.p + j + k * N);
+                const __m256 b = YS ? ys : _mm256_loadu_ps(y.p + j + k * N);
+                const __m256 r = A == Arith::Add   ? _mm256_add_ps(a, b)
+                                 : A == Arith::Sub ? _mm256_sub_ps(a, b)
+                                                   : _mm256_mul_ps(a, b);
+                _mm256_store_ps(d + j + k * N, r);
+            }
+        }
+    } else {
+        const __m256d xs = _mm256_set1_pd(x.s), ys = _mm256_set1_pd(y.s);
+        for (; j + 4 * N <= len; j += 4 * N) {
+            for (int k = 0; k < 4; ++k) {
+                const __m256d a = XS ? xs : _mm256_loadu_pd(x.p + j + k * N);
+                const __m256d b = YS ? ys : _mm256_loadu_pd(y.p + j + k * N);
+                const __m256d r = A == Arith::Add   ? _mm256_add_pd(a, b)
+                                  : A == Arith::Sub ? _mm256_sub_pd(a, b)
+                                                    : _mm256_mul_pd(a, b);
+                _mm256_store_pd(d + j + k * N, r);
+            }
+        }
+    }
+    const RowArg<T> xr{XS ? x.p : x.p + j, 1, x.s}, yr{YS ? y.p : y.p + j, 1, y.s};
+    run<A, XS, YS, false>(d + j, xr, yr, len - j);
+}
+
+// Runs at least this long take the 256-bit lanes where the processor has them.
+inline constexpr std::ptrdiff_t kAvxRun = 64;
+
 // d[j] = x[j] op y[j] for j below len; XS/YS: that side is a scalar. Each
 // element is loaded before its own position is stored, so exact in-place use
 // is safe.
@@ -108,6 +155,10 @@ template <Arith A, bool XS, bool YS, class T>
 ZEL_INLINE void row(T* d, std::ptrdiff_t dstep, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
     const bool contiguous = dstep == 1 && (XS || x.step == 1) && (YS || y.step == 1);
     if (contiguous) {
+        if (len >= kAvxRun && cpu::avx) {
+            run_avx<A, XS, YS>(d, x, y, len);
+            return;
+        }
         const std::uintptr_t addrs = reinterpret_cast<std::uintptr_t>(d) |
                                      (XS ? 0 : reinterpret_cast<std::uintptr_t>(x.p)) |
                                      (YS ? 0 : reinterpret_cast<std::uintptr_t>(y.p));
@@ -350,7 +401,8 @@ ZEL_INLINE int scalar_read(const int& f) {
 
 template <Arith A, bool XS, bool YS, class T>
 __attribute__((noinline)) void run_long(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
-    run<A, XS, YS, false>(d, x, y, len);
+    if (len >= kAvxRun && cpu::avx) run_avx<A, XS, YS>(d, x, y, len);
+    else run<A, XS, YS, false>(d, x, y, len);
 }
 
 // What a signature and form say about a call, at compile time.
