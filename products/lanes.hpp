@@ -16,8 +16,11 @@
 // Sum4<__m128> and the like: the vector types' attributes do not matter to
 // the template, which only holds and adds them.
 #pragma GCC diagnostic ignored "-Wignored-attributes"
+// 256-bit vectors pass through the association templates only inlined into
+// functions built for AVX.
+#pragma GCC diagnostic ignored "-Wpsabi"
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #include <cstddef>
 #include <type_traits>
@@ -311,5 +314,57 @@ struct Cols4<double> {
         }
     }
 };
+
+// The same with AVX, each lane doing the operations of its 128-bit
+// counterpart above. float: two objects per vector, one in each 128-bit half
+// (x(k) broadcast within the half), both vectors loaded before the stores,
+// so only where pairs are safe; double: one object per vector, the four rows
+// in lanes. Objects lie at xs and ds bytes; returns how many were done.
+template <Fast F>
+__attribute__((target("avx"), noinline)) int mv4_cols_avx(const Cols4<float>& cols, const char* xp,
+                                                          std::ptrdiff_t xs, char* dp, std::ptrdiff_t ds,
+                                                          int count) {
+    __m256 c[4];
+    for (int k = 0; k < 4; ++k) c[k] = _mm256_insertf128_ps(_mm256_castps128_ps256(cols.c[k]), cols.c[k], 1);
+    const bool packed = xs == 16 && ds == 16;
+    int o = 0;
+    for (; o + 1 < count; o += 2, xp += 2 * xs, dp += 2 * ds) {
+        const float* x = reinterpret_cast<const float*>(xp);
+        float* d = reinterpret_cast<float*>(dp);
+        const __m256 xv = packed ? _mm256_loadu_ps(x)
+                                 : _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(x)),
+                                                        _mm_loadu_ps(reinterpret_cast<const float*>(xp + xs)), 1);
+        const __m256 t[4] = {_mm256_mul_ps(c[0], _mm256_permute_ps(xv, 0x00)),
+                             _mm256_mul_ps(c[1], _mm256_permute_ps(xv, 0x55)),
+                             _mm256_mul_ps(c[2], _mm256_permute_ps(xv, 0xaa)),
+                             _mm256_mul_ps(c[3], _mm256_permute_ps(xv, 0xff))};
+        const __m256 r = fast_sum<__m256>(F, 4, 0, t);
+        if (packed) {
+            _mm256_storeu_ps(d, r);
+        } else {
+            _mm_storeu_ps(d, _mm256_castps256_ps128(r));
+            _mm_storeu_ps(reinterpret_cast<float*>(dp + ds), _mm256_extractf128_ps(r, 1));
+        }
+    }
+    return o;
+}
+
+template <Fast F>
+__attribute__((target("avx"), noinline)) int mv4_cols_avx(const Cols4<double>& cols, const char* xp,
+                                                          std::ptrdiff_t xs, char* dp, std::ptrdiff_t ds,
+                                                          int count) {
+    __m256d c[4];
+    for (int k = 0; k < 4; ++k)
+        c[k] = _mm256_insertf128_pd(_mm256_castpd128_pd256(cols.c[0][k]), cols.c[1][k], 1);
+    for (int o = 0; o < count; ++o, xp += xs, dp += ds) {
+        const double* x = reinterpret_cast<const double*>(xp);
+        const __m256d t[4] = {_mm256_mul_pd(c[0], _mm256_broadcast_sd(x)),
+                              _mm256_mul_pd(c[1], _mm256_broadcast_sd(x + 1)),
+                              _mm256_mul_pd(c[2], _mm256_broadcast_sd(x + 2)),
+                              _mm256_mul_pd(c[3], _mm256_broadcast_sd(x + 3))};
+        _mm256_storeu_pd(reinterpret_cast<double*>(dp), fast_sum<__m256d>(F, 4, 0, t));
+    }
+    return count;
+}
 
 }  // namespace zel::products::lanes

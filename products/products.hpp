@@ -14,6 +14,7 @@
 #include <string_view>
 #include <type_traits>
 
+#include "frame/cpu.hpp"
 #include "frame/fanout.hpp"
 #include "products/lanes.hpp"
 #include "products/orders.hpp"
@@ -272,19 +273,23 @@ void mv4_cols(const Call<T>& c, int count) {
     cols.load([&](int i, int k) { return elem<TA>(a, i, k); });
     const Opd ox = c.src[1], od = c.dst[0];  // kept in registers across the stores
     int o = 0;
-    if constexpr (std::is_same_v<T, float> && FX == Form::S && FD == Form::S) {
-        // Two objects per step, both vectors loaded before the two stores:
-        // only where no destination overlaps another object's vector.
-        if (count >= 2 && mv_pairs_safe(ox, od, count, 4 * std::ptrdiff_t(sizeof(T)))) {
-            const auto p = cols.pair();
-            const char* xp = static_cast<const char*>(ox.p);
-            char* dp = static_cast<char*>(const_cast<void*>(od.p));
-            const std::ptrdiff_t xs = ox.s0, ds = od.s0;
-            for (; o + 1 < count; o += 2) {
-                lanes::Cols4<T>::template apply2<FS>(p, reinterpret_cast<const T*>(xp), reinterpret_cast<const T*>(xp + xs),
-                                                     reinterpret_cast<T*>(dp), reinterpret_cast<T*>(dp + ds));
-                xp += 2 * xs;
-                dp += 2 * ds;
+    if constexpr (FX == Form::S && FD == Form::S) {
+        const char* xp = static_cast<const char*>(ox.p);
+        char* dp = static_cast<char*>(const_cast<void*>(od.p));
+        const std::ptrdiff_t xs = ox.s0, ds = od.s0;
+        // Two float objects per step, both vectors loaded before the two
+        // stores: only where no destination overlaps another object's vector.
+        const bool pairs = std::is_same_v<T, float> && count >= 2 &&
+                           mv_pairs_safe(ox, od, count, 4 * std::ptrdiff_t(sizeof(T)));
+        if (cpu::avx && (pairs || std::is_same_v<T, double>)) {
+            o = lanes::mv4_cols_avx<FS>(cols, xp, xs, dp, ds, count);
+        } else if constexpr (std::is_same_v<T, float>) {
+            if (pairs) {
+                const auto p = cols.pair();
+                for (; o + 1 < count; o += 2, xp += 2 * xs, dp += 2 * ds)
+                    lanes::Cols4<T>::template apply2<FS>(p, reinterpret_cast<const T*>(xp),
+                                                         reinterpret_cast<const T*>(xp + xs), reinterpret_cast<T*>(dp),
+                                                         reinterpret_cast<T*>(dp + ds));
             }
         }
     }
