@@ -315,8 +315,57 @@ struct Cols4<double> {
     }
 };
 
-// The same with AVX, each lane doing the operations of its 128-bit
-// counterpart above. float: two objects per vector, one in each 128-bit half
+// ---------------------------------------------------------------------------
+// Matrix by matrix at order 3, float, sequential sums as in mm_seq, with AVX:
+// two objects per 256-bit vector, one in each 128-bit half, the columns j in
+// lanes 0..2 and a(i,k) broadcast within the half.
+//  - Rows are read four elements wide: rows 0 and 1 run into the next row,
+//    row 2 is read from one element before it, so no read leaves the object
+//    (the fourth lane is never stored where it does not belong).
+//  - Destination rows are contiguous (12 bytes apart): rows 0 and 1 are
+//    stored four wide, each covering the next row's first element before
+//    that row is stored, and row 2 from one element before it, with d(1,2)
+//    in its first lane.
+//  - Both objects are read before either is written: the caller checks that
+//    pairs are safe. Objects lie at oa, ob, od bytes; returns how many were done.
+ZEL_INLINE __attribute__((target("avx"))) __m256 load2(const char* p, std::ptrdiff_t next) {
+    return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(reinterpret_cast<const float*>(p))),
+                                _mm_loadu_ps(reinterpret_cast<const float*>(p + next)), 1);
+}
+template <int K0, int K1, int K2>
+ZEL_INLINE __attribute__((target("avx"))) __m256 row3(__m256 a, __m256 b0, __m256 b1, __m256 b2) {
+    __m256 acc = _mm256_mul_ps(_mm256_permute_ps(a, K0 * 0x55), b0);
+    acc = _mm256_add_ps(acc, _mm256_mul_ps(_mm256_permute_ps(a, K1 * 0x55), b1));
+    return _mm256_add_ps(acc, _mm256_mul_ps(_mm256_permute_ps(a, K2 * 0x55), b2));
+}
+__attribute__((target("avx"), noinline)) inline int mm3_pairs_avx(const char* a, std::ptrdiff_t sa, std::ptrdiff_t oa,
+                                                                const char* b, std::ptrdiff_t sb, std::ptrdiff_t ob,
+                                                                char* d, std::ptrdiff_t od, int count) {
+    int o = 0;
+    for (; o + 1 < count; o += 2, a += 2 * oa, b += 2 * ob, d += 2 * od) {
+        const __m256 b0 = load2(b, ob), b1 = load2(b + sb, ob);
+        const __m256 b2 = _mm256_permute_ps(load2(b + 2 * sb - 4, ob), _MM_SHUFFLE(0, 3, 2, 1));
+        const __m256 a0 = load2(a, oa), a1 = load2(a + sa, oa);
+        const __m256 a2 = load2(a + 2 * sa - 4, oa);  // a(2,k) in lane k + 1
+        const __m256 r0 = row3<0, 1, 2>(a0, b0, b1, b2);
+        const __m256 r1 = row3<0, 1, 2>(a1, b0, b1, b2);
+        const __m256 r2 = row3<1, 2, 3>(a2, b0, b1, b2);
+        // [d(1,2), d(2,0), d(2,1), d(2,2)] for the store from one element before row 2
+        const __m256 r2s = _mm256_blend_ps(_mm256_permute_ps(r2, _MM_SHUFFLE(2, 1, 0, 3)), _mm256_permute_ps(r1, 0xaa), 0x11);
+        float* d0 = reinterpret_cast<float*>(d);
+        float* d1 = reinterpret_cast<float*>(d + od);
+        _mm_storeu_ps(d0, _mm256_castps256_ps128(r0));
+        _mm_storeu_ps(d0 + 3, _mm256_castps256_ps128(r1));
+        _mm_storeu_ps(d0 + 5, _mm256_castps256_ps128(r2s));
+        _mm_storeu_ps(d1, _mm256_extractf128_ps(r0, 1));
+        _mm_storeu_ps(d1 + 3, _mm256_extractf128_ps(r1, 1));
+        _mm_storeu_ps(d1 + 5, _mm256_extractf128_ps(r2s, 1));
+    }
+    return o;
+}
+
+// Matrix by vector at order 4 with AVX, each lane doing the operations of its
+// 128-bit counterpart above. float: two objects per vector, one in each 128-bit half
 // (x(k) broadcast within the half), both vectors loaded before the stores,
 // so only where pairs are safe; double: one object per vector, the four rows
 // in lanes. Objects lie at xs and ds bytes; returns how many were done.

@@ -9,6 +9,7 @@
 // rows and views, in an object loop.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string_view>
@@ -213,17 +214,61 @@ struct Kernel {
     static constexpr Form fd = operand_form(F, ops.any_array());
 };
 
+// Whether objects may be taken two at a time (both objects' sources read
+// before their destinations are written): the destination and source ranges
+// of the call apart, or the destination the source itself with objects
+// apart. Object extents in bytes.
+inline bool pairs_safe(const Opd& x, const Opd& d, int count, std::ptrdiff_t xbytes, std::ptrdiff_t dbytes) {
+    const auto span = [&](const Opd& o, std::ptrdiff_t bytes, std::uintptr_t& lo, std::uintptr_t& hi) {
+        const std::uintptr_t b = reinterpret_cast<std::uintptr_t>(o.p);
+        const std::ptrdiff_t last = std::ptrdiff_t(count - 1) * o.s0;
+        lo = b + std::uintptr_t(last < 0 ? last : 0);
+        hi = b + std::uintptr_t((last < 0 ? 0 : last) + bytes);
+    };
+    std::uintptr_t xl, xh, dl, dh;
+    span(x, xbytes, xl, xh);
+    span(d, dbytes, dl, dh);
+    if (dh <= xl || xh <= dl) return true;
+    const std::ptrdiff_t s = x.s0 < 0 ? -std::ptrdiff_t(x.s0) : x.s0;
+    return x.p == d.p && x.s0 == d.s0 && x.s1 == d.s1 && s >= std::max(xbytes, dbytes);
+}
+
 // The sequential fast paths of contiguous rows with the columns in vector
 // lanes (products/lanes.hpp): b read as stored, any number of objects.
 template <int N, bool TA, class T, Form FA, Form FB, Form FD>
-void mm_lanes(const Call<T>& c, int count) {
+ZEL_INLINE void mm_lanes_loop(const Call<T>& c, int count, int o = 0) {
     const Opd oa = c.src[0], ob = c.src[1], od = c.dst[0];  // kept in registers across the stores
-    for (int o = 0; o < count; ++o) {
+    for (; o < count; ++o) {
         const auto a = view_of<T, FA, true>(oa, o, 0);
         const auto b = view_of<T, FB, true>(ob, o, 0);
         const auto d = view_of<T, FD, true>(od, o, 0);
         lanes::mm_seq<N, TA, T>(a.base, a.s1, b.base, b.s1, const_cast<char*>(d.base), d.s1);
     }
+}
+// The same 128-bit operations in the AVX encoding (three operands, broadcasts
+// straight from memory): the same instructions' results, fewer of them.
+template <int N, bool TA, class T, Form FA, Form FB, Form FD>
+__attribute__((target("avx"), noinline)) void mm_lanes_avx(const Call<T>& c, int count) {
+    mm_lanes_loop<N, TA, T, FA, FB, FD>(c, count);
+}
+template <int N, bool TA, class T, Form FA, Form FB, Form FD>
+void mm_lanes(const Call<T>& c, int count) {
+    if constexpr (N == 3 && std::is_same_v<T, float> && !TA && FA == Form::S && FB == Form::S && FD == Form::S) {
+        // Order 3 two objects at a time, where the destination rows are
+        // contiguous and no destination reaches another object's sources.
+        const Opd &oa = c.src[0], &ob = c.src[1], &od = c.dst[0];
+        const std::ptrdiff_t src_a = 2 * std::ptrdiff_t(oa.s1) + 12, src_b = 2 * std::ptrdiff_t(ob.s1) + 12;
+        if (cpu::avx && count >= 2 && od.s1 == 12 && pairs_safe(oa, od, count, src_a, 36) &&
+            pairs_safe(ob, od, count, src_b, 36)) {
+            const int o = lanes::mm3_pairs_avx(static_cast<const char*>(oa.p), oa.s1, oa.s0,
+                                               static_cast<const char*>(ob.p), ob.s1, ob.s0,
+                                               static_cast<char*>(const_cast<void*>(od.p)), od.s0, count);
+            mm_lanes_loop<N, TA, T, FA, FB, FD>(c, count, o);
+            return;
+        }
+    }
+    if (cpu::avx) mm_lanes_avx<N, TA, T, FA, FB, FD>(c, count);
+    else mm_lanes_loop<N, TA, T, FA, FB, FD>(c, count);
 }
 
 // Matrix by vector at order 4 with the four terms of a row in lanes; a
@@ -246,24 +291,6 @@ void mv4_lanes(const Call<T>& c, int count) {
     }
 }
 
-// Whether objects may be taken two at a time (both sources read before the
-// destinations are written): the destination and source ranges of the call
-// apart, or the destination the source itself with objects apart.
-inline bool mv_pairs_safe(const Opd& x, const Opd& d, int count, std::ptrdiff_t bytes) {
-    const auto span = [&](const Opd& o, std::uintptr_t& lo, std::uintptr_t& hi) {
-        const std::uintptr_t b = reinterpret_cast<std::uintptr_t>(o.p);
-        const std::ptrdiff_t last = std::ptrdiff_t(count - 1) * o.s0;
-        lo = b + std::uintptr_t(last < 0 ? last : 0);
-        hi = b + std::uintptr_t((last < 0 ? 0 : last) + bytes);
-    };
-    std::uintptr_t xl, xh, dl, dh;
-    span(x, xl, xh);
-    span(d, dl, dh);
-    if (dh <= xl || xh <= dl) return true;
-    const std::ptrdiff_t s = x.s0 < 0 ? -std::ptrdiff_t(x.s0) : x.s0;
-    return x.p == d.p && x.s0 == d.s0 && s >= bytes;
-}
-
 // The same with one matrix for all objects, the rows of the destination in
 // lanes: any association of four terms.
 template <Fast FS, bool TA, class T, Form FA, Form FX, Form FD>
@@ -280,7 +307,7 @@ void mv4_cols(const Call<T>& c, int count) {
         // Two float objects per step, both vectors loaded before the two
         // stores: only where no destination overlaps another object's vector.
         const bool pairs = std::is_same_v<T, float> && count >= 2 &&
-                           mv_pairs_safe(ox, od, count, 4 * std::ptrdiff_t(sizeof(T)));
+                           pairs_safe(ox, od, count, 4 * std::ptrdiff_t(sizeof(T)), 4 * std::ptrdiff_t(sizeof(T)));
         if (cpu::avx && (pairs || std::is_same_v<T, double>)) {
             o = lanes::mv4_cols_avx<FS>(cols, xp, xs, dp, ds, count);
         } else if constexpr (std::is_same_v<T, float>) {

@@ -35,17 +35,19 @@ struct Operand {
     unsigned char* base = nullptr;  // 64-byte aligned start
 
     // align: byte offset of every object's first element past a 16-byte boundary
-    void build(char f, int r, int c, int n, int es, int stp, int align) {
+    // tight: rows back to back and standard-form objects packed one behind
+    // the other, as most callers store them.
+    void build(char f, int r, int c, int n, int es, int stp, int align, bool tight = false) {
         form = f, rows = r, cols = c, objs = n, esz = es, step = stp;
         s2 = esz * step;
-        s1 = cols * s2 + esz;
+        s1 = cols * s2 + (tight ? 0 : esz);
         const int span = (rows * s1 + 2 * esz + 15) / 16 * 16 + 16;
         std::size_t bytes = 0;
         if (form == 'P') {
             s0 = esz * 3;  // objects interleaved
             bytes = std::size_t(rows * cols) * std::size_t(objs * 3 + 2) * esz + 256;
         } else {
-            s0 = span;
+            s0 = tight ? rows * s1 : span;
             bytes = std::size_t(span) * (objs + 1) + 256;
         }
         mem.assign(bytes + 64, 0xA5);
@@ -173,11 +175,12 @@ struct Run {
     int count;
     int step;   // element stride in elements (1: contiguous)
     int align;  // the second source's byte offset past a 16-byte boundary
+    bool tight;
     Operand a, b, y, d;
     std::mt19937 gen;
 
-    Run(const Export& ex, Shape s, int cnt, int stp, int al, unsigned seed)
-        : e(ex), sh(s), count(e.array ? cnt : 1), step(stp), align(al), gen(seed) {}
+    Run(const Export& ex, Shape s, int cnt, int stp, int al, unsigned seed, bool tg)
+        : e(ex), sh(s), count(e.array ? cnt : 1), step(stp), align(al), tight(tg), gen(seed) {}
 
     char own_form(bool arr) const { return e.form == 'L' && !arr ? 'S' : e.form; }
     int objs(bool arr) const { return arr ? count : 1; }
@@ -195,16 +198,16 @@ struct Run {
         const int esz = int(sizeof(T));
         // stored shapes
         const int ar = e.la == 't' ? K : H, ac = e.la == 't' ? H : K;
-        a.build(own_form(e.arr1), ar, ac, objs(e.arr1), esz, step, 0);
+        a.build(own_form(e.arr1), ar, ac, objs(e.arr1), esz, step, 0, tight);
         if (e.vec) {
-            b.build(own_form(e.arr2), 1, K, objs(e.arr2), esz, step, align);
-            d.build(own_form(e.array), 1, H, count, esz, step, 0);
+            b.build(own_form(e.arr2), 1, K, objs(e.arr2), esz, step, align, tight);
+            d.build(own_form(e.array), 1, H, count, esz, step, 0, tight);
         } else {
             const int br = e.lb == 't' ? W : K, bc = e.lb == 't' ? K : W;
-            b.build(own_form(e.arr2), br, bc, objs(e.arr2), esz, step, align);
-            d.build(own_form(e.array), H, W, count, esz, step, 0);
+            b.build(own_form(e.arr2), br, bc, objs(e.arr2), esz, step, align, tight);
+            d.build(own_form(e.array), H, W, count, esz, step, 0, tight);
         }
-        if (e.gaxpy) y.build(own_form(e.arr3), 1, H, objs(e.arr3), esz, step, 0);
+        if (e.gaxpy) y.build(own_form(e.arr3), 1, H, objs(e.arr3), esz, step, 0, tight);
         auto fill = [&](Operand& o) {
             for (int n = 0; n < o.objs; ++n)
                 for (int r = 0; r < o.rows; ++r)
@@ -299,12 +302,15 @@ struct Run {
 };
 
 template <class T>
-::testing::AssertionResult run_one(const Export& e, Shape s, int count, int step, int align, unsigned seed) {
-    Run<T> r(e, s, count, step, align, seed);
+::testing::AssertionResult run_one(const Export& e, Shape s, int count, int step, int align, unsigned seed,
+                                   bool tight) {
+    Run<T> r(e, s, count, step, align, seed, tight);
     return r.check();
 }
-::testing::AssertionResult run_any(const Export& e, Shape s, int count, int step, int align, unsigned seed) {
-    return e.is64 ? run_one<double>(e, s, count, step, align, seed) : run_one<float>(e, s, count, step, align, seed);
+::testing::AssertionResult run_any(const Export& e, Shape s, int count, int step, int align, unsigned seed,
+                                   bool tight = false) {
+    return e.is64 ? run_one<double>(e, s, count, step, align, seed, tight)
+                  : run_one<float>(e, s, count, step, align, seed, tight);
 }
 
 // Shapes: every remainder of H by 4 and by 8, K around 4 and 8, exact orders,
@@ -343,6 +349,13 @@ TEST(Products, EveryExportMatchesTheReferenceBitForBit) {
                 ASSERT_TRUE(run_any(e, s, 3, step, 0, seed++));
                 ++runs;
             }
+        // rows back to back, objects packed: odd and even counts
+        if (e.form != 'P')
+            for (const Shape& s : shapes)
+                for (int count : {3, 4}) {
+                    ASSERT_TRUE(run_any(e, s, count, 1, 0, seed++, true));
+                    ++runs;
+                }
     }
     EXPECT_GT(runs, 10000);
 }
