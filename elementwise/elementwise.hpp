@@ -102,6 +102,18 @@ ZEL_INLINE void run(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
     for (; j < len; ++j) store(d + j, apply<A>(XS ? x.s : load(x.p + j), YS ? y.s : load(y.p + j)));
 }
 
+// 256-bit vectors of an element type.
+template <class T>
+struct Vec32B;
+template <>
+struct Vec32B<float> {
+    typedef float type __attribute__((vector_size(32)));
+};
+template <>
+struct Vec32B<double> {
+    typedef double type __attribute__((vector_size(32)));
+};
+
 // The same run in 256-bit lanes, for processors with AVX; the elements that
 // do not fill four such vectors go through the 128-bit run. Each element is
 // still one operation rounded once, so the bits are those of the run above.
@@ -116,29 +128,20 @@ __attribute__((target("avx"), noinline)) void run_avx(T* d, RowArg<T> x, RowArg<
     std::ptrdiff_t j = std::ptrdiff_t((32 - (da & 31)) & 31) / std::ptrdiff_t(sizeof(T));
     for (std::ptrdiff_t k = 0; k < j; ++k)
         store(d + k, apply<A>(XS ? x.s : load(x.p + k), YS ? y.s : load(y.p + k)));
-    if constexpr (std::is_same_v<T, float>) {
-        const __m256 xs = _mm256_set1_ps(x.s), ys = _mm256_set1_ps(y.s);
-        for (; j + 4 * N <= len; j += 4 * N) {
-            for (int k = 0; k < 4; ++k) {
-                const __m256 a = XS ? xs : _mm256_loadu_ps(x.p + j + k * N);
-                const __m256 b = YS ? ys : _mm256_loadu_ps(y.p + j + k * N);
-                const __m256 r = A == Arith::Add   ? _mm256_add_ps(a, b)
-                                 : A == Arith::Sub ? _mm256_sub_ps(a, b)
-                                                   : _mm256_mul_ps(a, b);
-                _mm256_store_ps(d + j + k * N, r);
-            }
-        }
-    } else {
-        const __m256d xs = _mm256_set1_pd(x.s), ys = _mm256_set1_pd(y.s);
-        for (; j + 4 * N <= len; j += 4 * N) {
-            for (int k = 0; k < 4; ++k) {
-                const __m256d a = XS ? xs : _mm256_loadu_pd(x.p + j + k * N);
-                const __m256d b = YS ? ys : _mm256_loadu_pd(y.p + j + k * N);
-                const __m256d r = A == Arith::Add   ? _mm256_add_pd(a, b)
-                                  : A == Arith::Sub ? _mm256_sub_pd(a, b)
-                                                    : _mm256_mul_pd(a, b);
-                _mm256_store_pd(d + j + k * N, r);
-            }
+    // 256-bit vectors of the element type; the operators are the lane-wise
+    // operations, loads and stores are moves of 32 bytes.
+    using V = typename Vec32B<T>::type;
+    V xs, ys;
+    for (int i = 0; i < N; ++i) xs[i] = x.s, ys[i] = y.s;
+    for (; j + 4 * N <= len; j += 4 * N) {
+        for (int k = 0; k < 4; ++k) {
+            V a = xs, b = ys, r;
+            if constexpr (!XS) __builtin_memcpy(&a, x.p + j + k * N, sizeof(V));
+            if constexpr (!YS) __builtin_memcpy(&b, y.p + j + k * N, sizeof(V));
+            if constexpr (A == Arith::Add) r = a + b;
+            else if constexpr (A == Arith::Sub) r = a - b;
+            else r = a * b;
+            __builtin_memcpy(d + j + k * N, &r, sizeof(V));
         }
     }
     const RowArg<T> xr{XS ? x.p : x.p + j, 1, x.s}, yr{YS ? y.p : y.p + j, 1, y.s};

@@ -218,4 +218,18 @@ TYPED_TEST(VectorExports, NaNAndInfinityPassThroughWithStatusZero) {
     }
 }
 
+// A constant of -0.0 is used as it stands on every path, the long vector
+// runs included: 1 * -0.0 and -0.0 + -0.0 are -0.0.
+TYPED_TEST(VectorExports, NegativeZeroConstantKeepsItsSign) {
+    using T = TypeParam;
+    const int E = sizeof(T);
+    for (int len : {3, 16, 17, 64, 65, 301}) {
+        std::vector<T> ones(len, T(1)), zeros(len, T(-0.0)), d(len, T(5));
+        ASSERT_EQ(Vec<T>::vc(Stem::MulVC, ones.data(), E, T(-0.0), d.data(), E, len), zelStsOk);
+        for (T x : d) EXPECT_TRUE(x == 0 && std::signbit(x)) << len;
+        ASSERT_EQ(Vec<T>::vc(Stem::AddVC, zeros.data(), E, T(-0.0), d.data(), E, len), zelStsOk);
+        for (T x : d) EXPECT_TRUE(x == 0 && std::signbit(x)) << len;
+    }
+}
+
 }  // namespace
