@@ -20,6 +20,7 @@
 #include "elementwise/table.hpp"
 #include "frame/cpu.hpp"
 #include "frame/fanout.hpp"
+#include "frame/simd.hpp"
 
 namespace zel::elementwise {
 
@@ -32,41 +33,13 @@ ZEL_INLINE T apply(T x, T y) {
     else return x * y;
 }
 
-// 128-bit lanes for the contiguous row loop.
-template <class T>
-struct Lanes;
-template <>
-struct Lanes<float> {
-    using V = __m128;
-    static constexpr int n = 4;
-    static ZEL_INLINE V load(const float* p) { return _mm_loadu_ps(p); }
-    static ZEL_INLINE void store(float* p, V v) { _mm_storeu_ps(p, v); }
-    static ZEL_INLINE V load_aligned(const float* p) { return _mm_load_ps(p); }
-    static ZEL_INLINE void store_aligned(float* p, V v) { _mm_store_ps(p, v); }
-    static ZEL_INLINE V splat(float x) { return _mm_set1_ps(x); }
-    template <Arith A>
-    static ZEL_INLINE V op(V a, V b) {
-        if constexpr (A == Arith::Add) return _mm_add_ps(a, b);
-        else if constexpr (A == Arith::Sub) return _mm_sub_ps(a, b);
-        else return _mm_mul_ps(a, b);
-    }
-};
-template <>
-struct Lanes<double> {
-    using V = __m128d;
-    static constexpr int n = 2;
-    static ZEL_INLINE V load(const double* p) { return _mm_loadu_pd(p); }
-    static ZEL_INLINE void store(double* p, V v) { _mm_storeu_pd(p, v); }
-    static ZEL_INLINE V load_aligned(const double* p) { return _mm_load_pd(p); }
-    static ZEL_INLINE void store_aligned(double* p, V v) { _mm_store_pd(p, v); }
-    static ZEL_INLINE V splat(double x) { return _mm_set1_pd(x); }
-    template <Arith A>
-    static ZEL_INLINE V op(V a, V b) {
-        if constexpr (A == Arith::Add) return _mm_add_pd(a, b);
-        else if constexpr (A == Arith::Sub) return _mm_sub_pd(a, b);
-        else return _mm_mul_pd(a, b);
-    }
-};
+// The operation on 128-bit lanes.
+template <Arith A, class L>
+ZEL_INLINE typename L::V op(typename L::V a, typename L::V b) {
+    if constexpr (A == Arith::Add) return L::add(a, b);
+    else if constexpr (A == Arith::Sub) return L::sub(a, b);
+    else return L::mul(a, b);
+}
 
 // One side of the expression within a row: elements at a step, or a scalar.
 template <class T>
@@ -81,7 +54,7 @@ struct RowArg {
 // aligned, so loads can be folded into the arithmetic.
 template <Arith A, bool XS, bool YS, bool Al, class T>
 ZEL_INLINE void run(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
-    using L = Lanes<T>;
+    using L = simd::V128<T>;
     constexpr int N = L::n;
     auto ld = [](const T* p) { return Al ? L::load_aligned(p) : L::load(p); };
     auto st = [](T* p, typename L::V v) { Al ? L::store_aligned(p, v) : L::store(p, v); };
@@ -91,13 +64,13 @@ ZEL_INLINE void run(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
         for (int k = 0; k < 8; ++k) {
             const auto a = XS ? xs : ld(x.p + j + k * N);
             const auto b = YS ? ys : ld(y.p + j + k * N);
-            st(d + j + k * N, L::template op<A>(a, b));
+            st(d + j + k * N, op<A, L>(a, b));
         }
     }
     for (; j + N <= len; j += N) {
         const auto a0 = XS ? xs : ld(x.p + j);
         const auto b0 = YS ? ys : ld(y.p + j);
-        st(d + j, L::template op<A>(a0, b0));
+        st(d + j, op<A, L>(a0, b0));
     }
     for (; j < len; ++j) store(d + j, apply<A>(XS ? x.s : load(x.p + j), YS ? y.s : load(y.p + j)));
 }
@@ -504,10 +477,10 @@ ZEL_INLINE bool quick(const Quick<T>& q) {
     const T* x = static_cast<const T*>(q.src[ix]);
     const T* y = static_cast<const T*>(q.src[iy]);
     T* d = static_cast<T*>(q.dst);
-    using L = Lanes<T>;
+    using L = simd::V128<T>;
     int j = 0;
     for (; j + L::n <= len; j += L::n)
-        L::store(d + j, L::template op<S::A>(XS ? L::splat(q.val) : L::load(x + j),
+        L::store(d + j, op<S::A, L>(XS ? L::splat(q.val) : L::load(x + j),
                                              YS ? L::splat(q.val) : L::load(y + j)));
     // The last elements one by one, written out rather than looped: a loop
     // here is vectorised again, with overlap tests that cost a frame.

@@ -156,11 +156,6 @@ template <class T>
 ZEL_INLINE void store(T* p, T v) {
     __builtin_memcpy(p, &v, sizeof v);
 }
-// Eight bytes into or out of the low lane, at any alignment.
-ZEL_INLINE __m128d load_sd(const void* p) {
-    return _mm_castsi128_pd(_mm_loadl_epi64(static_cast<const __m128i*>(p)));
-}
-ZEL_INLINE void store_sd(void* p, __m128d v) { _mm_storel_epi64(static_cast<__m128i*>(p), _mm_castpd_si128(v)); }
 
 template <class T, Form F>
 struct Ref {

@@ -27,62 +27,10 @@
 #include <utility>
 
 #include "frame/frame.hpp"
+#include "frame/simd.hpp"
 #include "products/orders.hpp"
 
 namespace zel::products::lanes {
-
-// ---------------------------------------------------------------------------
-// Vectors of W lanes (4 floats or 2 doubles), loads and stores of the first
-// `Cnt` lanes.
-template <class T>
-struct Vec;
-
-template <>
-struct Vec<float> {
-    using V = __m128;
-    static constexpr int W = 4;
-    template <int Cnt>
-    static ZEL_INLINE V load(const float* p) {
-        if constexpr (Cnt == 4) return _mm_loadu_ps(p);
-        else if constexpr (Cnt == 3)
-            return _mm_movelh_ps(_mm_castpd_ps(load_sd(p)), _mm_load_ss(p + 2));
-        else if constexpr (Cnt == 2) return _mm_castpd_ps(load_sd(p));
-        else return _mm_load_ss(p);
-    }
-    template <int Cnt>
-    static ZEL_INLINE void store(float* p, V v) {
-        if constexpr (Cnt == 4) _mm_storeu_ps(p, v);
-        else if constexpr (Cnt == 3) {
-            store_sd(p, _mm_castps_pd(v));
-            _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
-        } else if constexpr (Cnt == 2) store_sd(p, _mm_castps_pd(v));
-        else _mm_store_ss(p, v);
-    }
-    static ZEL_INLINE V bcast(const float* p) { return _mm_set1_ps(*p); }
-    template <int K>
-    static ZEL_INLINE V lane(V v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(K, K, K, K)); }
-    static ZEL_INLINE V mul(V a, V b) { return _mm_mul_ps(a, b); }
-    static ZEL_INLINE V add(V a, V b) { return _mm_add_ps(a, b); }
-};
-
-template <>
-struct Vec<double> {
-    using V = __m128d;
-    static constexpr int W = 2;
-    template <int Cnt>
-    static ZEL_INLINE V load(const double* p) {
-        if constexpr (Cnt == 2) return _mm_loadu_pd(p);
-        else return load_sd(p);
-    }
-    template <int Cnt>
-    static ZEL_INLINE void store(double* p, V v) {
-        if constexpr (Cnt == 2) _mm_storeu_pd(p, v);
-        else store_sd(p, v);
-    }
-    static ZEL_INLINE V bcast(const double* p) { return _mm_set1_pd(*p); }
-    static ZEL_INLINE V mul(V a, V b) { return _mm_mul_pd(a, b); }
-    static ZEL_INLINE V add(V a, V b) { return _mm_add_pd(a, b); }
-};
 
 // 32f rows of 4 or more elements read as stored: a(i,0..3) broadcast from
 // the row loaded once.
@@ -100,9 +48,9 @@ ZEL_INLINE const T* at(const char* base, std::ptrdiff_t s1, int r, int c) {
 template <int N, bool TA, class T>
 ZEL_INLINE void mm_seq(const char* __restrict a, std::ptrdiff_t sa, const char* __restrict b, std::ptrdiff_t sb,
                        char* __restrict d, std::ptrdiff_t sd) {
-    using X = Vec<T>;
+    using X = simd::V128<T>;
     using V = typename X::V;
-    constexpr int W = X::W;
+    constexpr int W = X::n;
     constexpr int C = (N + W - 1) / W;  // vectors per row
     constexpr int Last = N - (C - 1) * W;
     V bv[N][C];
