@@ -375,10 +375,11 @@ ZEL_INLINE int scalar_read(const int& f) {
     return v;
 }
 
+// The contiguous row loop out of line, for the short path's long vectors
+// (arguments that all travel in registers).
 template <Arith A, bool XS, bool YS, class T>
-__attribute__((noinline)) void run_long(T* d, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
-    if (len >= kAvxRun && cpu::avx) run_avx<A, XS, YS>(d, x, y, len);
-    else run<A, XS, YS, false>(d, x, y, len);
+__attribute__((noinline)) void run_long(T* d, const T* x, const T* y, T val, std::ptrdiff_t len) {
+    row<A, XS, YS>(d, 1, RowArg<T>{x, 1, val}, RowArg<T>{y, 1, val}, len);
 }
 
 // What a signature and form say about a call, at compile time.
@@ -394,10 +395,10 @@ struct Shape {
     static constexpr Arith A = arith_of<O>();
 };
 
-// Everything but the short path of a single contiguous vector: a function of
-// its own, so that the short path sets up no frame for it.
+// The entry of every element-wise export, behind its argument tests (and,
+// for single vectors, behind the short path of quick()).
 template <Op O, Str Sig, class T, Str FS>
-__attribute__((noinline)) zelStatus general(const Call<T>& call) {
+zelStatus entry(const Call<T>& call) {
     using S = Shape<O, Sig, FS>;
     constexpr Form F = S::F;
     constexpr bool array = S::array, matrix = S::matrix;
@@ -462,8 +463,8 @@ __attribute__((noinline)) zelStatus general(const Call<T>& call) {
 }
 
 
-// The short path of a single contiguous vector of up to 16 elements, on the
-// arguments as they stand: true when it has done the work.
+// A single contiguous vector, on the arguments as they stand: up to 16
+// elements here, longer ones in the row loop. True when it has done the work.
 template <Op O, Str Sig, class T>
 ZEL_INLINE bool quick(const Quick<T>& q) {
     using S = Shape<O, Sig, "S">;
@@ -473,10 +474,14 @@ ZEL_INLINE bool quick(const Quick<T>& q) {
     // One test of all strides, in registers (comparing the two source strides
     // as one 64-bit word from memory stalls on the stores that made them).
     const int off = (q.ds ^ E) | (XS ? 0 : q.s2[ix] ^ E) | (YS ? 0 : q.s2[iy] ^ E);
-    if (off != 0 || len > 16) return false;
+    if (off != 0) return false;
     const T* x = static_cast<const T*>(q.src[ix]);
     const T* y = static_cast<const T*>(q.src[iy]);
     T* d = static_cast<T*>(q.dst);
+    if (len > 16) {
+        run_long<S::A, XS, YS>(d, x, y, q.val, len);
+        return true;
+    }
     using L = simd::V128<T>;
     int j = 0;
     for (; j + L::n <= len; j += L::n)
@@ -490,32 +495,6 @@ ZEL_INLINE bool quick(const Quick<T>& q) {
     if (L::n > 2 && r > 1) one(j + 1);
     if (L::n > 3 && r > 2) one(j + 2);
     return true;
-}
-
-// The entry of every element-wise export, behind its argument tests.
-template <Op O, Str Sig, class T, Str FS>
-ZEL_INLINE zelStatus entry(Call<T>& call) {
-    using S = Shape<O, Sig, FS>;
-    constexpr Form F = S::F;
-    constexpr bool array = S::array, matrix = S::matrix;
-    static constexpr Letter lx = S::lx, ly = S::ly;
-    constexpr int ix = S::ix, iy = S::iy;
-    constexpr Arith A = S::A;
-
-    // A single contiguous vector longer than the short path goes straight to
-    // the row loop.
-    if constexpr (!array && !matrix && F == Form::S) {
-        constexpr int E = int(sizeof(T));
-        if (__builtin_expect(call.dst[0].s2 == E && (lx.kind == 'c' || call.src[ix].s2 == E) &&
-                                 (ly.kind == 'c' || call.src[iy].s2 == E),
-                             1)) {
-            const RowArg<T> x{static_cast<const T*>(call.src[ix].p), 1, call.val};
-            const RowArg<T> y{static_cast<const T*>(call.src[iy].p), 1, call.val};
-            run_long<A, lx.kind == 'c', ly.kind == 'c'>(byte_add<T>(call.dst[0].p, 0), x, y, call.len);
-            return zelStsOk;
-        }
-    }
-    return general<O, Sig, T, FS>(call);
 }
 
 }  // namespace zel::elementwise
