@@ -190,7 +190,7 @@ def build():
                     else:
                         key = "Mul.product" if op == "Mul" else op
                         params = layout_params(op, sig, typ, form, R.LAYOUTS[key])
-                        family = subsystem
+                        family = R.MODULES.get(op, subsystem)
                     exports.append(Export(name, op, sig, typ, form, params,
                                           check_order(name, op, sig, form, array), subsystem=family))
     # prototypes listed whole
@@ -411,6 +411,13 @@ def check_code(e, T):
     return lines
 
 
+def module_parts(module):
+    """'solvers/lu' -> ('solvers/lu.hpp', 'lu'); 'products' -> ('products/products.hpp', 'products')."""
+    folder, _, name = module.partition("/")
+    name = name or folder
+    return f"{folder}/{name}.hpp", name
+
+
 def quick_call(e, T, subsystem):
     """The family's short path on the raw arguments, where the registry gives one."""
     if e.form != "S" or e.sig not in R.QUICK.get(subsystem, ()):
@@ -422,12 +429,13 @@ def quick_call(e, T, subsystem):
     return [f"    if (zel::{subsystem}::quick<zel::Op::{e.op}, \"{e.sig}\", {T}>({q})) return zelStsOk;"]
 
 
-def api_file(exports, subsystem):
-    impl = [e for e in exports if e.implemented and not e.fixed and e.subsystem == subsystem]
+def api_file(exports, module):
+    impl = [e for e in exports if e.implemented and not e.fixed and e.subsystem == module]
+    hpp, subsystem = module_parts(module)
     out = [f"// {BANNER}",
            f"// API functions of the {subsystem} families: argument checks in their",
            "// order, then the family's entry with the arguments gathered in a zel::Call.",
-           f"#include \"{subsystem}/{subsystem}.hpp\"", ""]
+           f"#include \"{hpp}\"", ""]
     for e in impl:
         T = ELEM[e.typ]
         quick = quick_call(e, T, subsystem)
@@ -498,8 +506,8 @@ def outputs(exports):
         "tests/generated/export_table.inc": test_table(exports),
         "tests/generated/callers.inc": test_callers(exports),
     }
-    for sub in sorted({e.subsystem for e in exports if not e.fixed and e.implemented}):
-        files[f"frame/generated/api_{sub}.cpp"] = api_file(exports, sub)
+    for module in sorted({e.subsystem for e in exports if not e.fixed and e.implemented}):
+        files[f"frame/generated/api_{module_parts(module)[1]}.cpp"] = api_file(exports, module)
     return files
 
 

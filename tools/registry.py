@@ -67,6 +67,21 @@ OTHER_COUNTS = {
 }
 TOTAL = 874
 
+# The module that implements an operation where its subsystem holds several:
+# "folder/name" is the header folder/name.hpp with the family's entry<> in
+# namespace zel::name, and its API functions go to frame/generated/api_name.cpp.
+# Elsewhere the module is the subsystem ("products": products/products.hpp,
+# zel::products).
+MODULES = {
+    "LUDecomp": "solvers/lu", "LUBackSubst": "solvers/lu",
+    "CholeskyDecomp": "solvers/cholesky", "CholeskyBackSubst": "solvers/cholesky",
+    "QRDecomp": "solvers/qr", "QRBackSubst": "solvers/qr",
+    "Invert": "solvers/invert", "Det": "solvers/det",
+    "EigenValuesSym": "eigen/eigensym", "EigenValuesVectorsSym": "eigen/eigensym",
+    "EigenValues": "eigen/eigengen", "EigenValuesVectors": "eigen/eigengen",
+    "EigenValuesVectorsLeft": "eigen/eigengen", "EigenValuesVectorsRight": "eigen/eigengen",
+}
+
 # ---------------------------------------------------------------------------
 # Argument lists. Each grammar export's arguments are the operand groups of its
 # signature letters, in the layout of its family. An entry names, in order:
