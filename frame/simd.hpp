@@ -68,6 +68,8 @@ struct V128<double> {
     static ZEL_INLINE void store_aligned(double* p, V v) { _mm_store_pd(p, v); }
     static ZEL_INLINE V splat(double x) { return _mm_set1_pd(x); }
     static ZEL_INLINE V bcast(const double* p) { return _mm_set1_pd(*p); }
+    template <int K>
+    static ZEL_INLINE V lane(V v) { return _mm_shuffle_pd(v, v, K ? 3 : 0); }
     static ZEL_INLINE V add(V a, V b) { return _mm_add_pd(a, b); }
     static ZEL_INLINE V sub(V a, V b) { return _mm_sub_pd(a, b); }
     static ZEL_INLINE V mul(V a, V b) { return _mm_mul_pd(a, b); }

@@ -288,19 +288,20 @@ void Call::poison(bool on) const {
     }
 }
 
-unsigned char* Call::alloc(std::size_t bytes, int misalign) {
+unsigned char* Call::alloc(std::size_t bytes, int misalign, const std::string& label) {
     std::size_t start = (used_ + kGuard + 15) / 16 * 16 + std::size_t(misalign);
     if (start + bytes + kGuard > kArena) throw std::length_error("arena full");
     // the guard before the block and the gap up to it hold the sentinel and are poisoned
     std::memset(arena_ + used_, kSentinel, start + bytes - used_);
     guards_.push_back({used_, start - used_});
+    labels_.push_back({start, label});
     used_ = start + bytes;
     return arena_ + start;
 }
 
-void** Call::alloc_table(std::size_t entries) {
+void** Call::alloc_table(std::size_t entries, const std::string& label) {
     // tables are aligned as any C array of pointers is
-    void** t = reinterpret_cast<void**>(alloc(entries * sizeof(void*), 0));
+    void** t = reinterpret_cast<void**>(alloc(entries * sizeof(void*), 0, "the table of " + label));
     tables_.push_back({t, entries});
     return t;
 }
@@ -433,15 +434,15 @@ void Call::lay_group(const GroupSpec& g, Draw& d, Mode mode) {
         return std::size_t(s);
     };
     if (l.form == 'S') {
-        l.base = alloc(span(true), misalign());
+        l.base = alloc(span(true), misalign(), g.role);
         args.ptrs["p" + g.role] = l.base;
     } else {
         const std::size_t entries = l.form == 'L' ? std::size_t(l.objs) : std::size_t(l.rows) * l.cols;
-        void** t = alloc_table(entries);
+        void** t = alloc_table(entries, g.role);
         l.table.resize(entries);
         for (std::size_t e = 0; e < entries; ++e) {
             const std::size_t bytes = l.shift + (l.form == 'L' ? span(false) : span(true));
-            l.table[e] = alloc(bytes, misalign());
+            l.table[e] = alloc(bytes, misalign(), g.role + " entry " + std::to_string(e));
         }
         // a source table may name one object or element position twice
         if (fuzz && !dst && entries > 1 && d.chance(4)) l.table[entries - 1] = l.table[0];
@@ -485,7 +486,7 @@ void Call::lay_block(const BlockSpec& b, Draw& d, Mode mode) {
         bytes = std::size_t(pl.elems) * pl.esz;
     }
     static const int misaligns[] = {0, 0, 0, 4, 8, 12};
-    pl.p = alloc(bytes, reals && fuzz ? d.pick(misaligns) : 0);
+    pl.p = alloc(bytes, reals && fuzz ? d.pick(misaligns) : 0, b.param);
     args.ptrs[b.param] = pl.p;
     if (b.role == "in" && b.k) {
         for (int n = 0; n < pl.count; ++n)
@@ -584,11 +585,12 @@ std::vector<std::size_t> Call::stray_writes(std::string* first) const {
     for (std::size_t i : changed())
         if (!writable_[i]) out.push_back(i);
     if (first && !out.empty()) {
+        // the block it lies in or behind
+        const auto it = std::upper_bound(labels_.begin(), labels_.end(), out[0],
+                                         [](std::size_t v, const auto& l) { return v < l.first; });
         std::ostringstream s;
-        s << "byte " << out[0] << " of the arena";
-        for (const auto& l : groups_)
-            if (l.form == 'S' && std::size_t(l.base - arena_) <= out[0])
-                s << " (past the start of group " << l.g->role << " at " << (l.base - arena_) << ")";
+        s << out.size() << " bytes, the first at arena offset " << out[0];
+        if (it != labels_.begin()) s << ", " << out[0] - std::prev(it)->first << " bytes into " << std::prev(it)->second;
         *first = s.str();
     }
     return out;

@@ -140,8 +140,8 @@ private:
         int count = 0, stride = 0;  // k@stride
     };
 
-    unsigned char* alloc(std::size_t bytes, int misalign);
-    void** alloc_table(std::size_t entries);
+    unsigned char* alloc(std::size_t bytes, int misalign, const std::string& label);
+    void** alloc_table(std::size_t entries, const std::string& label);
     void choose_sizes(Draw& d, Mode mode);
     void lay_group(const GroupSpec& g, Draw& d, Mode mode);
     void lay_block(const BlockSpec& b, Draw& d, Mode mode);
@@ -161,6 +161,7 @@ private:
     std::vector<std::pair<void**, std::size_t>> tables_;
     std::vector<unsigned char> writable_, snapshot_;
     std::vector<std::pair<std::size_t, std::size_t>> guards_;  // offset, bytes
+    std::vector<std::pair<std::size_t, std::string>> labels_;   // offset of each block, what it is
     std::map<std::string, int> laid_;                          // the integer arguments as laid out
     std::size_t used_ = 0;
     unsigned char* arena_;
