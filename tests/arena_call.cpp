@@ -238,8 +238,8 @@ std::size_t Call::Laid::at(int n, int r, int c, const unsigned char* arena) cons
     return std::size_t(p - arena);
 }
 
-Call::Call(const reg::ExportRow& row, Draw& d, Mode mode)
-    : row_(row), spec_(spec_of(row.name)), params_(reg::params_of(row)), arena_(arena_memory()) {
+Call::Call(const reg::ExportRow& row, Draw& d, Mode mode, bool parallel)
+    : parallel_(parallel), row_(row), spec_(spec_of(row.name)), params_(reg::params_of(row)), arena_(arena_memory()) {
     esz_ = std::string(row.type) == "64f" ? 8 : 4;
     form_ = row.form[0];
     for (const auto& p : params_) {
@@ -424,6 +424,11 @@ void Call::lay_group(const GroupSpec& g, Draw& d, Mode mode) {
     }
     if (!has(x + "Stride0")) l.s0 = 0;
     if (fuzz && l.objs == 1 && has(x + "Stride0") && d.chance(4)) l.s0 = d.pick(huge) & ~(esz - 1);
+    // threads share no destination object: the caller's side of the contract
+    if (parallel_ && dst && l.form == 'S' && l.objs > 1) {
+        const std::int64_t obj = std::int64_t(l.rows - 1) * l.s1 + std::int64_t(l.cols - 1) * l.s2 + esz;
+        l.s0 = int(std::max<std::int64_t>(l.s0, obj));
+    }
     static const int shifts[] = {0, 0, 1, 2, 16};
     if (l.form != 'S') l.shift = esz * (fuzz ? d.pick(shifts) : 0);
     auto span = [&](bool with_objects) {

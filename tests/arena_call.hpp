@@ -82,7 +82,9 @@ enum class Mode {
 
 class Call {
 public:
-    Call(const reg::ExportRow& row, Draw& d, Mode mode);
+    // `parallel`: the call may run on several threads, so destination
+    // objects must not overlap (overlapping rows within one object may).
+    Call(const reg::ExportRow& row, Draw& d, Mode mode, bool parallel = false);
     ~Call();
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
@@ -149,6 +151,7 @@ private:
     std::map<std::string, std::int64_t> names() const;
     void poison(bool on) const;
 
+    bool parallel_;
     const reg::ExportRow& row_;
     const Spec& spec_;
     std::vector<reg::Param> params_;

@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::vector<Break> breaks(checked ? d.pick(break_counts) : 0);
     for (auto& b : breaks) b = {d.chance(4), d.u32(), bad_value(d)};
 
-    ac::Call c(row, d, ac::Mode::Fuzz);
+    ac::Call c(row, d, ac::Mode::Fuzz, threads > 1);
     std::vector<std::string> ints, nulls;
     for (const auto& b : breaks) {
         const auto& names = b.pointer ? c.pointer_args() : c.int_args();
