@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -55,12 +56,35 @@ void* wild(ac::Draw& d) {
     return reinterpret_cast<void*>(d.pick(v));
 }
 
+// The export an input calls: the first four bytes pick one by number, which
+// moves to another export whenever exports are added; a kept reproducer names
+// its export instead ("@zelmAdd_vc_64f_P" and a zero byte, then the rest).
+const reg::ExportRow* pick_export(const std::uint8_t*& data, std::size_t& size) {
+    const auto& all = exports();
+    if (size > 1 && data[0] == '@') {
+        const auto* end = static_cast<const std::uint8_t*>(std::memchr(data, 0, size));
+        if (!end) return nullptr;
+        const std::string name(reinterpret_cast<const char*>(data + 1), reinterpret_cast<const char*>(end));
+        size -= std::size_t(end + 1 - data);
+        data = end + 1;
+        for (const auto* r : all)
+            if (name == r->name) return r;
+        return nullptr;
+    }
+    ac::Draw d(data, size);
+    const std::uint32_t k = d.below(std::uint32_t(all.size()));
+    const std::size_t used = size < 4 ? size : 4;
+    data += used, size -= used;
+    return all[k];
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const reg::ExportRow* picked = pick_export(data, size);
+    if (!picked) return -1;  // names no callable export: not worth keeping
+    const reg::ExportRow& row = *picked;
     ac::Draw d(data, size);
-    const auto& all = exports();
-    const reg::ExportRow& row = *all[d.below(std::uint32_t(all.size()))];
     static const int thread_counts[] = {1, 1, 2, 3, 4};
     const int threads = d.pick(thread_counts);
     const bool failing_malloc = d.chance(8);
