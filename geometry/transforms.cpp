@@ -1,0 +1,223 @@
+// Points and normals through a 4x4 matrix as row vectors, single and in
+// arrays with byte strides, and the projection to a viewport and back.
+// The arithmetic of each transform is one function of geometry.hpp; the array
+// forms run it point by point, so their results equal the single forms' bit
+// for bit. Nothing is tested; an array call with count below 1 writes nothing.
+#include "geometry/geometry.hpp"
+
+namespace zel::geometry {
+namespace {
+
+// One point: N coordinates in, Out components of f's result out. All of the
+// point is read before the first store.
+template <int N, int Out, V (*f)(const Rows&, const Point&)>
+ZEL_INLINE void one(const Rows& m, const float* src, float* dst) {
+    F4::store<Out>(dst, f(m, point_of<N>(F4::load<N>(src))));
+}
+
+template <int N, int Out, V (*f)(const Rows&, const Point&)>
+zelStatus single(const float* matrix, const float* src, float* dst) {
+    one<N, Out, f>(load_rows(matrix), src, dst);
+    return zelStsOk;
+}
+
+// The array forms point by point, each point's source read before its
+// destination is written.
+template <int N, int Out, V (*f)(const Rows&, const Point&)>
+ZEL_INLINE void each(const Rows& m, const float* src, int ss, float* dst, int ds, int count) {
+    for (int n = 0; n < count; ++n)
+        one<N, Out, f>(m, byte_add<const float>(src, std::ptrdiff_t(n) * ss),
+                       byte_add<float>(dst, std::ptrdiff_t(n) * ds));
+}
+
+template <int N, int Out, V (*f)(const Rows&, const Point&)>
+zelStatus array(const float* matrix, const float* src, int ss, float* dst, int ds, int count) {
+    if (count >= 1) each<N, Out, f>(load_rows(matrix), src, ss, dst, ds, count);
+    return zelStsOk;
+}
+
+// The dense layout of zelmAffineTransform_m4v3a_32f (12 bytes in, 16 out) and
+// of zelmAffineTransformCoord_m4v3a_32f (12 in, 12 out): a point is loaded
+// with one 16-byte load that takes the next point's x along in its unused
+// lane, all points but the last.
+template <int Out, V (*f)(const Rows&, const Point&)>
+ZEL_INLINE void dense3(const Rows& m, const float* src, float* dst, int dstep, int count) {
+    for (int n = 0; n + 1 < count; ++n, src += 3, dst += dstep)
+        F4::store<Out>(dst, f(m, point_of<3>(F4::load(src))));
+    one<3, Out, f>(m, src, dst);
+}
+
+// The viewport mapping of a point in normalised device coordinates t: x from
+// [-1, 1] to [0, width], y likewise but pointing down, depth from [0, 1] to
+// [minZ, maxZ].
+struct Viewport {
+    float width, height, min_z, max_z;
+};
+
+// World, view and projection in turn, each dividing by its own w, then the
+// viewport.
+struct Projector {
+    Rows world, view, proj;
+    Viewport vp;
+    ZEL_INLINE void operator()(const float* src, float* dst) const {
+        V t = coord3(world, point_of<3>(F4::load<3>(src)));
+        t = coord3(view, point_of<3>(t));
+        t = coord3(proj, point_of<3>(t));
+        alignas(16) float n[4];
+        _mm_store_ps(n, t);
+        dst[0] = (n[0] + 1.0f) * vp.width * 0.5f;
+        dst[1] = (1.0f - n[1]) * vp.height * 0.5f;
+        dst[2] = (1.0f - n[2]) * vp.min_z + vp.max_z * n[2];
+    }
+};
+
+// The viewport coordinates of src back to normalised device coordinates,
+// with the depth range given as maxZ - minZ.
+ZEL_INLINE void to_device(const float* src, const Viewport& vp, float depth, float* dst) {
+    dst[0] = 2.0f * src[0] / vp.width - 1.0f;
+    dst[1] = 1.0f + -2.0f * src[1] / vp.height;
+    dst[2] = (src[2] - vp.min_z) / depth;
+}
+
+// The inverse of (world * view) * projection.
+ZEL_INLINE zelStatus inverse_of_product(const float* proj, const float* view, const float* world, float* inv) {
+    float wv[16], wvp[16];
+    w7_ownMulMat_32f(world, view, wv);
+    w7_ownMulMat_32f(wv, proj, wvp);
+    return invert(wvp, nullptr, inv);
+}
+
+}  // namespace
+}  // namespace zel::geometry
+
+namespace g = zel::geometry;
+using g::Point;
+using g::Rows;
+using g::V;
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v2_32f(const float* pMatrix, const float* pSrc, float* pDst) {
+    return g::single<2, 4, g::transform2>(pMatrix, pSrc, pDst);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v3_32f(const float* pMatrix, const float* pSrc, float* pDst) {
+    return g::single<3, 4, g::transform3>(pMatrix, pSrc, pDst);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v4_32f(const float* pMatrix, const float* pSrc, float* pDst) {
+    return g::single<4, 4, g::transform4>(pMatrix, pSrc, pDst);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v2a_32f(const float* pMatrix, const float* pSrc,
+                                                                   int srcStride, float* pDst, int dstStride,
+                                                                   int count) {
+    return g::array<2, 4, g::transform2>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v3a_32f(const float* pMatrix, const float* pSrc,
+                                                                   int srcStride, float* pDst, int dstStride,
+                                                                   int count) {
+    if (srcStride == 12 && dstStride == 16 && count >= 1) {
+        g::dense3<4, g::transform3>(g::load_rows(pMatrix), pSrc, pDst, 4, count);
+        return zelStsOk;
+    }
+    return g::array<3, 4, g::transform3>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v4a_32f(const float* pMatrix, const float* pSrc,
+                                                                   int srcStride, float* pDst, int dstStride,
+                                                                   int count) {
+    return g::array<4, 4, g::transform4>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v2_32f(const float* pMatrix, const float* pSrc,
+                                                                       float* pDst) {
+    return g::single<2, 2, g::coord2>(pMatrix, pSrc, pDst);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v3_32f(const float* pMatrix, const float* pSrc,
+                                                                       float* pDst) {
+    return g::single<3, 3, g::coord3>(pMatrix, pSrc, pDst);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v2a_32f(const float* pMatrix, const float* pSrc,
+                                                                        int srcStride, float* pDst, int dstStride,
+                                                                        int count) {
+    return g::array<2, 2, g::coord2>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v3a_32f(const float* pMatrix, const float* pSrc,
+                                                                        int srcStride, float* pDst, int dstStride,
+                                                                        int count) {
+    if (srcStride == 12 && dstStride == 12 && count >= 1) {
+        g::dense3<3, g::coord3>(g::load_rows(pMatrix), pSrc, pDst, 3, count);
+        return zelStsOk;
+    }
+    return g::array<3, 3, g::coord3>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
+}
+
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformNormal_m4v2_32f(const float* pMatrix, const float* pSrc,
+                                                                        float* pDst) {
+    return g::single<2, 2, g::normal2>(pMatrix, pSrc, pDst);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformNormal_m4v3_32f(const float* pMatrix, const float* pSrc,
+                                                                        float* pDst) {
+    return g::single<3, 3, g::normal3>(pMatrix, pSrc, pDst);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformNormal_m4v2a_32f(const float* pMatrix, const float* pSrc,
+                                                                         int srcStride, float* pDst, int dstStride,
+                                                                         int count) {
+    return g::array<2, 2, g::normal2>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformNormal_m4v3a_32f(const float* pMatrix, const float* pSrc,
+                                                                         int srcStride, float* pDst, int dstStride,
+                                                                         int count) {
+    return g::array<3, 3, g::normal3>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
+}
+
+// Projection to the viewport; a w of 0 on the way gives infinities or NaN.
+extern "C" ZEL_INTERNAL zelStatus w7_zelmProject_m4v3_32f(const float* pProjection, const float* pView,
+                                                          const float* pWorld, const float* pSrc,
+                                                          float viewportWidth, float viewportHeight,
+                                                          float viewportMinZ, float viewportMaxZ, float* pDst) {
+    const g::Projector p{g::load_rows(pWorld), g::load_rows(pView), g::load_rows(pProjection),
+                         {viewportWidth, viewportHeight, viewportMinZ, viewportMaxZ}};
+    p(pSrc, pDst);
+    return zelStsOk;
+}
+extern "C" ZEL_INTERNAL zelStatus w7_zelmProject_m4v3a_32f(const float* pProjection, const float* pView,
+                                                           const float* pWorld, const float* pSrc, int srcStride,
+                                                           float viewportWidth, float viewportHeight,
+                                                           float viewportMinZ, float viewportMaxZ, float* pDst,
+                                                           int dstStride, int count) {
+    const g::Projector p{g::load_rows(pWorld), g::load_rows(pView), g::load_rows(pProjection),
+                         {viewportWidth, viewportHeight, viewportMinZ, viewportMaxZ}};
+    for (int n = 0; n < count; ++n)
+        p(zel::byte_add<const float>(pSrc, std::ptrdiff_t(n) * srcStride),
+          zel::byte_add<float>(pDst, std::ptrdiff_t(n) * dstStride));
+    return zelStsOk;
+}
+
+// Back from the viewport: the device coordinates are written first and stay
+// in pDst if (world * view) * projection is singular.
+extern "C" ZEL_INTERNAL zelStatus w7_zelmUnproject_m4v3_32f(const float* pProjection, const float* pView,
+                                                            const float* pWorld, const float* pSrc,
+                                                            float viewportWidth, float viewportHeight,
+                                                            float viewportMinZ, float viewportMaxZ, float* pDst) {
+    const g::Viewport vp{viewportWidth, viewportHeight, viewportMinZ, viewportMaxZ};
+    g::to_device(pSrc, vp, viewportMaxZ - viewportMinZ, pDst);
+    float inv[16];
+    if (const zelStatus st = g::inverse_of_product(pProjection, pView, pWorld, inv)) return st;
+    g::coord3_at(g::load_rows(inv), pDst, pDst);
+    return zelStsOk;
+}
+// The array form inverts once, before the first point, and writes nothing if
+// the product is singular.
+extern "C" ZEL_INTERNAL zelStatus w7_zelmUnproject_m4v3a_32f(const float* pProjection, const float* pView,
+                                                             const float* pWorld, const float* pSrc, int srcStride,
+                                                             float viewportWidth, float viewportHeight,
+                                                             float viewportMinZ, float viewportMaxZ, float* pDst,
+                                                             int dstStride, int count) {
+    float inv[16];
+    if (const zelStatus st = g::inverse_of_product(pProjection, pView, pWorld, inv)) return st;
+    const Rows m = g::load_rows(inv);
+    const g::Viewport vp{viewportWidth, viewportHeight, viewportMinZ, viewportMaxZ};
+    const float depth = viewportMaxZ - viewportMinZ;
+    for (int n = 0; n < count; ++n) {
+        float d[3];
+        g::to_device(zel::byte_add<const float>(pSrc, std::ptrdiff_t(n) * srcStride), vp, depth, d);
+        g::coord3_at(m, d, zel::byte_add<float>(pDst, std::ptrdiff_t(n) * dstStride));
+    }
+    return zelStsOk;
+}
