@@ -13,50 +13,79 @@ namespace {
 constexpr float kPivotMin = std::bit_cast<float>(0x35C00000u);
 static_assert(kPivotMin == 1.4305115e-06f);
 
-// Step k of the elimination, with the pivot in column C of row K: row K
-// divided by the pivot p, then its multiple t = B[r][C] taken from every other
-// row r, in B and in I beside it. The lanes of B that hold columns already
-// eliminated (perm[0..k-1]) are updated too: row K holds +0 there, so they
-// change at most by the sign of a zero, and they are never read again.
+// The working copy is kept with its columns in the order of perm: lane c of
+// row r holds B[r][perm[c]]. The scan over perm[k..3] is then a scan over
+// lanes k..3, an exchange in perm an exchange of two lanes in every row, and
+// the pivot column of step k is lane k.
+
+// Lanes K and C of v exchanged.
 template <int K, int C>
-ZEL_INLINE void eliminate(V (&B)[4], V (&I)[4], float p) {
+ZEL_INLINE V swap_lanes(V v) {
+    constexpr auto sel = [](int i) { return i == K ? C : i == C ? K : i; };
+    return _mm_shuffle_ps(v, v, sel(0) | sel(1) << 2 | sel(2) << 4 | sel(3) << 6);
+}
+
+// The first lane c in K..3 of the largest magnitude in row K, and that
+// magnitude: a maximum over the lanes, then the first lane equal to it. A
+// NaN among them (which never wins a strict comparison) takes the scan as
+// written.
+template <int K>
+ZEL_INLINE int pivot_lane(V row, float& big) {
+    constexpr int keep = 0xF & (0xF << K);
+    const V a = _mm_and_ps(row, _mm_castsi128_ps(_mm_set1_epi32(0x7FFFFFFF)));
+    if (_mm_movemask_ps(_mm_cmpunord_ps(a, a)) & keep) {
+        alignas(16) float l[4];
+        _mm_store_ps(l, a);
+        int best = K;
+        big = l[K];
+        for (int c = K + 1; c < 4; ++c)
+            if (l[c] > big) big = l[c], best = c;
+        return best;
+    }
+    const V live = _mm_castsi128_ps(_mm_setr_epi32(K <= 0 ? -1 : 0, K <= 1 ? -1 : 0, K <= 2 ? -1 : 0, -1));
+    V m = _mm_and_ps(a, live);
+    m = _mm_max_ps(m, _mm_shuffle_ps(m, m, _MM_SHUFFLE(1, 0, 3, 2)));
+    m = _mm_max_ps(m, _mm_shuffle_ps(m, m, _MM_SHUFFLE(2, 3, 0, 1)));
+    big = _mm_cvtss_f32(m);
+    return __builtin_ctz(unsigned(_mm_movemask_ps(_mm_cmpeq_ps(a, m))) & keep);
+}
+
+// Step K: the pivot, its column moved to lane K, row K divided by the pivot
+// p (a division per element), then its multiple t = B[r][perm[K]] taken from
+// every other row r, in B and in I beside it. The lanes of columns already
+// eliminated (0..K-1) are updated too: row K holds +0 there, so they change
+// at most by the sign of a zero, and they are never read again.
+template <int K>
+ZEL_INLINE bool pivot_step(V (&B)[4], V (&I)[4], int (&perm)[4], float& d) {
+    float big;
+    const int c = pivot_lane<K>(B[K], big);
+    if (big < kPivotMin) return false;
+    if (c != K) {
+        const int col = perm[c];
+        perm[c] = perm[K];
+        perm[K] = col;
+        for (V& row : B) {
+            if constexpr (K < 3) {
+                if (c == K + 1) row = swap_lanes<K, K + 1>(row);
+            }
+            if constexpr (K < 2) {
+                if (c == K + 2) row = swap_lanes<K, K + 2>(row);
+            }
+            if constexpr (K < 1) {
+                if (c == K + 3) row = swap_lanes<K, K + 3>(row);
+            }
+        }
+    }
+    const float p = _mm_cvtss_f32(lane<K>(B[K]));
+    d = d * p;
     const V pv = _mm_set1_ps(p);
     B[K] = _mm_div_ps(B[K], pv);
     I[K] = _mm_div_ps(I[K], pv);
     for (int r = 0; r < 4; ++r) {
         if (r == K) continue;
-        const V t = lane<C>(B[r]);
+        const V t = lane<K>(B[r]);
         B[r] = _mm_sub_ps(B[r], _mm_mul_ps(B[K], t));
         I[r] = _mm_sub_ps(I[r], _mm_mul_ps(I[K], t));
-    }
-}
-
-// Step K: the pivot search along row K over the columns not yet used, in the
-// order of perm, keeping the first largest magnitude.
-template <int K>
-ZEL_INLINE bool pivot_step(V (&B)[4], V (&I)[4], int (&perm)[4], float& d) {
-    alignas(16) float row[4];
-    _mm_store_ps(row, B[K]);
-    int best = K;
-    float big = std::fabs(row[perm[K]]);
-    for (int c = K + 1; c < 4; ++c) {
-        const float a = std::fabs(row[perm[c]]);
-        if (a > big) {
-            big = a;
-            best = c;
-        }
-    }
-    if (big < kPivotMin) return false;
-    const int col = perm[best];
-    perm[best] = perm[K];
-    perm[K] = col;
-    const float p = row[col];
-    d = d * p;
-    switch (col) {
-        case 0: eliminate<K, 0>(B, I, p); break;
-        case 1: eliminate<K, 1>(B, I, p); break;
-        case 2: eliminate<K, 2>(B, I, p); break;
-        default: eliminate<K, 3>(B, I, p); break;
     }
     return true;
 }

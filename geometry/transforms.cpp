@@ -3,6 +3,9 @@
 // The arithmetic of each transform is one function of geometry.hpp; the array
 // forms run it point by point, so their results equal the single forms' bit
 // for bit. Nothing is tested; an array call with count below 1 writes nothing.
+#include <immintrin.h>
+
+#include "frame/cpu.hpp"
 #include "geometry/geometry.hpp"
 
 namespace zel::geometry {
@@ -39,12 +42,40 @@ zelStatus array(const float* matrix, const float* src, int ss, float* dst, int d
 // The dense layout of zelmAffineTransform_m4v3a_32f (12 bytes in, 16 out) and
 // of zelmAffineTransformCoord_m4v3a_32f (12 in, 12 out): a point is loaded
 // with one 16-byte load that takes the next point's x along in its unused
-// lane, all points but the last.
+// lane, all points but the last; from point `from` on.
 template <int Out, V (*f)(const Rows&, const Point&)>
-ZEL_INLINE void dense3(const Rows& m, const float* src, float* dst, int dstep, int count) {
-    for (int n = 0; n + 1 < count; ++n, src += 3, dst += dstep)
+ZEL_INLINE void dense3(const Rows& m, const float* src, float* dst, int dstep, int from, int count) {
+    src += 3 * std::ptrdiff_t(from);
+    dst += dstep * std::ptrdiff_t(from);
+    for (int n = from; n + 1 < count; ++n, src += 3, dst += dstep)
         F4::store<Out>(dst, f(m, point_of<3>(F4::load(src))));
     one<3, Out, f>(m, src, dst);
+}
+
+// Whether `count` points of the source (12 bytes each) and of the
+// destination (`dbytes` each), both packed, lie apart in memory, so that a
+// point's source may be read after an earlier point's destination is
+// written.
+inline bool apart(const float* src, const float* dst, int dbytes, int count) {
+    const auto s = reinterpret_cast<std::uintptr_t>(src), d = reinterpret_cast<std::uintptr_t>(dst);
+    return d + std::uintptr_t(count) * std::uintptr_t(dbytes) <= s || s + std::uintptr_t(count) * 12u <= d;
+}
+
+// zelmAffineTransform_m4v3a_32f's dense layout two points at a time in the
+// 256-bit AVX lanes, one point per 128-bit half: each half does exactly the
+// operations of transform3, so the results are the same bits. Returns the
+// points done; the last one is always left to the 128-bit loop.
+__attribute__((target("avx"))) int transform3_dense_avx(const Rows& m, const float* src, float* dst, int count) {
+    __m256 r[4];
+    for (int i = 0; i < 4; ++i) r[i] = _mm256_insertf128_ps(_mm256_castps128_ps256(m.r[i]), m.r[i], 1);
+    int n = 0;
+    for (; n + 2 < count; n += 2, src += 6, dst += 8) {
+        const __m256 v = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(src)), _mm_loadu_ps(src + 3), 1);
+        const __m256 x = _mm256_permute_ps(v, 0x00), y = _mm256_permute_ps(v, 0x55), z = _mm256_permute_ps(v, 0xAA);
+        const __m256 s = _mm256_add_ps(_mm256_add_ps(r[3], _mm256_mul_ps(r[0], x)), _mm256_mul_ps(r[1], y));
+        _mm256_storeu_ps(dst, _mm256_add_ps(s, _mm256_mul_ps(r[2], z)));
+    }
+    return n;
 }
 
 // The viewport mapping of a point in normalised device coordinates t: x from
@@ -113,7 +144,9 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v3a_32f(const float* 
                                                                    int srcStride, float* pDst, int dstStride,
                                                                    int count) {
     if (srcStride == 12 && dstStride == 16 && count >= 1) {
-        g::dense3<4, g::transform3>(g::load_rows(pMatrix), pSrc, pDst, 4, count);
+        const Rows m = g::load_rows(pMatrix);
+        const int done = zel::cpu::avx && g::apart(pSrc, pDst, 16, count) ? g::transform3_dense_avx(m, pSrc, pDst, count) : 0;
+        g::dense3<4, g::transform3>(m, pSrc, pDst, 4, done, count);
         return zelStsOk;
     }
     return g::array<3, 4, g::transform3>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
@@ -141,7 +174,7 @@ extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v3a_32f(const fl
                                                                         int srcStride, float* pDst, int dstStride,
                                                                         int count) {
     if (srcStride == 12 && dstStride == 12 && count >= 1) {
-        g::dense3<3, g::coord3>(g::load_rows(pMatrix), pSrc, pDst, 3, count);
+        g::dense3<3, g::coord3>(g::load_rows(pMatrix), pSrc, pDst, 3, 0, count);
         return zelStsOk;
     }
     return g::array<3, 3, g::coord3>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
