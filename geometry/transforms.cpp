@@ -47,6 +47,7 @@ template <int Out, V (*f)(const Rows&, const Point&)>
 ZEL_INLINE void dense3(const Rows& m, const float* src, float* dst, int dstep, int from, int count) {
     src += 3 * std::ptrdiff_t(from);
     dst += dstep * std::ptrdiff_t(from);
+#pragma GCC unroll 2
     for (int n = from; n + 1 < count; ++n, src += 3, dst += dstep)
         F4::store<Out>(dst, f(m, point_of<3>(F4::load(src))));
     one<3, Out, f>(m, src, dst);

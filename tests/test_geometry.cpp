@@ -52,10 +52,10 @@ struct VArgs {
     const float *a, *b, *c, *d;
     float s, t;
 };
-using VFn = std::function<void(const VArgs&, float*)>;
 struct VecRow {
     const char* name;
-    VFn ours, ref;
+    void (*ours)(const VArgs&, float*);
+    void (*ref)(const VArgs&, float*);
     int outs;   // values written (0: the length)
     float tol;  // 0: the same bits
 };
@@ -70,53 +70,42 @@ template <int N>
 void put(const glm::vec<N, float>& v, float* o) {
     for (int i = 0; i < N; ++i) o[i] = v[i];
 }
+void put(float v, float* o) { *o = v; }
 template <int N, class F2, class F3, class F4>
 auto pick(F2 f2, F3 f3, F4 f4) {
     if constexpr (N == 2) return f2;
     else if constexpr (N == 3) return f3;
     else return f4;
 }
-#define ZEL_PICK(name) pick<N>(name##_v2_32f, name##_v3_32f, name##_v4_32f)
+
+// A row: the export of length N called with `args`, glm's `expr` on the same
+// values (A, B, C, D the glm vectors of x.a .. x.d; s, t the scalars).
+#define ZEL_VROW(Op, args, expr, outs, tol)                                                                    \
+    {#Op, [](const VArgs& x, float* o) { pick<N>(zelm##Op##_v2_32f, zelm##Op##_v3_32f, zelm##Op##_v4_32f) args; }, \
+     [](const VArgs& x, float* o) {                                                                            \
+         [[maybe_unused]] const G A = gv<N>(x.a), B = gv<N>(x.b), C = gv<N>(x.c), D = gv<N>(x.d);             \
+         [[maybe_unused]] const float s = x.s, t = x.t;                                                        \
+         put(expr, o);                                                                                         \
+     },                                                                                                        \
+     outs, tol}
 
 template <int N>
 std::vector<VecRow> vec_rows() {
     using G = glm::vec<N, float>;
-    const auto two = [](auto f) { return [f](const VArgs& x, float* o) { f(x.a, x.b, o); }; };
     return {
-        {"Add", two(ZEL_PICK(zelmAdd)), [](const VArgs& x, float* o) { put<N>(gv<N>(x.a) + gv<N>(x.b), o); }, 0, 0},
-        {"Sub", two(ZEL_PICK(zelmSub)), [](const VArgs& x, float* o) { put<N>(gv<N>(x.a) - gv<N>(x.b), o); }, 0, 0},
-        {"Min", two(ZEL_PICK(zelmMin)), [](const VArgs& x, float* o) { put<N>(glm::min(gv<N>(x.a), gv<N>(x.b)), o); }, 0, 0},
-        {"Max", two(ZEL_PICK(zelmMax)), [](const VArgs& x, float* o) { put<N>(glm::max(gv<N>(x.a), gv<N>(x.b)), o); }, 0, 0},
-        {"MulC", [](const VArgs& x, float* o) { ZEL_PICK(zelmMulC)(x.a, x.s, o); },
-         [](const VArgs& x, float* o) { put<N>(gv<N>(x.a) * x.s, o); }, 0, 0},
-        {"DotProduct", two(ZEL_PICK(zelmDotProduct)),
-         [](const VArgs& x, float* o) { *o = glm::dot(gv<N>(x.a), gv<N>(x.b)); }, 1, 1e-6f},
-        {"LenSqr", [](const VArgs& x, float* o) { ZEL_PICK(zelmLenSqr)(x.a, o); },
-         [](const VArgs& x, float* o) { *o = glm::dot(gv<N>(x.a), gv<N>(x.a)); }, 1, 1e-6f},
-        {"Len", [](const VArgs& x, float* o) { ZEL_PICK(zelmLen)(x.a, o); },
-         [](const VArgs& x, float* o) { *o = glm::length(gv<N>(x.a)); }, 1, 1e-6f},
-        {"Normalize", [](const VArgs& x, float* o) { ZEL_PICK(zelmNormalize)(x.a, o); },
-         [](const VArgs& x, float* o) { put<N>(glm::normalize(gv<N>(x.a)), o); }, 0, 1e-6f},
-        {"InterpolationLinear", [](const VArgs& x, float* o) { ZEL_PICK(zelmInterpolationLinear)(x.a, x.b, x.s, o); },
-         [](const VArgs& x, float* o) { put<N>(glm::mix(gv<N>(x.a), gv<N>(x.b), x.s), o); }, 0, 1e-5f},
-        {"BaryCentric",
-         [](const VArgs& x, float* o) { ZEL_PICK(zelmBaryCentric)(x.a, x.b, x.c, x.s, x.t, o); },
-         [](const VArgs& x, float* o) {
-             const G a = gv<N>(x.a);
-             put<N>(a + (gv<N>(x.b) - a) * x.s + (gv<N>(x.c) - a) * x.t, o);
-         },
-         0, 1e-5f},
-        {"Hermite", [](const VArgs& x, float* o) { ZEL_PICK(zelmHermite)(x.a, x.b, x.c, x.d, x.s, o); },
-         [](const VArgs& x, float* o) {
-             put<N>(glm::hermite(gv<N>(x.a), gv<N>(x.b), gv<N>(x.c), gv<N>(x.d), x.s), o);
-         },
-         0, 1e-5f},
-        {"InterpolationCatmullRom",
-         [](const VArgs& x, float* o) { ZEL_PICK(zelmInterpolationCatmullRom)(x.a, x.b, x.c, x.d, x.s, o); },
-         [](const VArgs& x, float* o) {
-             put<N>(glm::catmullRom(gv<N>(x.a), gv<N>(x.b), gv<N>(x.c), gv<N>(x.d), x.s), o);
-         },
-         0, 1e-5f},
+        ZEL_VROW(Add, (x.a, x.b, o), A + B, 0, 0),
+        ZEL_VROW(Sub, (x.a, x.b, o), A - B, 0, 0),
+        ZEL_VROW(Min, (x.a, x.b, o), glm::min(A, B), 0, 0),
+        ZEL_VROW(Max, (x.a, x.b, o), glm::max(A, B), 0, 0),
+        ZEL_VROW(MulC, (x.a, x.s, o), A * s, 0, 0),
+        ZEL_VROW(DotProduct, (x.a, x.b, o), glm::dot(A, B), 1, 1e-6f),
+        ZEL_VROW(LenSqr, (x.a, o), glm::dot(A, A), 1, 1e-6f),
+        ZEL_VROW(Len, (x.a, o), glm::length(A), 1, 1e-6f),
+        ZEL_VROW(Normalize, (x.a, o), glm::normalize(A), 0, 1e-6f),
+        ZEL_VROW(InterpolationLinear, (x.a, x.b, x.s, o), glm::mix(A, B, s), 0, 1e-5f),
+        ZEL_VROW(BaryCentric, (x.a, x.b, x.c, x.s, x.t, o), A + (B - A) * s + (C - A) * t, 0, 1e-5f),
+        ZEL_VROW(Hermite, (x.a, x.b, x.c, x.d, x.s, o), glm::hermite(A, B, C, D, s), 0, 1e-5f),
+        ZEL_VROW(InterpolationCatmullRom, (x.a, x.b, x.c, x.d, x.s, o), glm::catmullRom(A, B, C, D, s), 0, 1e-5f),
     };
 }
 
@@ -138,7 +127,7 @@ void run_vec_rows() {
     }
 }
 
-TEST(GeometryVectors, AgreeWithGlmAtEveryLength) {
+TEST(Geometry, AgreeWithGlmAtEveryLength) {
     run_vec_rows<2>();
     run_vec_rows<3>();
     run_vec_rows<4>();
@@ -146,7 +135,7 @@ TEST(GeometryVectors, AgreeWithGlmAtEveryLength) {
 
 // The written formulas where the order is the result: Hermite's weights in
 // 64 bits, the length's root in 64 bits, ties and NaN going to b.
-TEST(GeometryVectors, WrittenOrderAndEdgeCases) {
+TEST(Geometry, WrittenOrderAndEdgeCases) {
     for (int trial = 0; trial < 500; ++trial) {
         float a[3], b[3], c[3], d[3], got[3];
         fill(a, 3), fill(b, 3), fill(c, 3), fill(d, 3);
@@ -196,58 +185,46 @@ struct CtorRow {
     float tol;
 };
 
-TEST(GeometryConstructors, AgreeWithGlm) {
+TEST(Geometry, AgreeWithGlm) {
     for (int trial = 0; trial < 50; ++trial) {
         const float x = rnd(), y = rnd(), z = rnd(), ang = rnd(-3, 3), p = rnd(-3, 3), r = rnd(-3, 3);
         const float l = rnd(-3, -1), rt = rnd(1, 3), b = rnd(-3, -1), t = rnd(1, 3), n = rnd(0.1f, 1), f = rnd(5, 50);
         const float w = rt - l, h = t - b, fov = rnd(0.3f, 2.5f), asp = rnd(0.5f, 2);
         float axis[3], eye[3], at[3], up[3] = {0, 1, 0};
         fill(axis, 3), fill(eye, 3, -5, 5), fill(at, 3, -5, 5);
-        const glm::vec3 ax = gv<3>(axis), ge = gv<3>(eye), ga = gv<3>(at), gu = gv<3>(up);
+// The constructor Name called with `args`, glm's `ref` on the same values.
+#define ZEL_CTOR(Name, sig, args, ref, tol) {#Name, [&](float* o) { zelm##Name##_##sig##_32f args; }, [&] { return ref; }, tol}
+        const float hw = w / 2, hh = h / 2;
         const CtorRow rows[] = {
-            {"Identity", [&](float* o) { zelmIdentity_m4_32f(o); }, [&] { return M(1); }, kEqual},
-            {"Scaling", [&](float* o) { zelmScaling_m4_32f(x, y, z, o); }, [&] { return glm::scale(M(1), {x, y, z}); }, kEqual},
-            {"Translation", [&](float* o) { zelmTranslation_m4_32f(x, y, z, o); },
-             [&] { return glm::translate(M(1), {x, y, z}); }, kEqual},
-            {"RotationX", [&](float* o) { zelmRotationX_m4_32f(ang, o); }, [&] { return glm::eulerAngleX(ang); }, kEqual},
-            {"RotationY", [&](float* o) { zelmRotationY_m4_32f(ang, o); }, [&] { return glm::eulerAngleY(ang); }, kEqual},
-            {"RotationZ", [&](float* o) { zelmRotationZ_m4_32f(ang, o); }, [&] { return glm::eulerAngleZ(ang); }, kEqual},
-            {"RotationAxis", [&](float* o) { zelmRotationAxis_v3m4_32f(axis, ang, o); },
-             [&] { return glm::rotate(M(1), ang, ax); }, 2e-6f},
-            {"RotationYawPitchRoll", [&](float* o) { zelmRotationYawPitchRoll_m4_32f(ang, p, r, o); },
-             [&] { return glm::yawPitchRoll(ang, p, r); }, 2e-6f},
-            {"LookAtLH", [&](float* o) { zelmLookAtLH_m4_32f(eye, at, up, o); }, [&] { return glm::lookAtLH(ge, ga, gu); },
-             1e-5f},
-            {"LookAtRH", [&](float* o) { zelmLookAtRH_m4_32f(eye, at, up, o); }, [&] { return glm::lookAtRH(ge, ga, gu); },
-             1e-5f},
-            {"OrthoLH", [&](float* o) { zelmOrthoLH_m4_32f(w, h, n, f, o); },
-             [&] { return glm::orthoLH_ZO(-w / 2, w / 2, -h / 2, h / 2, n, f); }, kEqual},
-            {"OrthoRH", [&](float* o) { zelmOrthoRH_m4_32f(w, h, n, f, o); },
-             [&] { return glm::orthoRH_ZO(-w / 2, w / 2, -h / 2, h / 2, n, f); }, kEqual},
-            {"OrthoOffCenterLH", [&](float* o) { zelmOrthoOffCenterLH_m4_32f(l, rt, b, t, n, f, o); },
-             [&] { return glm::orthoLH_ZO(l, rt, b, t, n, f); }, kEqual},
-            {"OrthoOffCenterRH", [&](float* o) { zelmOrthoOffCenterRH_m4_32f(l, rt, b, t, n, f, o); },
-             [&] { return glm::orthoRH_ZO(l, rt, b, t, n, f); }, kEqual},
-            {"PerspectiveLH", [&](float* o) { zelmPerspectiveLH_m4_32f(w, h, n, f, o); },
-             [&] { return glm::frustumLH_ZO(-w / 2, w / 2, -h / 2, h / 2, n, f); }, kEqual},
-            {"PerspectiveRH", [&](float* o) { zelmPerspectiveRH_m4_32f(w, h, n, f, o); },
-             [&] { return glm::frustumRH_ZO(-w / 2, w / 2, -h / 2, h / 2, n, f); }, kEqual},
-            {"PerspectiveOffCenterLH", [&](float* o) { zelmPerspectiveOffCenterLH_m4_32f(l, rt, b, t, n, f, o); },
-             [&] {
-                 // glm's left-handed frustum shifts x and y the other way; with w = z
-                 // the centre of the near plane goes to x = y = 0 by the written
-                 // (l + r) / (0 - (r - l)).
-                 M g = glm::frustumLH_ZO(l, rt, b, t, n, f);
-                 g[2][0] = (l + rt) / (0 - (rt - l)), g[2][1] = (b + t) / (0 - (t - b));
-                 return g;
-             },
-             kEqual},
-            {"PerspectiveOffCenterRH", [&](float* o) { zelmPerspectiveOffCenterRH_m4_32f(l, rt, b, t, n, f, o); },
-             [&] { return glm::frustumRH_ZO(l, rt, b, t, n, f); }, kEqual},
-            {"PerspectiveFovLH", [&](float* o) { zelmPerspectiveFovLH_m4_32f(fov, asp, n, f, o); },
-             [&] { return glm::perspectiveLH_ZO(fov, asp, n, f); }, 1e-6f},
-            {"PerspectiveFovRH", [&](float* o) { zelmPerspectiveFovRH_m4_32f(fov, asp, n, f, o); },
-             [&] { return glm::perspectiveRH_ZO(fov, asp, n, f); }, 1e-6f},
+            ZEL_CTOR(Identity, m4, (o), M(1), kEqual),
+            ZEL_CTOR(Scaling, m4, (x, y, z, o), glm::scale(M(1), {x, y, z}), kEqual),
+            ZEL_CTOR(Translation, m4, (x, y, z, o), glm::translate(M(1), {x, y, z}), kEqual),
+            ZEL_CTOR(RotationX, m4, (ang, o), glm::eulerAngleX(ang), kEqual),
+            ZEL_CTOR(RotationY, m4, (ang, o), glm::eulerAngleY(ang), kEqual),
+            ZEL_CTOR(RotationZ, m4, (ang, o), glm::eulerAngleZ(ang), kEqual),
+            ZEL_CTOR(RotationAxis, v3m4, (axis, ang, o), glm::rotate(M(1), ang, gv<3>(axis)), 2e-6f),
+            ZEL_CTOR(RotationYawPitchRoll, m4, (ang, p, r, o), glm::yawPitchRoll(ang, p, r), 2e-6f),
+            ZEL_CTOR(LookAtLH, m4, (eye, at, up, o), glm::lookAtLH(gv<3>(eye), gv<3>(at), gv<3>(up)), 1e-5f),
+            ZEL_CTOR(LookAtRH, m4, (eye, at, up, o), glm::lookAtRH(gv<3>(eye), gv<3>(at), gv<3>(up)), 1e-5f),
+            ZEL_CTOR(OrthoLH, m4, (w, h, n, f, o), glm::orthoLH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
+            ZEL_CTOR(OrthoRH, m4, (w, h, n, f, o), glm::orthoRH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
+            ZEL_CTOR(OrthoOffCenterLH, m4, (l, rt, b, t, n, f, o), glm::orthoLH_ZO(l, rt, b, t, n, f), kEqual),
+            ZEL_CTOR(OrthoOffCenterRH, m4, (l, rt, b, t, n, f, o), glm::orthoRH_ZO(l, rt, b, t, n, f), kEqual),
+            ZEL_CTOR(PerspectiveLH, m4, (w, h, n, f, o), glm::frustumLH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
+            ZEL_CTOR(PerspectiveRH, m4, (w, h, n, f, o), glm::frustumRH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
+            // glm's left-handed frustum shifts x and y the other way; with w = z the
+            // centre of the near plane goes to x = y = 0 by (l + r) / (0 - (r - l))
+            ZEL_CTOR(PerspectiveOffCenterLH, m4, (l, rt, b, t, n, f, o),
+                     [&] {
+                         M g = glm::frustumLH_ZO(l, rt, b, t, n, f);
+                         g[2][0] = (l + rt) / (0 - (rt - l));
+                         g[2][1] = (b + t) / (0 - (t - b));
+                         return g;
+                     }(),
+                     kEqual),
+            ZEL_CTOR(PerspectiveOffCenterRH, m4, (l, rt, b, t, n, f, o), glm::frustumRH_ZO(l, rt, b, t, n, f), kEqual),
+            ZEL_CTOR(PerspectiveFovLH, m4, (fov, asp, n, f, o), glm::perspectiveLH_ZO(fov, asp, n, f), 1e-6f),
+            ZEL_CTOR(PerspectiveFovRH, m4, (fov, asp, n, f, o), glm::perspectiveRH_ZO(fov, asp, n, f), 1e-6f),
         };
         for (const auto& row : rows) {
             float got[17];
@@ -262,7 +239,7 @@ TEST(GeometryConstructors, AgreeWithGlm) {
 
 // The written edge cases: 0 - (f - n) keeps an infinite depth term positive,
 // the exact identity test.
-TEST(GeometryConstructors, EdgeCasesAndIdentityTest) {
+TEST(Geometry, EdgeCasesAndIdentityTest) {
     float m[16];
     zelmOrthoLH_m4_32f(2, 2, 1, 1, m);
     EXPECT_TRUE(std::isinf(m[10]) && m[10] > 0 && std::isinf(m[14]) && m[14] > 0);
@@ -300,7 +277,7 @@ void random_m4(float* m) {
     for (int i = 3; i > 0; --i) std::swap_ranges(m + 4 * i, m + 4 * i + 4, m + 4 * (rng() % (i + 1)));
 }
 
-TEST(GeometryMatrices, ProductsTransposeAndDeterminant) {
+TEST(Geometry, ProductsTransposeAndDeterminant) {
     for (int trial = 0; trial < 200; ++trial) {
         float a[16], b[16], d[16], t[16], mt[16], det;
         random_m4(a), random_m4(b);
@@ -332,7 +309,7 @@ void permutation(const int (&order)[4], float* m) {
     for (int i = 0; i < 4; ++i) m[4 * i + order[i]] = 1.0f;
 }
 
-TEST(GeometryMatrices, InverseTimesMatrixIsIdentity) {
+TEST(Geometry, InverseTimesMatrixIsIdentity) {
     for (int trial = 0; trial < 200; ++trial) {
         float a[16], inv[16], det = 0, det2 = 0, prod[16];
         random_m4(a);
@@ -363,7 +340,7 @@ TEST(GeometryMatrices, InverseTimesMatrixIsIdentity) {
 
 // Singular by the absolute pivot threshold 12 * 2^-23: the destination is
 // untouched, the determinant 0, with or without pDet.
-TEST(GeometryMatrices, SingularLeavesTheDestination) {
+TEST(Geometry, SingularLeavesTheDestination) {
     const float thr = std::ldexp(12.0f, -23);
     float at[16], below[16], zero_row[16], tiny[16];
     zelmScaling_m4_32f(thr, thr, thr, at);
@@ -404,40 +381,31 @@ struct TransformRow {
     Ref ref;
     int dense_in, dense_out;  // the strides of a dense loop, if any
 };
+// The written formula of component j (x, y, z, w the source, W the
+// transformed w of the Coord forms).
+#define ZEL_REF(outs, W, expr)                                                      \
+    [](const float(*M)[4], const float* v, float* o) {                                \
+        [[maybe_unused]] const float x = v[0], y = v[1], z = v[2], w = v[3], W_ = W; \
+        for (int j = 0; j < outs; ++j) o[j] = expr;                                   \
+    }
+#define ZEL_TRANSFORM(Op, sig, n, outs) #Op "_" #sig, n, outs, zelm##Op##_##sig##_32f, zelm##Op##_##sig##a_32f
 const TransformRow kTransforms[] = {
-    {"AffineTransform_m4v2", 2, 4, zelmAffineTransform_m4v2_32f, zelmAffineTransform_m4v2a_32f,
-     [](const float (*M)[4], const float* v, float* o) {
-         for (int j = 0; j < 4; ++j) o[j] = (M[0][j] * v[0] + M[1][j] * v[1]) + M[3][j];
-     }, 0, 0},
-    {"AffineTransform_m4v3", 3, 4, zelmAffineTransform_m4v3_32f, zelmAffineTransform_m4v3a_32f,
-     [](const float (*M)[4], const float* v, float* o) {
-         for (int j = 0; j < 4; ++j) o[j] = ((M[3][j] + M[0][j] * v[0]) + M[1][j] * v[1]) + M[2][j] * v[2];
-     }, 12, 16},
-    {"AffineTransform_m4v4", 4, 4, zelmAffineTransform_m4v4_32f, zelmAffineTransform_m4v4a_32f,
-     [](const float (*M)[4], const float* v, float* o) {
-         for (int j = 0; j < 4; ++j) o[j] = ((M[0][j] * v[0] + M[1][j] * v[1]) + M[2][j] * v[2]) + M[3][j] * v[3];
-     }, 0, 0},
-    {"AffineTransformCoord_m4v2", 2, 2, zelmAffineTransformCoord_m4v2_32f, zelmAffineTransformCoord_m4v2a_32f,
-     [](const float (*M)[4], const float* v, float* o) {
-         const float w = (M[0][3] * v[0] + M[3][3]) + M[1][3] * v[1];
-         for (int j = 0; j < 2; ++j) o[j] = ((M[0][j] * v[0] + M[3][j]) + M[1][j] * v[1]) / w;
-     }, 0, 0},
-    {"AffineTransformCoord_m4v3", 3, 3, zelmAffineTransformCoord_m4v3_32f, zelmAffineTransformCoord_m4v3a_32f,
-     [](const float (*M)[4], const float* v, float* o) {
-         const float w = (M[3][3] + M[2][3] * v[2]) + (M[0][3] * v[0] + M[1][3] * v[1]);
-         for (int j = 0; j < 3; ++j) o[j] = ((M[3][j] + M[2][j] * v[2]) + (M[0][j] * v[0] + M[1][j] * v[1])) / w;
-     }, 12, 12},
-    {"AffineTransformNormal_m4v2", 2, 2, zelmAffineTransformNormal_m4v2_32f, zelmAffineTransformNormal_m4v2a_32f,
-     [](const float (*M)[4], const float* v, float* o) {
-         for (int j = 0; j < 2; ++j) o[j] = M[0][j] * v[0] + M[1][j] * v[1];
-     }, 0, 0},
-    {"AffineTransformNormal_m4v3", 3, 3, zelmAffineTransformNormal_m4v3_32f, zelmAffineTransformNormal_m4v3a_32f,
-     [](const float (*M)[4], const float* v, float* o) {
-         for (int j = 0; j < 3; ++j) o[j] = (M[0][j] * v[0] + M[1][j] * v[1]) + M[2][j] * v[2];
-     }, 0, 0},
+    {ZEL_TRANSFORM(AffineTransform, m4v2, 2, 4), ZEL_REF(4, 0, (M[0][j] * x + M[1][j] * y) + M[3][j]), 0, 0},
+    {ZEL_TRANSFORM(AffineTransform, m4v3, 3, 4), ZEL_REF(4, 0, ((M[3][j] + M[0][j] * x) + M[1][j] * y) + M[2][j] * z),
+     12, 16},
+    {ZEL_TRANSFORM(AffineTransform, m4v4, 4, 4),
+     ZEL_REF(4, 0, ((M[0][j] * x + M[1][j] * y) + M[2][j] * z) + M[3][j] * w), 0, 0},
+    {ZEL_TRANSFORM(AffineTransformCoord, m4v2, 2, 2),
+     ZEL_REF(2, (M[0][3] * x + M[3][3]) + M[1][3] * y, ((M[0][j] * x + M[3][j]) + M[1][j] * y) / W_), 0, 0},
+    {ZEL_TRANSFORM(AffineTransformCoord, m4v3, 3, 3),
+     ZEL_REF(3, (M[3][3] + M[2][3] * z) + (M[0][3] * x + M[1][3] * y),
+             ((M[3][j] + M[2][j] * z) + (M[0][j] * x + M[1][j] * y)) / W_),
+     12, 12},
+    {ZEL_TRANSFORM(AffineTransformNormal, m4v2, 2, 2), ZEL_REF(2, 0, M[0][j] * x + M[1][j] * y), 0, 0},
+    {ZEL_TRANSFORM(AffineTransformNormal, m4v3, 3, 3), ZEL_REF(3, 0, (M[0][j] * x + M[1][j] * y) + M[2][j] * z), 0, 0},
 };
 
-TEST(GeometryTransforms, SingleAndArrayFormsFollowTheWrittenFormulas) {
+TEST(Geometry, SingleAndArrayFormsFollowTheWrittenFormulas) {
     for (const auto& t : kTransforms) {
         SCOPED_TRACE(t.name);
         float m[16];
@@ -466,6 +434,13 @@ TEST(GeometryTransforms, SingleAndArrayFormsFollowTheWrittenFormulas) {
                 for (int i = 0; i < cnt; ++i) t.single(m, &src[std::size_t(i) * ss / 4], &want[std::size_t(i) * ds / 4]);
                 ASSERT_EQ(t.array(m, src.data(), ss, dst.data(), ds, count), zelStsOk);
                 ASSERT_TRUE(close(dst.data(), want.data(), int(dst.size()), 0)) << ss << "/" << ds << " count " << count;
+                // in place: one buffer as source and destination, point by point
+                std::vector<float> buf(std::max(src.size(), dst.size()));
+                fill(buf.data(), int(buf.size()));
+                std::vector<float> seq = buf;
+                for (int i = 0; i < cnt; ++i) t.single(m, &seq[std::size_t(i) * ss / 4], &seq[std::size_t(i) * ds / 4]);
+                t.array(m, buf.data(), ss, buf.data(), ds, count);
+                ASSERT_TRUE(close(buf.data(), seq.data(), int(buf.size()), 0)) << "in place " << ss << "/" << ds;
             }
         }
     }
@@ -490,7 +465,7 @@ struct Camera {
     }
 };
 
-TEST(GeometryTransforms, UnprojectUndoesProject) {
+TEST(Geometry, UnprojectUndoesProject) {
     const Camera c;
     const float vp[4] = {640, 480, 0.25f, 1};
     float pts[30], screen[30], back[30], one[3];
@@ -516,7 +491,7 @@ TEST(GeometryTransforms, UnprojectUndoesProject) {
     EXPECT_TRUE(close(one, middle, 3, 0));
 }
 
-TEST(GeometryTransforms, UnprojectOfASingularProduct) {
+TEST(Geometry, UnprojectOfASingularProduct) {
     const Camera c;
     float flat[16];
     zelmScaling_m4_32f(1, 1, 0, flat);  // projects every depth to 0
@@ -567,7 +542,7 @@ struct H3D {
     }
 };
 
-TEST(GeometryTransform3DH, EachKernelInItsOrderAndTheDivisionFailure) {
+TEST(Geometry, EachKernelInItsOrderAndTheDivisionFailure) {
     const int steps[][3] = {{1, 1, 1}, {2, 1, 1}, {1, 3, 1}, {1, 1, 2}};
     for (const auto& st : steps) {
         H3D c(st[0], st[1], st[2], 40);
@@ -591,7 +566,7 @@ TEST(GeometryTransform3DH, EachKernelInItsOrderAndTheDivisionFailure) {
 // count * 6 above 1984 goes to the wrapper (ownGetNumThreads asked, and
 // asked again to fork); the results and the merged status are those of the
 // direct path.
-TEST(GeometryTransform3DH, ThresholdAndWrapper) {
+TEST(Geometry, ThresholdAndWrapper) {
     EXPECT_EQ(h3d::estimate(330), 1980);
     EXPECT_FALSE(h3d::fans_out(330));
     EXPECT_TRUE(h3d::fans_out(331));
