@@ -33,12 +33,6 @@ ZEL_INLINE void each(const Rows& m, const float* src, int ss, float* dst, int ds
                        byte_add<float>(dst, std::ptrdiff_t(n) * ds));
 }
 
-template <int N, int Out, V (*f)(const Rows&, const Point&)>
-zelStatus array(const float* matrix, const float* src, int ss, float* dst, int ds, int count) {
-    if (count >= 1) each<N, Out, f>(load_rows(matrix), src, ss, dst, ds, count);
-    return zelStsOk;
-}
-
 // The dense layout of zelmAffineTransform_m4v3a_32f (12 bytes in, 16 out) and
 // of zelmAffineTransformCoord_m4v3a_32f (12 in, 12 out): a point is loaded
 // with one 16-byte load that takes the next point's x along in its unused
@@ -77,6 +71,30 @@ __attribute__((target("avx"))) int transform3_dense_avx(const Rows& m, const flo
         _mm256_storeu_ps(dst, _mm256_add_ps(s, _mm256_mul_ps(r[2], z)));
     }
     return n;
+}
+
+// How an array form treats the dense layout (12 bytes per source point,
+// 4 * Out per destination point): not at all, by the 128-bit dense loop, or
+// two points at a time in AVX first (transform3 only).
+enum class Dense { None, Plain, Avx };
+
+// The array forms: count below 1 writes nothing.
+template <int N, int Out, V (*f)(const Rows&, const Point&), Dense D = Dense::None>
+zelStatus array(const float* matrix, const float* src, int ss, float* dst, int ds, int count) {
+    static_assert(D != Dense::Avx || f == transform3);
+    if (count < 1) return zelStsOk;
+    const Rows m = load_rows(matrix);
+    if constexpr (D != Dense::None) {
+        if (ss == 12 && ds == 4 * Out) {
+            int done = 0;
+            if constexpr (D == Dense::Avx)
+                if (cpu::avx && apart(src, dst, 4 * Out, count)) done = transform3_dense_avx(m, src, dst, count);
+            dense3<Out, f>(m, src, dst, Out, done, count);
+            return zelStsOk;
+        }
+    }
+    each<N, Out, f>(m, src, ss, dst, ds, count);
+    return zelStsOk;
 }
 
 // The viewport mapping of a point in normalised device coordinates t: x from
@@ -127,78 +145,27 @@ using g::Point;
 using g::Rows;
 using g::V;
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v2_32f(const float* pMatrix, const float* pSrc, float* pDst) {
-    return g::single<2, 4, g::transform2>(pMatrix, pSrc, pDst);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v3_32f(const float* pMatrix, const float* pSrc, float* pDst) {
-    return g::single<3, 4, g::transform3>(pMatrix, pSrc, pDst);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v4_32f(const float* pMatrix, const float* pSrc, float* pDst) {
-    return g::single<4, 4, g::transform4>(pMatrix, pSrc, pDst);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v2a_32f(const float* pMatrix, const float* pSrc,
-                                                                   int srcStride, float* pDst, int dstStride,
-                                                                   int count) {
-    return g::array<2, 4, g::transform2>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v3a_32f(const float* pMatrix, const float* pSrc,
-                                                                   int srcStride, float* pDst, int dstStride,
-                                                                   int count) {
-    if (srcStride == 12 && dstStride == 16 && count >= 1) {
-        const Rows m = g::load_rows(pMatrix);
-        const int done = zel::cpu::avx && g::apart(pSrc, pDst, 16, count) ? g::transform3_dense_avx(m, pSrc, pDst, count) : 0;
-        g::dense3<4, g::transform3>(m, pSrc, pDst, 4, done, count);
-        return zelStsOk;
+// The single and array API functions of one transform: N coordinates in,
+// Out components of f out.
+#define ZEL_TRANSFORMS(Name, sig, N, Out, f, dense)                                                              \
+    extern "C" ZEL_INTERNAL zelStatus w7_zelm##Name##_##sig##_32f(const float* pMatrix, const float* pSrc,        \
+                                                                  float* pDst) {                                  \
+        return g::single<N, Out, f>(pMatrix, pSrc, pDst);                                                         \
+    }                                                                                                             \
+    extern "C" ZEL_INTERNAL zelStatus w7_zelm##Name##_##sig##a_32f(const float* pMatrix, const float* pSrc,       \
+                                                                   int srcStride, float* pDst, int dstStride,     \
+                                                                   int count) {                                   \
+        return g::array<N, Out, f, dense>(pMatrix, pSrc, srcStride, pDst, dstStride, count);                      \
     }
-    return g::array<3, 4, g::transform3>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransform_m4v4a_32f(const float* pMatrix, const float* pSrc,
-                                                                   int srcStride, float* pDst, int dstStride,
-                                                                   int count) {
-    return g::array<4, 4, g::transform4>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
-}
 
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v2_32f(const float* pMatrix, const float* pSrc,
-                                                                       float* pDst) {
-    return g::single<2, 2, g::coord2>(pMatrix, pSrc, pDst);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v3_32f(const float* pMatrix, const float* pSrc,
-                                                                       float* pDst) {
-    return g::single<3, 3, g::coord3>(pMatrix, pSrc, pDst);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v2a_32f(const float* pMatrix, const float* pSrc,
-                                                                        int srcStride, float* pDst, int dstStride,
-                                                                        int count) {
-    return g::array<2, 2, g::coord2>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformCoord_m4v3a_32f(const float* pMatrix, const float* pSrc,
-                                                                        int srcStride, float* pDst, int dstStride,
-                                                                        int count) {
-    if (srcStride == 12 && dstStride == 12 && count >= 1) {
-        g::dense3<3, g::coord3>(g::load_rows(pMatrix), pSrc, pDst, 3, 0, count);
-        return zelStsOk;
-    }
-    return g::array<3, 3, g::coord3>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
-}
-
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformNormal_m4v2_32f(const float* pMatrix, const float* pSrc,
-                                                                        float* pDst) {
-    return g::single<2, 2, g::normal2>(pMatrix, pSrc, pDst);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformNormal_m4v3_32f(const float* pMatrix, const float* pSrc,
-                                                                        float* pDst) {
-    return g::single<3, 3, g::normal3>(pMatrix, pSrc, pDst);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformNormal_m4v2a_32f(const float* pMatrix, const float* pSrc,
-                                                                         int srcStride, float* pDst, int dstStride,
-                                                                         int count) {
-    return g::array<2, 2, g::normal2>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
-}
-extern "C" ZEL_INTERNAL zelStatus w7_zelmAffineTransformNormal_m4v3a_32f(const float* pMatrix, const float* pSrc,
-                                                                         int srcStride, float* pDst, int dstStride,
-                                                                         int count) {
-    return g::array<3, 3, g::normal3>(pMatrix, pSrc, srcStride, pDst, dstStride, count);
-}
+using g::Dense;
+ZEL_TRANSFORMS(AffineTransform, m4v2, 2, 4, g::transform2, Dense::None)
+ZEL_TRANSFORMS(AffineTransform, m4v3, 3, 4, g::transform3, Dense::Avx)
+ZEL_TRANSFORMS(AffineTransform, m4v4, 4, 4, g::transform4, Dense::None)
+ZEL_TRANSFORMS(AffineTransformCoord, m4v2, 2, 2, g::coord2, Dense::None)
+ZEL_TRANSFORMS(AffineTransformCoord, m4v3, 3, 3, g::coord3, Dense::Plain)
+ZEL_TRANSFORMS(AffineTransformNormal, m4v2, 2, 2, g::normal2, Dense::None)
+ZEL_TRANSFORMS(AffineTransformNormal, m4v3, 3, 3, g::normal3, Dense::None)
 
 // Projection to the viewport; a w of 0 on the way gives infinities or NaN.
 extern "C" ZEL_INTERNAL zelStatus w7_zelmProject_m4v3_32f(const float* pProjection, const float* pView,
