@@ -1,7 +1,5 @@
 // 4x4 operations: product, product transposed, transpose, determinant and
 // inversion. The product is the only one that tests its pointers.
-#include <cmath>
-
 #include "geometry/geometry.hpp"
 
 namespace zel::geometry {
