@@ -1,4 +1,4 @@
-# Packaging: pkg-config files and a Debian
+# Packaging: pkg-config files, the reference documentation and a Debian
 # package built by CPack (`cpack -G DEB` in the build folder).
 
 # pkg-config. The files find the prefix from their own folder, so an install
@@ -12,6 +12,9 @@ foreach(pc zelm zelcore)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
+
+# The reference documentation, as checked in.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # Debian package: the runtime libraries and the development files in one
 # package, `zelm`, depending on Debian's package of the OpenMP runtime that

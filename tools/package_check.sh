@@ -59,7 +59,7 @@ contents="$(dpkg-deb -c "$deb" | awk '{print $6}')"
 for f in include/zelm.h include/zelm_types.h include/zelcore.h \
          lib/libzelmw7.so lib/libzelmw7.so.7 lib/libzelcore.so lib/libzelcore.so.7 \
          lib/cmake/zelm/zelmConfig.cmake lib/cmake/zelm/zelmConfigVersion.cmake lib/cmake/zelm/zelmTargets.cmake \
-         lib/pkgconfig/zelm.pc lib/pkgconfig/zelcore.pc; do
+         lib/pkgconfig/zelm.pc lib/pkgconfig/zelcore.pc share/doc/zelm/reference/README.md; do
   grep -qx "./usr/$f" <<<"$contents" || fail "$(basename "$deb") lacks /usr/$f"
 done
 depends="$(dpkg-deb -f "$deb" Depends)"
