@@ -47,7 +47,14 @@ and Frobenius norms. The reductions (DotProduct, L2Norm, Trace, FrobNorm)
 write one number per object into a plain compact array `pDst`: element n for
 object n, with no stride, shift or table in any form. Sums stay in the
 element type, each product rounded before it is added; square roots are
-taken once per object on the finished sum."""),
+taken once per object on the finished sum.
+
+The order of the additions belongs to the kernel and its path. A few
+kernels take several objects together, in an order of their own, counted
+from the start of the part of the array they are given; when a large call is
+divided among threads such an object can differ in the last bit from the
+same call on one thread. Otherwise each object's result is the same in every
+call."""),
     ("solvers", "Factorisations and solvers", """\
 LU, Cholesky and QR factorisation with their back-substitutions, inversion
 and determinants of small square matrices (QR: tall ones too), one matrix or
@@ -155,10 +162,29 @@ FIXED_ARGS = {
     "srcStride": "bytes between consecutive source vectors",
     "dstStride": "bytes between consecutive destination vectors",
     "count": "number of vectors; below 1 nothing is written",
+    "angle": "angle in radians",
+    "pEye": "camera position, a v3", "pAt": "point looked at, a v3", "pUp": "up direction, a v3",
+    "viewWidth": "width of the view volume (at the near plane in a perspective)",
+    "viewHeight": "height of the view volume (at the near plane in a perspective)",
+    "left": "smallest x of the view volume (at the near plane in a perspective)",
+    "right": "largest x of the view volume (at the near plane in a perspective)",
+    "bottom": "smallest y of the view volume (at the near plane in a perspective)",
+    "top": "largest y of the view volume (at the near plane in a perspective)",
+    "zNear": "distance of the near plane along the view direction",
+    "zFar": "distance of the far plane along the view direction",
+    "fovY": "vertical field of view, radians", "aspect": "width over height",
+    "pProjection": "projection matrix", "pView": "view matrix", "pWorld": "world matrix",
+    "viewportWidth": "viewport width", "viewportHeight": "viewport height",
+    "viewportMinZ": "depth at the near plane", "viewportMaxZ": "depth at the far plane",
 }
 
-# Signatures read as "object n of the result".
-EW = "{1} + {2}"
+# Shared by the general eigenproblem families.
+VALUES_RE_IM = {"pDstValuesRe": "real parts, `widthHeight` per object, compact",
+                "pDstValuesIm": "imaginary parts, `widthHeight` per object, compact"}
+GENERIC_2X2 = ("zelStsErrGeneric", "a 2x2 system for a complex eigenvector was too close to singular: "
+               "all values stored, no vectors")
+VECTORS_SCRATCH = ("`pBuffer`: the bytes that `zelmEigenValuesVectorsGetBufSize_32f` (`_64f`) reports for "
+                   "`widthHeight`, n (3n + 5) elements; one object's worth, reused by every object.")
 
 # ---------------------------------------------------------------------------
 # Entries. Keys: page, title, op, sigs (a subset of the operation's
@@ -476,7 +502,8 @@ moderate scale.""",
                     "order 2 nothing is written"),
                    ("zelStsErrNoConvergence", "an eigenvalue took more than 30 QL sweeps; the values of "
                     "this object mean nothing")],
-         scratch="`pBuffer`: `widthHeight`² elements of the element type, the working matrix."),
+         scratch="`pBuffer`: `widthHeight`² elements of the element type, the working matrix, "
+                 "reused by every object."),
     dict(page="eigen", title="EigenValuesVectorsSym", op="EigenValuesVectorsSym",
          summary="eigenvalues and orthonormal eigenvectors of real symmetric matrices",
          text="""\
@@ -491,7 +518,8 @@ eigenvector of eigenvalue j.""",
                     "objects sorted, arrays unsorted); at order 2 nothing is written"),
                    ("zelStsErrNoConvergence", "an eigenvalue took more than 30 QL sweeps; values and "
                     "vectors of this object mean nothing")],
-         scratch="`pBuffer`: `widthHeight`² elements of the element type, the working matrix."),
+         scratch="`pBuffer`: `widthHeight`² elements of the element type, the working matrix, "
+                 "reused by every object."),
     dict(page="eigen", title="EigenValues", op="EigenValues",
          summary="eigenvalues of general real matrices, real and imaginary parts",
          text="""\
@@ -502,8 +530,7 @@ singular matrix is no error: its eigenvalue 0 is reported like any other.
 There is no balancing, so badly scaled matrices lose accuracy.""",
          result="eigenvalues of {1}",
          roles={"src": "the matrices"},
-         args={"pDstValuesRe": "real parts, `widthHeight` per object, compact",
-               "pDstValuesIm": "imaginary parts, `widthHeight` per object, compact"},
+         args=VALUES_RE_IM,
          statuses=[("zelStsErrNoConvergence", "the QR iteration ran out of sweeps; only the eigenvalues "
                     "found by then (the higher positions) are stored")],
          scratch="`pBuffer`: the bytes that `zelmEigenValuesGetBufSize_32f` (`_64f`) reports for "
@@ -522,15 +549,12 @@ vector of eigenvalue j + 1 is their conjugate.""",
          result="eigenvalues and both eigenvector sets of {1}",
          roles={"src": "the matrices", "dstRight": "right eigenvectors, one per column",
                 "dstLeft": "left eigenvectors, one per column"},
-         args={"pDstValuesRe": "real parts, `widthHeight` per object, compact",
-               "pDstValuesIm": "imaginary parts, `widthHeight` per object, compact"},
+         args=VALUES_RE_IM,
          statuses=[("zelStsErrNoConvergence", "the QR iteration ran out of sweeps (only the values found "
                     "stored, no vectors), or a complex eigenvector came out negligible (all values, no "
                     "vectors)"),
-                   ("zelStsErrGeneric", "a 2x2 system for a complex eigenvector was too close to singular: "
-                    "all values stored, no vectors")],
-         scratch="`pBuffer`: the bytes that `zelmEigenValuesVectorsGetBufSize_32f` (`_64f`) reports for "
-                 "`widthHeight`, n (3n + 5) elements; one object's worth, reused by every object."),
+                   GENERIC_2X2],
+         scratch=VECTORS_SCRATCH),
     dict(page="eigen", title="EigenValuesVectorsLeft", op="EigenValuesVectorsLeft",
          summary="eigenvalues and left eigenvectors of general real matrices",
          text="""\
@@ -538,14 +562,11 @@ The left set of `zelmEigenValuesVectors` alone (y with A ȳ = λ ȳ), same
 conventions. It runs on the calling thread, also for arrays.""",
          result="eigenvalues and left eigenvectors of {1}",
          roles={"src": "the matrices", "dst": "the eigenvectors, one per column"},
-         args={"pDstValuesRe": "real parts, `widthHeight` per object, compact",
-               "pDstValuesIm": "imaginary parts, `widthHeight` per object, compact"},
+         args=VALUES_RE_IM,
          statuses=[("zelStsErrNoConvergence", "the QR iteration ran out of sweeps; only the values found "
                     "are stored, no vectors"),
-                   ("zelStsErrGeneric", "a 2x2 system for a complex eigenvector was too close to singular: "
-                    "all values stored, no vectors")],
-         scratch="`pBuffer`: the bytes that `zelmEigenValuesVectorsGetBufSize_32f` (`_64f`) reports for "
-                 "`widthHeight`; reused by every object."),
+                   GENERIC_2X2],
+         scratch=VECTORS_SCRATCH),
     dict(page="eigen", title="EigenValuesVectorsRight", op="EigenValuesVectorsRight",
          summary="eigenvalues and right eigenvectors of general real matrices",
          text="""\
@@ -553,14 +574,11 @@ The right set of `zelmEigenValuesVectors` alone (x with xᵀ A = λ xᵀ), same
 conventions. It runs on the calling thread, also for arrays.""",
          result="eigenvalues and right eigenvectors of {1}",
          roles={"src": "the matrices", "dst": "the eigenvectors, one per column"},
-         args={"pDstValuesRe": "real parts, `widthHeight` per object, compact",
-               "pDstValuesIm": "imaginary parts, `widthHeight` per object, compact"},
+         args=VALUES_RE_IM,
          statuses=[("zelStsErrNoConvergence", "the QR iteration ran out of sweeps (only the values found "
                     "stored), or a complex eigenvector came out negligible (all values); no vectors"),
-                   ("zelStsErrGeneric", "a 2x2 system for a complex eigenvector was too close to singular: "
-                    "all values stored, no vectors")],
-         scratch="`pBuffer`: the bytes that `zelmEigenValuesVectorsGetBufSize_32f` (`_64f`) reports for "
-                 "`widthHeight`; reused by every object."),
+                   GENERIC_2X2],
+         scratch=VECTORS_SCRATCH),
     dict(page="eigen", title="EigenValuesGetBufSize", op="EigenValuesGetBufSize",
          summary="bytes of scratch that EigenValues needs for one matrix",
          text="""\
@@ -651,20 +669,17 @@ the 2x2 minors of b and c.""",
     dict(page="geometry", title="RotationX", op="RotationX",
          summary="4x4 rotation about the x axis",
          text="Rows (1, 0, 0), (0, c, s), (0, -s, c) with c, s the cosine and sine of `angle`: y turns "
-              "towards z for a row vector.",
-         args={"angle": "angle in radians"}),
+              "towards z for a row vector."),
     dict(page="geometry", title="RotationY", op="RotationY",
          summary="4x4 rotation about the y axis",
-         text="Rows (c, 0, -s), (0, 1, 0), (s, 0, c): z turns towards x for a row vector.",
-         args={"angle": "angle in radians"}),
+         text="Rows (c, 0, -s), (0, 1, 0), (s, 0, c): z turns towards x for a row vector."),
     dict(page="geometry", title="RotationZ", op="RotationZ",
          summary="4x4 rotation about the z axis",
-         text="Rows (c, s, 0), (-s, c, 0), (0, 0, 1): x turns towards y for a row vector.",
-         args={"angle": "angle in radians"}),
+         text="Rows (c, s, 0), (-s, c, 0), (0, 0, 1): x turns towards y for a row vector."),
     dict(page="geometry", title="RotationAxis", op="RotationAxis",
          summary="4x4 rotation about an arbitrary axis",
          text="The axis is normalised inside; a zero axis gives NaN.",
-         args={"pAxis": "the axis, a v3", "angle": "angle in radians"}),
+         args={"pAxis": "the axis, a v3"}),
     dict(page="geometry", title="RotationYawPitchRoll", op="RotationYawPitchRoll",
          summary="4x4 rotation from yaw, pitch and roll",
          text="The product RotationZ(`roll`) RotationX(`pitch`) RotationY(`yaw`): a row vector is rolled "
@@ -675,71 +690,45 @@ the 2x2 minors of b and c.""",
          summary="left-handed view matrix of a camera",
          text="The camera at `pEye` looks at `pAt` along +z with `pUp` giving the up direction; the axes "
               "are normalised cross products. `pEye` equal to `pAt`, or `pUp` along the view direction, "
-              "gives NaN.",
-         args={"pEye": "camera position, a v3", "pAt": "point looked at, a v3", "pUp": "up direction, a v3"}),
+              "gives NaN."),
     dict(page="geometry", title="LookAtRH", op="LookAtRH",
          summary="right-handed view matrix of a camera",
-         text="As `zelmLookAtLH_m4_32f`, looking along -z.",
-         args={"pEye": "camera position, a v3", "pAt": "point looked at, a v3", "pUp": "up direction, a v3"}),
+         text="As `zelmLookAtLH_m4_32f`, looking along -z."),
     dict(page="geometry", title="OrthoLH", op="OrthoLH",
          summary="left-handed orthographic projection",
          text="Maps a box of `viewWidth` x `viewHeight` centred on the z axis to x, y in -1 .. 1, and z "
-              "from `zNear` .. `zFar` to 0 .. 1.",
-         args={"viewWidth": "width of the view volume", "viewHeight": "height of the view volume",
-               "zNear": "near plane", "zFar": "far plane"}),
+              "from `zNear` .. `zFar` to 0 .. 1."),
     dict(page="geometry", title="OrthoRH", op="OrthoRH",
          summary="right-handed orthographic projection",
-         text="As `zelmOrthoLH_m4_32f`, with z from -`zNear` .. -`zFar` to 0 .. 1.",
-         args={"viewWidth": "width of the view volume", "viewHeight": "height of the view volume",
-               "zNear": "near plane distance", "zFar": "far plane distance"}),
+         text="As `zelmOrthoLH_m4_32f`, with z from -`zNear` .. -`zFar` to 0 .. 1."),
     dict(page="geometry", title="OrthoOffCenterLH", op="OrthoOffCenterLH",
          summary="left-handed orthographic projection of an off-centre box",
          text="Maps x from `left` .. `right` and y from `bottom` .. `top` to -1 .. 1, z from `zNear` .. "
-              "`zFar` to 0 .. 1.",
-         args={"left": "smallest x", "right": "largest x", "bottom": "smallest y", "top": "largest y",
-               "zNear": "near plane", "zFar": "far plane"}),
+              "`zFar` to 0 .. 1."),
     dict(page="geometry", title="OrthoOffCenterRH", op="OrthoOffCenterRH",
          summary="right-handed orthographic projection of an off-centre box",
-         text="As `zelmOrthoOffCenterLH_m4_32f`, with z from -`zNear` .. -`zFar` to 0 .. 1.",
-         args={"left": "smallest x", "right": "largest x", "bottom": "smallest y", "top": "largest y",
-               "zNear": "near plane distance", "zFar": "far plane distance"}),
+         text="As `zelmOrthoOffCenterLH_m4_32f`, with z from -`zNear` .. -`zFar` to 0 .. 1."),
     dict(page="geometry", title="PerspectiveLH", op="PerspectiveLH",
          summary="left-handed perspective projection",
          text="A view volume whose cross-section at the near plane is `viewWidth` x `viewHeight`; after "
-              "the division by w, depth runs from 0 at `zNear` to 1 at `zFar`. w is z.",
-         args={"viewWidth": "width of the view volume at the near plane",
-               "viewHeight": "height of the view volume at the near plane",
-               "zNear": "near plane distance", "zFar": "far plane distance"}),
+              "the division by w, depth runs from 0 at `zNear` to 1 at `zFar`. w is z."),
     dict(page="geometry", title="PerspectiveRH", op="PerspectiveRH",
          summary="right-handed perspective projection",
-         text="As `zelmPerspectiveLH_m4_32f` looking along -z: w is -z.",
-         args={"viewWidth": "width of the view volume at the near plane",
-               "viewHeight": "height of the view volume at the near plane",
-               "zNear": "near plane distance", "zFar": "far plane distance"}),
+         text="As `zelmPerspectiveLH_m4_32f` looking along -z: w is -z."),
     dict(page="geometry", title="PerspectiveFovLH", op="PerspectiveFovLH",
          summary="left-handed perspective projection from a field of view",
          text="y is scaled by cot(`fovY` / 2) and x by that over `aspect`; depth from 0 at `zNear` to 1 at "
-              "`zFar`.",
-         args={"fovY": "vertical field of view, radians", "aspect": "width over height",
-               "zNear": "near plane distance", "zFar": "far plane distance"}),
+              "`zFar`."),
     dict(page="geometry", title="PerspectiveFovRH", op="PerspectiveFovRH",
          summary="right-handed perspective projection from a field of view",
-         text="As `zelmPerspectiveFovLH_m4_32f` looking along -z.",
-         args={"fovY": "vertical field of view, radians", "aspect": "width over height",
-               "zNear": "near plane distance", "zFar": "far plane distance"}),
+         text="As `zelmPerspectiveFovLH_m4_32f` looking along -z."),
     dict(page="geometry", title="PerspectiveOffCenterLH", op="PerspectiveOffCenterLH",
          summary="left-handed perspective projection of an off-centre view volume",
          text="The near plane spans x from `left` to `right` and y from `bottom` to `top`; depth from 0 "
-              "at `zNear` to 1 at `zFar`.",
-         args={"left": "smallest x at the near plane", "right": "largest x at the near plane",
-               "bottom": "smallest y at the near plane", "top": "largest y at the near plane",
-               "zNear": "near plane distance", "zFar": "far plane distance"}),
+              "at `zNear` to 1 at `zFar`."),
     dict(page="geometry", title="PerspectiveOffCenterRH", op="PerspectiveOffCenterRH",
          summary="right-handed perspective projection of an off-centre view volume",
-         text="As `zelmPerspectiveOffCenterLH_m4_32f` looking along -z.",
-         args={"left": "smallest x at the near plane", "right": "largest x at the near plane",
-               "bottom": "smallest y at the near plane", "top": "largest y at the near plane",
-               "zNear": "near plane distance", "zFar": "far plane distance"}),
+         text="As `zelmPerspectiveOffCenterLH_m4_32f` looking along -z."),
     dict(page="geometry", title="Mul (mm4x4)", op="Mul", fixed=True,
          summary="product of two 4x4 matrices",
          text="dst = src1 src2, each element summed in the order of k. All sources are read before the "
@@ -790,10 +779,7 @@ with the division by w of `zelmAffineTransformCoord`, then to the viewport:
 x from 0 to `viewportWidth`, y from 0 at the top to `viewportHeight` at the
 bottom, depth from `viewportMinZ` to `viewportMaxZ`. There is no viewport
 origin.""",
-         args={"pProjection": "projection matrix", "pView": "view matrix", "pWorld": "world matrix",
-               "pSrc": "the point(s), v3", "viewportWidth": "viewport width",
-               "viewportHeight": "viewport height", "viewportMinZ": "depth at the near plane",
-               "viewportMaxZ": "depth at the far plane", "pDst": "the projected point(s), v3"}),
+         args={"pSrc": "the point(s), v3", "pDst": "the projected point(s), v3"}),
     dict(page="geometry", title="Unproject", op="Unproject",
          summary="maps viewport points back to object space",
          text="""\
@@ -801,10 +787,7 @@ The inverse of `zelmProject`: viewport coordinates are normalised, then
 transformed by the inverse of `pWorld` `pView` `pProjection` (computed by
 `zelmInvert_m4_32f`) with the division by w. The array form inverts once for
 all points.""",
-         args={"pProjection": "projection matrix", "pView": "view matrix", "pWorld": "world matrix",
-               "pSrc": "the viewport point(s), v3", "viewportWidth": "viewport width",
-               "viewportHeight": "viewport height", "viewportMinZ": "depth at the near plane",
-               "viewportMaxZ": "depth at the far plane", "pDst": "the point(s) in object space, v3"},
+         args={"pSrc": "the viewport point(s), v3", "pDst": "the point(s) in object space, v3"},
          statuses=[("zelStsErrSingular", "the product of the three matrices is singular (see `zelmInvert_m4_32f`): "
                     "the single form leaves the normalised coordinates in `pDst`, the array form writes "
                     "nothing")]),
