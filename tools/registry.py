@@ -220,6 +220,13 @@ IMPLEMENTED = {
     "LoadIdentity": "*",
     "Extract": "*",
     "Transpose": "m ma",
+    "DotProduct": "*",
+    "L2Norm": "*",
+    "CrossProduct": "*",
+    "Saxpy": "*",
+    "LComb": "*",
+    "Trace": "*",
+    "FrobNorm": "*",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 
