@@ -231,7 +231,7 @@ TEST(VectorReductions, DotProductAndL2NormMatchTheDocumentedOrders) {
     for (const auto* r : exports)
         for (int len : {1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 16, 19})
             for (const auto& L : layouts())
-                for (int count : {4, 7}) fh::with_type(*r, [&](auto z) {
+                for (int count : {4, 7, 19}) fh::with_type(*r, [&](auto z) {
                     using T = decltype(z);
                     const bool dot = std::string(r->op) == "DotProduct";
                     const fh::Shapes shapes = dot ? fh::Shapes{{"Src1", {1, len}}, {"Src2", {1, len}}}
@@ -387,7 +387,7 @@ TEST(VectorReductions, TraceAndFrobNormMatchTheDocumentedOrders) {
     for (const auto* r : exports)
         for (const auto& [W, H] : shapes)
             for (const auto& L : layouts())
-                for (int count : {4, 7}) fh::with_type(*r, [&](auto z) {
+                for (int count : {4, 7, 19}) fh::with_type(*r, [&](auto z) {
                     using T = decltype(z);
                     const bool trace = std::string(r->op) == "Trace";
                     if (trace && W != H) return;
@@ -440,7 +440,7 @@ TEST(VectorCombinations, EveryExportMatchesPlainExpressions) {
     for (const auto* r : exports)
         for (int len : {1, 3, 4, 5, 6, 9, 17})
             for (const auto& L : layouts())
-                for (int count : {1, 4, 7}) fh::with_type(*r, [&](auto z) {
+                for (int count : {1, 4, 7, 19}) fh::with_type(*r, [&](auto z) {
                     using T = decltype(z);
                     const std::string op = r->op;
                     const bool cross = op == "CrossProduct";

@@ -328,11 +328,11 @@ zelStatus frob_fixed(const Call<T>& c) {
                 q[i * N + j] = x * x;
             }
     };
-    if constexpr (UnitView && F != Form::P && lanes::has_frob<T, N>() && br != nullptr) {
-        if (lanes::frob<Sig, T, F, N, own, br->sum>(c, block_objects(br, c))) return zelStsOk;
-    }
     const int nb = block_objects(br, c);
-    for (int n = 0; n < c.count; ++n) {
+    int n = 0;
+    if constexpr (UnitView && F != Form::P && lanes::has_frob<T, N>())
+        n = lanes::frob<Sig, T, F, N, own, br ? br->sum : own>(c, nb);
+    for (; n < c.count; ++n) {
         T q[N * N];
         squares(n, q);
         auto get = [&](int k) { return q[k]; };
@@ -437,9 +437,12 @@ zelStatus cross_kernel(const Call<T>& c) {
 template <Op O, class T>
 struct Combine {
     T v1, v2;
-    ZEL_INLINE T operator()(T a, T b) const {
-        if constexpr (O == Op::Saxpy) return a * v1 + b;
-        else return a * v1 + b * v2;
+    ZEL_INLINE T operator()(T a, T b) const { return lanes(a, b, v1, v2); }
+    // the same on vectors of elements
+    template <class V>
+    ZEL_INLINE V lanes(V a, V b, V s1, [[maybe_unused]] V s2) const {
+        if constexpr (O == Op::Saxpy) return a * s1 + b;
+        else return a * s1 + b * s2;
     }
 };
 
