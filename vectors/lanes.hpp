@@ -21,6 +21,8 @@
 #include <immintrin.h>
 
 #include <cstdint>
+#include <type_traits>
+#include <utility>
 
 #include "frame/cpu.hpp"
 #include "frame/frame.hpp"
@@ -154,10 +156,17 @@ struct Avx<float> {
         t[2] = _mm256_castpd_ps(_mm256_unpacklo_pd(h01, h23));
         if (N > 3) t[3] = _mm256_castpd_ps(_mm256_unpackhi_pd(h01, h23));
     }
-    static ZEL_INLINE __attribute__((target("avx"))) V held(const __m128* h) {
-        return _mm256_insertf128_ps(_mm256_castps128_ps256(h[0]), h[0], 1);
+    static ZEL_INLINE __attribute__((target("avx"))) V held(const __m128* h) { return held2(h[0]); }
+    static ZEL_INLINE __attribute__((target("avx"))) V held2(__m128 h) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(h), h, 1);
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) void store2(float* p, float* q, V x) {
+        _mm_storeu_ps(p, _mm256_castps256_ps128(x));
+        _mm_storeu_ps(q, _mm256_extractf128_ps(x, 1));
     }
     static ZEL_INLINE __attribute__((target("avx"))) V root(V x) { return _mm256_sqrt_ps(x); }
+    static ZEL_INLINE __attribute__((target("avx"))) V load(const float* p) { return _mm256_loadu_ps(p); }
+    static ZEL_INLINE __attribute__((target("avx"))) V splat(float x) { return _mm256_set1_ps(x); }
     static ZEL_INLINE __attribute__((target("avx"))) void store(float* p, V x) { _mm256_storeu_ps(p, x); }
 };
 template <>
@@ -184,7 +193,19 @@ struct Avx<double> {
     static ZEL_INLINE __attribute__((target("avx"))) V held(const __m128d* h) {
         return _mm256_insertf128_pd(_mm256_castpd128_pd256(h[0]), h[1], 1);
     }
+    static ZEL_INLINE __attribute__((target("avx"))) V held2(__m128d h) {
+        return _mm256_insertf128_pd(_mm256_castpd128_pd256(h), h, 1);
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) V load2(const double* p, const double* q) {
+        return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_loadu_pd(q), 1);
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) void store2(double* p, double* q, V x) {
+        _mm_storeu_pd(p, _mm256_castpd256_pd128(x));
+        _mm_storeu_pd(q, _mm256_extractf128_pd(x, 1));
+    }
     static ZEL_INLINE __attribute__((target("avx"))) V root(V x) { return _mm256_sqrt_pd(x); }
+    static ZEL_INLINE __attribute__((target("avx"))) V load(const double* p) { return _mm256_loadu_pd(p); }
+    static ZEL_INLINE __attribute__((target("avx"))) V splat(double x) { return _mm256_set1_pd(x); }
     static ZEL_INLINE __attribute__((target("avx"))) void store(double* p, V x) { _mm256_storeu_pd(p, x); }
 };
 
@@ -200,6 +221,7 @@ __attribute__((target("avx"), noinline)) int reduce_avx(const Call<T>& c, int fr
     const int end = to < c.count ? to : c.count - 1;  // the last object read exactly
     const V h = Single2 ? K::held(held) : V{};
     int o = from;
+#pragma GCC unroll 2
     for (; o + K::W <= end; o += K::W) {
         V v[4], t[4];
         K::products(a, b, h, dot, Single2, o, v);
@@ -353,61 +375,89 @@ int frob(const Call<T>& c, int blocked) {
 
 // ---------------------------------------------------------------------------
 // CrossProduct of objects packed back to back (stride0 three elements) in the
-// standard form: four float or two double objects are three vectors, taken
-// apart into the element vectors a0, a1, a2 (lane i: object i), computed,
-// and put back. With AVX two such groups ride in the halves of a vector.
-// [a(I0), a(I1), b(I2), b(I3)] within each 128-bit half (a shufps), written
-// as a generic shuffle so that it compiles for either width.
-template <int I0, int I1, int I2, int I3, class V>
+// standard form: n objects (n the lane count) are three vectors, taken apart
+// into the element vectors a0, a1, a2 (lane i: object i), computed, and put
+// back. With AVX two such groups ride in the halves of a vector. Shuffles are
+// written as generic shuffles within each 128-bit half, so that they compile
+// for either width.
+template <class V>
+using Elem = std::remove_cvref_t<decltype(V{}[0])>;
+
+// floats: [a(I0), a(I1), b(I2), b(I3)]; doubles: [a(I0), b(I1)]
+template <int I0, int I1, int I2 = 0, int I3 = 0, class V>
 ZEL_INLINE V shuf(V a, V b) {
-    if constexpr (sizeof(V) == 16) {
+    if constexpr (sizeof(Elem<V>) == 4 && sizeof(V) == 16) {
         typedef int M __attribute__((vector_size(16)));
         return __builtin_shuffle(a, b, M{I0, I1, 4 + I2, 4 + I3});
-    } else {
+    } else if constexpr (sizeof(Elem<V>) == 4) {
         typedef int M __attribute__((vector_size(32)));
         return __builtin_shuffle(a, b, M{I0, I1, 8 + I2, 8 + I3, 4 + I0, 4 + I1, 12 + I2, 12 + I3});
+    } else if constexpr (sizeof(V) == 16) {
+        typedef long long M __attribute__((vector_size(16)));
+        return __builtin_shuffle(a, b, M{I0, 2 + I1});
+    } else {
+        typedef long long M __attribute__((vector_size(32)));
+        return __builtin_shuffle(a, b, M{I0, 4 + I1, 2 + I0, 6 + I1});
     }
 }
-// x = [a0 a1 a2 b0] [b1 b2 c0 c1] [c2 d0 d1 d2] -> t = [a0 b0 c0 d0] [a1 b1 c1 d1] [a2 b2 c2 d2]
+// floats: [a0 a1 a2 b0] [b1 b2 c0 c1] [c2 d0 d1 d2] -> [a0 b0 c0 d0] [a1 b1 c1 d1] [a2 b2 c2 d2]
+// doubles: [a0 a1] [a2 b0] [b1 b2] -> [a0 b0] [a1 b1] [a2 b2]
 template <class V>
 ZEL_INLINE void apart3(const V* x, V* t) {
-    const V q = shuf<2, 3, 0, 1>(x[1], x[2]);  // c0 c1 c2 d0
-    t[0] = shuf<0, 3, 0, 3>(x[0], q);
-    t[1] = shuf<0, 2, 0, 2>(shuf<1, 1, 0, 0>(x[0], x[1]), shuf<3, 3, 2, 2>(x[1], x[2]));
-    t[2] = shuf<0, 2, 0, 2>(shuf<2, 2, 1, 1>(x[0], x[1]), shuf<0, 0, 3, 3>(x[2], x[2]));
+    if constexpr (sizeof(Elem<V>) == 4) {
+        t[0] = shuf<0, 3, 0, 3>(x[0], shuf<2, 3, 0, 1>(x[1], x[2]));
+        t[1] = shuf<0, 2, 0, 2>(shuf<1, 1, 0, 0>(x[0], x[1]), shuf<3, 3, 2, 2>(x[1], x[2]));
+        t[2] = shuf<0, 2, 0, 2>(shuf<2, 2, 1, 1>(x[0], x[1]), shuf<0, 0, 3, 3>(x[2], x[2]));
+    } else {
+        t[0] = shuf<0, 1>(x[0], x[1]);
+        t[1] = shuf<1, 0>(x[0], x[2]);
+        t[2] = shuf<0, 1>(x[1], x[2]);
+    }
 }
 template <class V>
 ZEL_INLINE void together3(const V* t, V* x) {
-    x[0] = shuf<0, 2, 0, 2>(shuf<0, 0, 0, 0>(t[0], t[1]), shuf<0, 0, 1, 1>(t[2], t[0]));
-    x[1] = shuf<0, 2, 0, 2>(shuf<1, 1, 1, 1>(t[1], t[2]), shuf<2, 2, 2, 2>(t[0], t[1]));
-    x[2] = shuf<0, 2, 0, 2>(shuf<2, 2, 3, 3>(t[2], t[0]), shuf<3, 3, 3, 3>(t[1], t[2]));
+    if constexpr (sizeof(Elem<V>) == 4) {
+        x[0] = shuf<0, 2, 0, 2>(shuf<0, 0, 0, 0>(t[0], t[1]), shuf<0, 0, 1, 1>(t[2], t[0]));
+        x[1] = shuf<0, 2, 0, 2>(shuf<1, 1, 1, 1>(t[1], t[2]), shuf<2, 2, 2, 2>(t[0], t[1]));
+        x[2] = shuf<0, 2, 0, 2>(shuf<2, 2, 3, 3>(t[2], t[0]), shuf<3, 3, 3, 3>(t[1], t[2]));
+    } else {
+        x[0] = shuf<0, 0>(t[0], t[1]);
+        x[1] = shuf<0, 1>(t[2], t[0]);
+        x[2] = shuf<1, 1>(t[1], t[2]);
+    }
 }
-template <class V>
-ZEL_INLINE void cross3(const V* a, const V* b, V* d) {
-    d[0] = a[1] * b[2] - a[2] * b[1];
-    d[1] = a[2] * b[0] - a[0] * b[2];
-    d[2] = a[0] * b[1] - a[1] * b[0];
+// one group: element vectors of the arrays taken apart, the single operands'
+// elements spread across the lanes (sa, sb)
+template <bool A1, bool A2, class V>
+ZEL_INLINE void cross_group(const V* xa, const V* xb, const V* sa, const V* sb, V* xd) {
+    V ta[3], tb[3], td[3];
+    if constexpr (A1) apart3(xa, ta);
+    if constexpr (A2) apart3(xb, tb);
+    const V* a = A1 ? ta : sa;
+    const V* b = A2 ? tb : sb;
+    td[0] = a[1] * b[2] - a[2] * b[1];
+    td[1] = a[2] * b[0] - a[0] * b[2];
+    td[2] = a[0] * b[1] - a[1] * b[0];
+    together3(td, xd);
 }
 
-template <bool A1, bool A2>
-__attribute__((target("avx"), noinline)) int cross_avx(const float* a, const float* b, float* d, const __m128* ha,
-                                                       const __m128* hb, int count) {
-    auto load = [](const float* p, __m256* x) __attribute__((target("avx"))) {
-        for (int k = 0; k < 3; ++k) x[k] = Avx<float>::load2(p + 4 * k, p + 12 + 4 * k);
-    };
-    __m256 sa[3], sb[3];
-    for (int k = 0; k < 3; ++k) sa[k] = Avx<float>::held(ha + k), sb[k] = Avx<float>::held(hb + k);
+template <bool A1, bool A2, class T>
+__attribute__((target("avx"), noinline)) int cross_avx(const T* a, const T* b, T* d, const Vec<T>* ha,
+                                                       const Vec<T>* hb, int count) {
+    using K = Avx<T>;
+    constexpr int h = X<T>::n;  // objects in a half
+    typename K::V sa[3], sb[3], xa[3], xb[3], xd[3];
+    for (int k = 0; k < 3; ++k) sa[k] = K::held2(ha[k]), sb[k] = K::held2(hb[k]);
     int o = 0;
-    for (; o + 8 <= count; o += 8, d += 24) {
-        __m256 x[3], ta[3], tb[3], td[3];
-        if constexpr (A1) load(a, x), apart3(x, ta), a += 24;
-        if constexpr (A2) load(b, x), apart3(x, tb), b += 24;
-        cross3(A1 ? ta : sa, A2 ? tb : sb, td);
-        together3(td, x);
+    for (; o + 2 * h <= count; o += 2 * h, d += 6 * h) {
         for (int k = 0; k < 3; ++k) {
-            _mm_storeu_ps(d + 4 * k, _mm256_castps256_ps128(x[k]));
-            _mm_storeu_ps(d + 12 + 4 * k, _mm256_extractf128_ps(x[k], 1));
+            if constexpr (A1) xa[k] = K::load2(a + h * k, a + 3 * h + h * k);
+            if constexpr (A2) xb[k] = K::load2(b + h * k, b + 3 * h + h * k);
         }
+        cross_group<A1, A2>(xa, xb, sa, sb, xd);
+        for (int k = 0; k < 3; ++k) K::store2(d + h * k, d + 3 * h + h * k, xd[k]);
+        if constexpr (A1) a += 6 * h;
+        if constexpr (A2) b += 6 * h;
     }
     return o;
 }
@@ -416,49 +466,45 @@ template <Str Sig, class T, Form F>
 bool cross(const Call<T>& c) {
     static constexpr Operands ops = parse<Sig>();
     constexpr bool A1 = ops.l[0].array, A2 = ops.l[1].array;
-    constexpr int esz = int(sizeof(T));
-    if constexpr (F != Form::S || sizeof(T) != 4) {
+    constexpr int esz = int(sizeof(T)), n = X<T>::n;
+    if constexpr (F != Form::S) {
         return false;
     } else {
         if ((A1 && c.src[0].s0 != 3 * esz) || (A2 && c.src[1].s0 != 3 * esz) || c.dst[0].s0 != 3 * esz ||
-            c.count < 4)
+            c.count < n)
             return false;
         const T* a = static_cast<const T*>(c.src[0].p);
         const T* b = static_cast<const T*>(c.src[1].p);
         T* d = static_cast<T*>(const_cast<void*>(c.dst[0].p));
+        const T x0 = a[0], x1 = a[1], x2 = a[2], y0 = b[0], y1 = b[1], y2 = b[2];
         // a single operand's elements, each across the lanes
-        __m128 ha[3], hb[3];
-        for (int k = 0; k < 3; ++k) ha[k] = _mm_set1_ps(a[k]), hb[k] = _mm_set1_ps(b[k]);
+        const Vec<T> sa[3] = {X<T>::splat(x0), X<T>::splat(x1), X<T>::splat(x2)};
+        const Vec<T> sb[3] = {X<T>::splat(y0), X<T>::splat(y1), X<T>::splat(y2)};
         int o = 0;
         if (cpu::avx) {
-            o = cross_avx<A1, A2>(a, b, d, ha, hb, c.count);
+            o = cross_avx<A1, A2>(a, b, d, sa, sb, c.count);
             if (A1) a += 3 * o;
             if (A2) b += 3 * o;
             d += 3 * o;
         }
-        for (; o + 4 <= c.count; o += 4, d += 12) {
-            __m128 x[3], ta[3], tb[3], td[3];
-            if constexpr (A1) {
-                for (int k = 0; k < 3; ++k) x[k] = _mm_loadu_ps(a + 4 * k);
-                apart3(x, ta);
-                a += 12;
+        for (; o + n <= c.count; o += n, d += 3 * n) {
+            Vec<T> xa[3], xb[3], xd[3];
+            for (int k = 0; k < 3; ++k) {
+                if constexpr (A1) xa[k] = X<T>::load(a + n * k);
+                if constexpr (A2) xb[k] = X<T>::load(b + n * k);
             }
-            if constexpr (A2) {
-                for (int k = 0; k < 3; ++k) x[k] = _mm_loadu_ps(b + 4 * k);
-                apart3(x, tb);
-                b += 12;
-            }
-            cross3(A1 ? ta : ha, A2 ? tb : hb, td);
-            together3(td, x);
-            for (int k = 0; k < 3; ++k) _mm_storeu_ps(d + 4 * k, x[k]);
+            cross_group<A1, A2>(xa, xb, sa, sb, xd);
+            for (int k = 0; k < 3; ++k) X<T>::store(d + n * k, xd[k]);
+            if (A1) a += 3 * n;
+            if (A2) b += 3 * n;
         }
         // the last objects one by one
         for (; o < c.count; ++o, d += 3) {
-            const T* x = A1 ? a : static_cast<const T*>(c.src[0].p);
-            const T* y = A2 ? b : static_cast<const T*>(c.src[1].p);
-            d[0] = x[1] * y[2] - x[2] * y[1];
-            d[1] = x[2] * y[0] - x[0] * y[2];
-            d[2] = x[0] * y[1] - x[1] * y[0];
+            const T p0 = A1 ? a[0] : x0, p1 = A1 ? a[1] : x1, p2 = A1 ? a[2] : x2;
+            const T q0 = A2 ? b[0] : y0, q1 = A2 ? b[1] : y1, q2 = A2 ? b[2] : y2;
+            d[0] = p1 * q2 - p2 * q1;
+            d[1] = p2 * q0 - p0 * q2;
+            d[2] = p0 * q1 - p1 * q0;
             if (A1) a += 3;
             if (A2) b += 3;
         }
@@ -473,17 +519,18 @@ bool cross(const Call<T>& c) {
 template <class T, class Fn>
 __attribute__((target("avx"), noinline)) std::ptrdiff_t combine_avx(const T* a, const T* b, T* d, std::ptrdiff_t n,
                                                                     const Fn& f) {
-    typedef T V __attribute__((vector_size(32)));
-    constexpr int W = int(32 / sizeof(T));
-    V v1, v2;
-    for (int i = 0; i < W; ++i) v1[i] = f.v1, v2[i] = f.v2;
-    std::ptrdiff_t j = 0;
-    for (; j + 2 * W <= n; j += 2 * W) {
-        V x[2], y[2], r[2];
-        __builtin_memcpy(x, a + j, sizeof x);
-        __builtin_memcpy(y, b + j, sizeof y);
-        for (int k = 0; k < 2; ++k) r[k] = f.lanes(x[k], y[k], v1, v2);
-        __builtin_memcpy(d + j, r, sizeof r);
+    using K = Avx<T>;
+    const typename K::V v1 = K::splat(f.v1), v2 = K::splat(f.v2);
+    // single elements up to a 32-byte boundary of the destination, so that
+    // no store straddles two cache lines
+    const auto da = reinterpret_cast<std::uintptr_t>(d);
+    std::ptrdiff_t j = da % sizeof(T) ? 0 : std::ptrdiff_t((32 - da % 32) % 32 / sizeof(T));
+    for (std::ptrdiff_t k = 0; k < j; ++k) d[k] = f(a[k], b[k]);
+    for (; j + 2 * K::W <= n; j += 2 * K::W) {
+        const typename K::V r0 = f.lanes(K::load(a + j), K::load(b + j), v1, v2);
+        const typename K::V r1 = f.lanes(K::load(a + j + K::W), K::load(b + j + K::W), v1, v2);
+        K::store(d + j, r0);
+        K::store(d + j + K::W, r1);
     }
     return j;
 }
