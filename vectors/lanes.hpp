@@ -276,11 +276,6 @@ bool reduce(const Call<T>& c, int blocked) {
 }
 
 // ---------------------------------------------------------------------------
-template <class T, int N>
-constexpr bool has_trace() { return false; }
-template <Str Sig, class T, Form F, int N, Assoc Own>
-bool trace(const Call<T>&) { return false; }
-
 // ---------------------------------------------------------------------------
 // FrobNorm of N x N objects whose rows split into whole vectors: the squares
 // of an object in vectors Q(m) (elements m*n .. m*n + n-1), so that where

@@ -228,6 +228,8 @@ constexpr const BlockRow* block_row(const Key& k, int size) {
         if (matches(r, k) && r.size == size) return &r;
     return nullptr;
 }
+// The association of a block row's objects, or `own` where there is none.
+constexpr Assoc block_sum(const BlockRow* r, const Assoc& own) { return r ? r->sum : own; }
 
 // The four-object square root of L2Norm: at `len`, after the objects that
 // go alone (the first one where `first_alone`), blocks of four objects whose
@@ -244,6 +246,7 @@ inline constexpr RsqrtRow kRsqrt[] = {
     {kNorm, "va", F32, S2, 3, true},
     {kNorm, "va", F32, P, 3, false},
 };
+constexpr int rsqrt_len(const RsqrtRow* r) { return r ? r->len : 0; }
 inline constexpr std::uint32_t kRsqrtCutBits = 0x00800000u;  // the smallest normal 32f
 
 // ---------------------------------------------------------------------------

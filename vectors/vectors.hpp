@@ -149,6 +149,7 @@ zelStatus vec_fixed(const Call<T>& c) {
     static constexpr const ShortRow& sr = find_row(kShort, K_::key);
     static constexpr Assoc own = sr.at[N - 3];
     static constexpr const BlockRow* br = block_row(K_::key, N);
+    static constexpr Assoc blk = block_sum(br, own);
     static constexpr const RsqrtRow* rr = find(kRsqrt, K_::key);
     const int count = c.count;
     T* out = c.out;
@@ -181,36 +182,26 @@ zelStatus vec_fixed(const Call<T>& c) {
         return sum<own, N, T>([&](int k) { return t[k]; });
     };
 
-    if constexpr (rr != nullptr && N == 3) {
-        if constexpr (rr->len == N) {
-            // finished four objects at a time from the first 16-byte boundary of pDst
-            const int from = rr->first_alone ? 1 : 0;
-            if (from) out[0] = root(own_sum(0));
-            if (count > from) {
-                std::uintptr_t lo, hi;
-                source_span<T, K_::f1>(c.src[0], from, count, N, lo, hi);
-                rsqrt_blocks(c, from, own_sum, reinterpret_cast<const void*>(lo), reinterpret_cast<const void*>(hi));
-            }
-            return zelStsOk;
+    if constexpr (rsqrt_len(rr) == N) {
+        // finished four objects at a time from the first 16-byte boundary of pDst
+        const int from = rr->first_alone ? 1 : 0;
+        if (from) out[0] = root(own_sum(0));
+        if (count > from) {
+            std::uintptr_t lo, hi;
+            source_span<T, K_::f1>(c.src[0], from, count, N, lo, hi);
+            rsqrt_blocks(c, from, own_sum, reinterpret_cast<const void*>(lo), reinterpret_cast<const void*>(hi));
         }
-    }
-    if constexpr (Unit && F != Form::P && lanes::has_reduce<O, T, N>()) {
-        if (lanes::reduce<O, Sig, T, F, N, own, br ? br->sum : own>(c, block_objects(br, c))) return zelStsOk;
+        return zelStsOk;
     }
     const int nb = block_objects(br, c);
+    if constexpr (Unit && F != Form::P && lanes::has_reduce<O, T, N>()) {
+        if (lanes::reduce<O, Sig, T, F, N, own, blk>(c, nb)) return zelStsOk;
+    }
     for (int n = 0; n < count; ++n) {
-        T s;
-        if constexpr (br != nullptr) {
-            if (n < nb) {
-                T t[N];
-                terms(n, t);
-                s = sum<br->sum, N, T>([&](int k) { return t[k]; });
-            } else {
-                s = own_sum(n);
-            }
-        } else {
-            s = own_sum(n);
-        }
+        T t[N];
+        terms(n, t);
+        auto get = [&](int k) { return t[k]; };
+        const T s = n < nb ? sum<blk, N, T>(get) : sum<own, N, T>(get);
         out[n] = dot ? s : root(s);
     }
     return zelStsOk;
@@ -257,17 +248,14 @@ zelStatus trace_fixed(const Call<T>& c) {
     using K_ = Kernel<Op::Trace, Sig, T, F, Unit>;
     static constexpr Assoc own = find_row(kShort, K_::key).at[N - 3];
     static constexpr const BlockRow* br = block_row(K_::key, N);
-    auto d = [&](int n, int i) { return view_of<T, K_::f1, Unit>(c.src[0], n, N).get(i, i); };
-    if constexpr (Unit && F != Form::P && lanes::has_trace<T, N>()) {
-        if (lanes::trace<Sig, T, F, N, own>(c)) return zelStsOk;
-    }
+    static constexpr Assoc blk = block_sum(br, own);
     const int nb = block_objects(br, c);
     for (int n = 0; n < c.count; ++n) {
+        const auto a = view_of<T, K_::f1, Unit>(c.src[0], n, N);
         T t[N];
-        for (int i = 0; i < N; ++i) t[i] = d(n, i);
+        for (int i = 0; i < N; ++i) t[i] = a.get(i, i);
         auto get = [&](int k) { return t[k]; };
-        if constexpr (br != nullptr) c.out[n] = n < nb ? sum<br->sum, N, T>(get) : sum<own, N, T>(get);
-        else c.out[n] = sum<own, N, T>(get);
+        c.out[n] = n < nb ? sum<blk, N, T>(get) : sum<own, N, T>(get);
     }
     return zelStsOk;
 }
@@ -320,6 +308,7 @@ zelStatus frob_fixed(const Call<T>& c) {
     using K_ = Kernel<Op::FrobNorm, Sig, T, F, Unit>;
     static constexpr Assoc own = find_row(kFrobOrders, K_::key).at[N - 2];
     static constexpr const BlockRow* br = block_row(K_::key, N);
+    static constexpr Assoc blk = block_sum(br, own);
     auto squares = [&](int n, T* q) {
         const auto a = view_of<T, K_::f1, UnitView>(c.src[0], n, N);
         for (int i = 0; i < N; ++i)
@@ -331,15 +320,12 @@ zelStatus frob_fixed(const Call<T>& c) {
     const int nb = block_objects(br, c);
     int n = 0;
     if constexpr (UnitView && F != Form::P && lanes::has_frob<T, N>())
-        n = lanes::frob<Sig, T, F, N, own, br ? br->sum : own>(c, nb);
+        n = lanes::frob<Sig, T, F, N, own, blk>(c, nb);
     for (; n < c.count; ++n) {
         T q[N * N];
         squares(n, q);
         auto get = [&](int k) { return q[k]; };
-        T s;
-        if constexpr (br != nullptr) s = n < nb ? sum<br->sum, N * N, T>(get) : sum<own, N * N, T>(get);
-        else s = sum<own, N * N, T>(get);
-        c.out[n] = root(s);
+        c.out[n] = root(n < nb ? sum<blk, N * N, T>(get) : sum<own, N * N, T>(get));
     }
     return zelStsOk;
 }
