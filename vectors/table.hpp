@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 #include <string_view>
 
 #include "frame/frame.hpp"
@@ -45,16 +46,19 @@ template <class Row>
 constexpr bool matches(const Row& r, const Key& k) {
     return (r.ops & k.op) && has_word(r.sigs, k.sig) && (r.ty & k.ty) && (r.kern & k.kern);
 }
+// Rows are found by index, -1 for none (addresses of table rows are not
+// compared in constant expressions: the sanitizers' builds do not allow it).
 template <class Row, std::size_t N>
-constexpr const Row* find(const Row (&rows)[N], const Key& k) {
-    for (const auto& r : rows)
-        if (matches(r, k)) return &r;
-    return nullptr;
+constexpr int find_index(const Row (&rows)[N], const Key& k) {
+    for (std::size_t i = 0; i < N; ++i)
+        if (matches(rows[i], k)) return int(i);
+    return -1;
 }
 template <class Row, std::size_t N>
 constexpr const Row& find_row(const Row (&rows)[N], const Key& k) {
-    if (const Row* r = find(rows, k)) return *r;
-    throw "no row for this kernel";  // a compile-time error in a constant expression
+    const int i = find_index(rows, k);
+    if (i < 0) throw "no row for this kernel";  // a compile-time error in a constant expression
+    return rows[i];
 }
 
 // ---------------------------------------------------------------------------
@@ -75,7 +79,7 @@ inline constexpr Chains kThreeChain{
     {tree("0"), tree("1"), tree("2"), tree("3"), tree("4"), tree("5"), tree("6"), tree("7")},
     3, tree("(0+1)+2"), true};
 inline constexpr Chains kPairChains{4, 2, {0, 1}, {tree("0+1"), tree("2+3")}, 2, tree("0+1"), false};
-inline constexpr const Chains* kChains[] = {&kEightChain, &kThreeChain, &kPairChains};
+inline constexpr Chains kChains[] = {kEightChain, kThreeChain, kPairChains};
 enum ChainId : int { kNoChain = -1, kEight = 0, kThree = 1, kPairs = 2 };
 
 // The order of a sum of any length: one of the products' named orders (with
@@ -223,13 +227,13 @@ inline constexpr BlockRow kBlocks[] = {
     {kFrob, "ma", F32, Std, 4, 4, 0, false, assoc("(0+1)+(2+3)", "(0+4)+(8+12)")},
     {kFrob, "ma", F64, Std, 3, 4, 0, false, assoc("(((0+1)+8)+(2+5))+((3+4)+(6+7))")},
 };
-constexpr const BlockRow* block_row(const Key& k, int size) {
-    for (const auto& r : kBlocks)
-        if (matches(r, k) && r.size == size) return &r;
-    return nullptr;
+constexpr int block_index(const Key& k, int size) {
+    for (std::size_t i = 0; i < std::size(kBlocks); ++i)
+        if (matches(kBlocks[i], k) && kBlocks[i].size == size) return int(i);
+    return -1;
 }
 // The association of a block row's objects, or `own` where there is none.
-constexpr Assoc block_sum(const BlockRow* r, const Assoc& own) { return r ? r->sum : own; }
+constexpr Assoc block_sum(int i, const Assoc& own) { return i < 0 ? own : kBlocks[i].sum; }
 
 // The four-object square root of L2Norm: at `len`, after the objects that
 // go alone (the first one where `first_alone`), blocks of four objects whose
@@ -246,7 +250,7 @@ inline constexpr RsqrtRow kRsqrt[] = {
     {kNorm, "va", F32, S2, 3, true},
     {kNorm, "va", F32, P, 3, false},
 };
-constexpr int rsqrt_len(const RsqrtRow* r) { return r ? r->len : 0; }
+constexpr int rsqrt_len(int i) { return i < 0 ? 0 : kRsqrt[i].len; }
 inline constexpr std::uint32_t kRsqrtCutBits = 0x00800000u;  // the smallest normal 32f
 
 // ---------------------------------------------------------------------------

@@ -57,14 +57,16 @@ struct Kernel {
 // The objects of a call that a block row takes: those below count rounded
 // down to the group, where the row's conditions hold.
 template <class T>
-int block_objects(const BlockRow* br, const Call<T>& c) {
-    if (!br || c.count < br->min_count) return 0;
-    if (br->aligned) {
+int block_objects(int bi, const Call<T>& c) {
+    if (bi < 0) return 0;
+    const BlockRow& br = kBlocks[bi];
+    if (c.count < br.min_count) return 0;
+    if (br.aligned) {
         const auto a = [](const void* p) { return reinterpret_cast<std::uintptr_t>(p); };
         const auto u = [](int s) { return std::uintptr_t(unsigned(s)); };
         if ((a(c.src[0].p) | a(c.src[1].p) | a(c.out) | u(c.src[0].s0) | u(c.src[1].s0)) & 15u) return 0;
     }
-    return c.count / br->group * br->group;
+    return c.count / br.group * br.group;
 }
 
 // A long sum in a kernel's order. `lead_at` is the address whose 16-byte
@@ -72,7 +74,7 @@ int block_objects(const BlockRow* br, const Call<T>& c) {
 template <Order O, class T, class Term>
 ZEL_INLINE T long_sum(int K, const void* lead_at, const Term& t) {
     if constexpr (O.chain != kNoChain) {
-        return chain_sum<*kChains[O.chain], T>(K, t);
+        return chain_sum<kChains[O.chain], T>(K, t);
     } else {
         products::Ord o = O.named;
         int lead = 0;
@@ -148,9 +150,9 @@ zelStatus vec_fixed(const Call<T>& c) {
     constexpr bool dot = O == Op::DotProduct;
     static constexpr const ShortRow& sr = find_row(kShort, K_::key);
     static constexpr Assoc own = sr.at[N - 3];
-    static constexpr const BlockRow* br = block_row(K_::key, N);
+    static constexpr int br = block_index(K_::key, N);
     static constexpr Assoc blk = block_sum(br, own);
-    static constexpr const RsqrtRow* rr = find(kRsqrt, K_::key);
+    static constexpr int rr = find_index(kRsqrt, K_::key);
     const int count = c.count;
     T* out = c.out;
 
@@ -184,7 +186,7 @@ zelStatus vec_fixed(const Call<T>& c) {
 
     if constexpr (rsqrt_len(rr) == N) {
         // finished four objects at a time from the first 16-byte boundary of pDst
-        const int from = rr->first_alone ? 1 : 0;
+        const int from = kRsqrt[rr].first_alone ? 1 : 0;
         if (from) out[0] = root(own_sum(0));
         if (count > from) {
             std::uintptr_t lo, hi;
@@ -247,7 +249,7 @@ template <int N, Str Sig, class T, Form F, bool Unit>
 zelStatus trace_fixed(const Call<T>& c) {
     using K_ = Kernel<Op::Trace, Sig, T, F, Unit>;
     static constexpr Assoc own = find_row(kShort, K_::key).at[N - 3];
-    static constexpr const BlockRow* br = block_row(K_::key, N);
+    static constexpr int br = block_index(K_::key, N);
     static constexpr Assoc blk = block_sum(br, own);
     const int nb = block_objects(br, c);
     for (int n = 0; n < c.count; ++n) {
@@ -307,7 +309,7 @@ template <int N, Str Sig, class T, Form F, bool Unit, bool UnitView>
 zelStatus frob_fixed(const Call<T>& c) {
     using K_ = Kernel<Op::FrobNorm, Sig, T, F, Unit>;
     static constexpr Assoc own = find_row(kFrobOrders, K_::key).at[N - 2];
-    static constexpr const BlockRow* br = block_row(K_::key, N);
+    static constexpr int br = block_index(K_::key, N);
     static constexpr Assoc blk = block_sum(br, own);
     auto squares = [&](int n, T* q) {
         const auto a = view_of<T, K_::f1, UnitView>(c.src[0], n, N);
@@ -357,7 +359,7 @@ zelStatus frob_kernel(const Call<T>& c) {
         const auto a = view_of<T, K_::f1, UnitView>(c.src[0], o, W);
         T s;
         if constexpr (fr.general != kNoChain) {
-            s = chain_sum<*kChains[fr.general], T>(W * H, [&](int k) {
+            s = chain_sum<kChains[fr.general], T>(W * H, [&](int k) {
                 const T x = a.get(k / W, k % W);
                 return x * x;
             });
