@@ -220,6 +220,13 @@ IMPLEMENTED = {
     "LoadIdentity": "*",
     "Extract": "*",
     "Transpose": "m ma",
+    "DotProduct": "*",
+    "L2Norm": "*",
+    "CrossProduct": "*",
+    "Saxpy": "*",
+    "LComb": "*",
+    "Trace": "*",
+    "FrobNorm": "*",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 # Fixed-size geometry, all of it: vectors, 4x4 constructors, 4x4 operations and
