@@ -220,6 +220,10 @@ IMPLEMENTED = {
     "LoadIdentity": "*",
     "Extract": "*",
     "Transpose": "m ma",
+    "LUDecomp": "*",
+    "LUBackSubst": "*",
+    "CholeskyDecomp": "*",
+    "CholeskyBackSubst": "*",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 
