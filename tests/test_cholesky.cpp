@@ -9,6 +9,7 @@
 #include <xmmintrin.h>
 
 #include <cmath>
+#include <tuple>
 
 #include "triangular_harness.hpp"
 
@@ -174,14 +175,14 @@ TEST(Cholesky, DecompositionOfEveryExportOrderAndLayout) {
                     using T = decltype(t);
                     std::mt19937 g(seed++);
                     std::vector<Vec<T>> mats;
-                    for (int o = 0; o < (is_array(*row) ? 4 : 1); ++o) mats.push_back(spd_matrix<T>(g, n));
+                    for (int o = 0; o < (is_array(*row) ? 19 : 1); ++o) mats.push_back(spd_matrix<T>(g, n));
                     check_decomp<T>(*row, n, mats, L, seed);
                     check_decomp<T>(*row, n, mats, L, seed, true);
                 });
 }
 
-// Row i's radicand negative (A(i, i) = -1) or zero, in the second of three
-// objects.
+// Row i's radicand negative (A(i, i) = -1) or zero, in object 10 of 19
+// (inside the second batch of lanes).
 TEST(Cholesky, WhatStandsAfterAMatrixThatIsNotPositiveDefinite) {
     unsigned seed = 100;
     for (const auto* row : exports_of("CholeskyDecomp"))
@@ -190,16 +191,17 @@ TEST(Cholesky, WhatStandsAfterAMatrixThatIsNotPositiveDefinite) {
                 fh::with_type(*row, [&](auto t) {
                     using T = decltype(t);
                     std::mt19937 g(seed++);
-                    std::vector<Vec<T>> mats{spd_matrix<T>(g, n), spd_matrix<T>(g, n), spd_matrix<T>(g, n)};
-                    if (i == 0 && n == 1) mats[1][0] = 0;
-                    else mats[1][i * n + i] = -1;
-                    if (!is_array(*row)) mats = {mats[1]};
+                    std::vector<Vec<T>> mats;
+                    for (int o = 0; o < 19; ++o) mats.push_back(spd_matrix<T>(g, n));
+                    mats[10][i * n + i] = i == 0 && n == 1 ? 0 : -1;
+                    if (!is_array(*row)) mats = {mats[10]};
                     check_decomp<T>(*row, n, mats, layouts()[i % 2], seed);
                 });
 }
 
 // Status by the last radicand of diag(1, ..., 1, d): zero fails everywhere;
-// the pointer kernels at order 3 fail at or below 2^-23 in both types.
+// the pointer kernels at order 3 fail at or below 2^-23 in both types (16
+// such objects: whole batches of lanes).
 TEST(Cholesky, RadicandTests) {
     struct Case {
         int n;
@@ -215,7 +217,7 @@ TEST(Cholesky, RadicandTests) {
         for (const Case& k : cases)
             fh::with_type(*row, [&](auto t) {
                 using T = decltype(t);
-                auto l = laid<T>(*row, k.n, 2, lay::Layout{}, 1);
+                auto l = laid<T>(*row, k.n, 16, lay::Layout{}, 1);
                 l.fill("Src", [&](int, int r, int c) { return r != c ? 0.0 : r == k.n - 1 ? k.d : 1.0; });
                 const bool fails = row->form[0] == 'P' ? k.fails_p : k.fails;
                 EXPECT_EQ(l.call(), fails ? zelStsErrNotPosDefinite : zelStsOk) << row->name << " n=" << k.n << " " << k.d;
@@ -259,7 +261,7 @@ TEST(Cholesky, BackSubstitutionOfEveryExportOrderAndLayout) {
                         using T = decltype(t);
                         SCOPED_TRACE(std::string(row->name) + " n=" + std::to_string(n) + " " + L.label);
                         std::mt19937 g(seed++);
-                        auto l = laid<T>(*row, n, 3, L, seed, in_place);
+                        auto l = laid<T>(*row, n, 19, L, seed, in_place);
                         std::vector<Vec<T>> A, F, b;
                         for (int o = 0; o < tables_of(*row, l.count()); ++o) {
                             A.push_back(spd_matrix<T>(g, n));
@@ -297,30 +299,31 @@ TEST(Cholesky, FanOut) {
         l.fill(is_decomp(row) ? "Src" : "Src1", [](int o, int r, int c) { return r == c ? 2.0 + o % 3 : 0.5; });
         if (!is_decomp(row)) l.fill("Src2", [](int, int, int c) { return c; });
     });
-    // order 30: 30*30*11 is above every limit; object 4 fails, so thread 1
-    // (objects 3 to 5) stops there and the slices of threads 0, 2 and 3
-    // complete; one thread stops at object 4
-    const int n = 30;
-    expect_threads({"CholeskyDecomp", "CholeskyBackSubst"}, n,
-        [&](const reg::ExportRow& row, auto& l) {
-            using T = std::decay_t<decltype(l.get("Dst", 0)[0])>;
-            std::mt19937 g(9);
-            for (int o = 0; o < tables_of(row, l.count()); ++o) {
-                Vec<T> A = spd_matrix<T>(g, n);
-                if (is_decomp(row) && o == 4) A[5 * n + 5] = -1;
-                l.set(is_decomp(row) ? "Src" : "Src1", o, is_decomp(row) ? A : chol_ref(A, n, false).f);
-            }
-            if (!is_decomp(row)) l.fill("Src2", [&](int, int, int) { return rand_in<double>(g, -1, 1); });
-        },
-        [&](const reg::ExportRow& row, auto& l, zelStatus st, int threads) {
-            EXPECT_EQ(st, is_decomp(row) ? zelStsErrNotPosDefinite : zelStsOk);
-            if (!is_decomp(row)) return;
-            for (int o = 0; o < 11; ++o) {
-                const bool done = o < 4 || (threads == 4 && o > 5);
-                if (done) EXPECT_LT(llt_residual(l.get("Src", o), l.get("Dst", o), n), 1e-5) << o;
-                if (o > 4 && !done) EXPECT_TRUE(std::isnan(l.get("Dst", o)[0])) << o;
-            }
-        });
+    // order 30 with 11 objects and order 4 with 4001 (lanes in every
+    // slice) are above every limit; one object fails and stops its own
+    // slice only
+    for (auto [n, count, bad] : {std::tuple{30, 11, 4}, std::tuple{4, 4001, 1500}})
+        expect_threads({"CholeskyDecomp", "CholeskyBackSubst"}, n, count,
+            [&](const reg::ExportRow& row, auto& l) {
+                using T = std::decay_t<decltype(l.get("Dst", 0)[0])>;
+                std::mt19937 g(9);
+                for (int o = 0; o < tables_of(row, count); ++o) {
+                    Vec<T> A = spd_matrix<T>(g, n);
+                    if (is_decomp(row) && o == bad) A[(n / 2) * (n + 1)] = -1;
+                    l.set(is_decomp(row) ? "Src" : "Src1", o, is_decomp(row) ? A : chol_ref(A, n, false).f);
+                }
+                if (!is_decomp(row)) l.fill("Src2", [&](int, int, int) { return rand_in<double>(g, -1, 1); });
+            },
+            [&](const reg::ExportRow& row, auto& l, zelStatus st, int threads) {
+                EXPECT_EQ(st, is_decomp(row) ? zelStsErrNotPosDefinite : zelStsOk);
+                if (!is_decomp(row)) return;
+                for (int o = 0; o < count; ++o) {
+                    if (completed(o, bad, count, threads))
+                        ASSERT_LT(llt_residual(l.get("Src", o), l.get("Dst", o), n), 1e-5) << o;
+                    else if (o > bad)
+                        ASSERT_TRUE(std::isnan(l.get("Dst", o)[0])) << o;
+                }
+            });
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <numeric>
+#include <tuple>
 
 #include "triangular_harness.hpp"
 
@@ -147,10 +148,30 @@ void check_decomp(const reg::ExportRow& row, int n, const std::vector<Vec<T>>& m
         EXPECT_LT(lu_residual(mats[o], l.get("Dst", o), l.index("pDstIndex") + o * n, n), sizeof(T) == 4 ? 1e-5 : 1e-14);
 }
 
+// Full mantissas; or, for odd k, rows of L U (multipliers -1, 0, 1, pivots
+// powers of two) in random order: exact elimination with ties for the
+// largest magnitude at every stage.
 template <class T>
-Vec<T> random_matrix(std::mt19937& g, int n) {
+Vec<T> random_matrix(std::mt19937& g, int n, int k = 0) {
     Vec<T> A(n * n);
     for (auto& v : A) v = lay::random_value<T>(g);
+    if (k % 2 == 0) return A;
+    std::uniform_int_distribution<int> d(-3, 3);
+    Vec<T> L(n * n), U(n * n);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            L[i * n + j] = i == j ? 1 : j < i ? d(g) % 2 : 0;
+            U[i * n + j] = i == j ? T(1 << (d(g) + 3) / 2) * (d(g) < 0 ? -1 : 1) : j > i ? d(g) : 0;
+        }
+    std::vector<int> perm(n);
+    std::iota(perm.begin(), perm.end(), 0);
+    std::shuffle(perm.begin(), perm.end(), g);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            T v = 0;
+            for (int m = 0; m < n; ++m) v += L[i * n + m] * U[m * n + j];
+            A[perm[i] * n + j] = v;
+        }
     return A;
 }
 
@@ -165,14 +186,14 @@ TEST(LU, DecompositionOfEveryExportOrderAndLayout) {
                     using T = decltype(t);
                     std::mt19937 g(seed++);
                     std::vector<Vec<T>> mats;
-                    for (int o = 0; o < (is_array(*row) ? 4 : 1); ++o) mats.push_back(random_matrix<T>(g, n));
+                    for (int o = 0; o < (is_array(*row) ? 19 : 1); ++o) mats.push_back(random_matrix<T>(g, n, o + n));
                     check_decomp<T>(*row, n, mats, L, seed);
                     check_decomp<T>(*row, n, mats, L, seed, true);
                 });
 }
 
 // Column c zero: the elimination fails at stage c (the last pivot when c is
-// n-1), in the second of three objects.
+// n-1), in object 10 of 19 (inside the second batch of lanes).
 TEST(LU, WhatStandsAfterASingularMatrixInEveryPath) {
     unsigned seed = 100;
     for (const auto* row : exports_of("LUDecomp"))
@@ -181,14 +202,16 @@ TEST(LU, WhatStandsAfterASingularMatrixInEveryPath) {
                 fh::with_type(*row, [&](auto t) {
                     using T = decltype(t);
                     std::mt19937 g(seed++);
-                    std::vector<Vec<T>> mats{random_matrix<T>(g, n), random_matrix<T>(g, n), random_matrix<T>(g, n)};
-                    for (int r = 0; r < n; ++r) mats[1][r * n + c] = 0;
-                    if (!is_array(*row)) mats = {mats[1]};
+                    std::vector<Vec<T>> mats;
+                    for (int o = 0; o < 19; ++o) mats.push_back(random_matrix<T>(g, n, o));
+                    for (int r = 0; r < n; ++r) mats[10][r * n + c] = 0;
+                    if (!is_array(*row)) mats = {mats[10]};
                     check_decomp<T>(*row, n, mats, layouts()[c % 2], seed);
                 });
 }
 
-// Status of I with element (0, 0) replaced, by path and type.
+// Status of I with element (0, 0) replaced, by path and type (16 such
+// objects: whole batches of lanes).
 TEST(LU, PivotThresholdsAtTheirBoundaries) {
     struct Case {
         bool is64;
@@ -208,7 +231,7 @@ TEST(LU, PivotThresholdsAtTheirBoundaries) {
             if (k.is64 != fh::is64(*row)) continue;
             fh::with_type(*row, [&](auto t) {
                 using T = decltype(t);
-                auto l = laid<T>(*row, k.n, 2, lay::Layout{}, 1);
+                auto l = laid<T>(*row, k.n, 16, lay::Layout{}, 1);
                 l.fill("Src", [&](int, int r, int c) { return r == 0 && c == 0 ? k.v : double(r == c); });
                 EXPECT_EQ(l.call(), k.st) << row->name << " n=" << k.n << " " << k.v;
             });
@@ -218,7 +241,7 @@ TEST(LU, PivotThresholdsAtTheirBoundaries) {
         for (int n : {6, 7})
             fh::with_type(*row, [&](auto t) {
                 using T = decltype(t);
-                auto l = laid<T>(*row, n, 2, lay::Layout{}, 1);
+                auto l = laid<T>(*row, n, 16, lay::Layout{}, 1);
                 l.fill("Src", [&](int, int r, int c) { return r == c ? (sizeof(T) == 4 ? 1e-8 : 1e-20) : 0.0; });
                 EXPECT_EQ(l.call(), n == 6 ? zelStsOk : zelStsErrSingular) << row->name << " n=" << n;
             });
@@ -272,7 +295,7 @@ TEST(LU, BackSubstitutionOfEveryExportOrderAndLayout) {
                         SCOPED_TRACE(std::string(row->name) + " n=" + std::to_string(n) + " " + L.label);
                         std::mt19937 g(seed++);
                         const std::string sig = row->sig;
-                        auto l = laid<T>(*row, n, 3, L, seed, in_place);
+                        auto l = laid<T>(*row, n, 19, L, seed, in_place);
                         const int mats = sig == "mava" ? l.count() : 1;
                         std::vector<Vec<T>> A, F, b;
                         std::vector<std::vector<int>> P;
@@ -323,31 +346,32 @@ TEST(LU, FanOut) {
         l.fill("Src2", [](int, int, int c) { return c; });
         for (int k = 0; k < n * tables_of(row, l.count()); ++k) l.index("pSrcIndex")[k] = k % n;
     });
-    // order 61: 61*61*11 is above every limit; object 4 is singular, so
-    // thread 1 (objects 3 to 5) stops there and the slices of threads 0, 2
-    // and 3 complete; one thread stops at object 4
-    const int n = 61;
-    expect_threads({"LUDecomp", "LUBackSubst"}, n,
-        [&](const reg::ExportRow& row, auto& l) {
-            std::mt19937 g(9);
-            const bool dec = is_decomp(row);
-            l.fill(dec ? "Src" : "Src1", [&](int o, int r, int c) {
-                return dec && o == 4 && c == 5 ? 0.0 : (r == c ? 30.0 : 0.0) + rand_in<double>(g, -1, 1);
+    // order 61 with 11 objects and order 4 with 4001 (lanes in every
+    // slice) are above every limit; one object is singular and stops its
+    // own slice only
+    for (auto [n, count, bad] : {std::tuple{61, 11, 4}, std::tuple{4, 4001, 1500}})
+        expect_threads({"LUDecomp", "LUBackSubst"}, n, count,
+            [&](const reg::ExportRow& row, auto& l) {
+                std::mt19937 g(9);
+                const bool dec = is_decomp(row);
+                l.fill(dec ? "Src" : "Src1", [&](int o, int r, int c) {
+                    return dec && o == bad && c == n / 2 ? 0.0 : (r == c ? 30.0 : 0.0) + rand_in<double>(g, -1, 1);
+                });
+                if (dec) return;
+                l.fill("Src2", [&](int, int, int) { return rand_in<double>(g, -1, 1); });
+                for (int i = 0; i < n * tables_of(row, count); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % n;
+            },
+            [&](const reg::ExportRow& row, auto& l, zelStatus st, int threads) {
+                EXPECT_EQ(st, is_decomp(row) ? zelStsErrSingular : zelStsOk);
+                if (!is_decomp(row)) return;
+                const int* p = l.index("pDstIndex");
+                for (int o = 0; o < count; ++o) {
+                    if (completed(o, bad, count, threads))
+                        ASSERT_LT(lu_residual(l.get("Src", o), l.get("Dst", o), p + o * n, n), 1e-5) << o;
+                    else if (o > bad)
+                        ASSERT_EQ(p[o * n], 0x5A5A5A5A) << o;
+                }
             });
-            if (dec) return;
-            l.fill("Src2", [&](int, int, int) { return rand_in<double>(g, -1, 1); });
-            for (int i = 0; i < n * tables_of(row, l.count()); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % n;
-        },
-        [&](const reg::ExportRow& row, auto& l, zelStatus st, int threads) {
-            EXPECT_EQ(st, is_decomp(row) ? zelStsErrSingular : zelStsOk);
-            if (!is_decomp(row)) return;
-            const int* p = l.index("pDstIndex");
-            for (int o = 0; o < 11; ++o) {
-                const bool done = o < 4 || (threads == 4 && o > 5);
-                if (done) EXPECT_LT(lu_residual(l.get("Src", o), l.get("Dst", o), p + o * n, n), 1e-5) << o;
-                if (o > 4 && !done) EXPECT_EQ(p[o * n], 0x5A5A5A5A) << o;
-            }
-        });
 }
 
 }  // namespace

@@ -151,19 +151,19 @@ void expect_limits(const Limit (&limits)[10], Fill fill) {
     }
 }
 
-// Every array export of `ops` at order n with 11 objects, on 1 and on 4
-// threads (slices 3, 3, 3, 2): `fill(row, laid)` sets the operands,
-// `check(row, laid, status, threads)` looks at the result of each run; the
-// destinations of the back-substitutions agree bit for bit.
+// Every array export of `ops` at order n with `count` objects, on 1 and on 4
+// threads: `fill(row, laid)` sets the operands, `check(row, laid, status,
+// threads)` looks at the result of each run; the destinations of the
+// back-substitutions agree bit for bit.
 template <class Fill, class Check>
-void expect_threads(const std::vector<std::string>& ops, int n, Fill fill, Check check) {
+void expect_threads(const std::vector<std::string>& ops, int n, int count, Fill fill, Check check) {
     for (const auto* row : fh::exports_of(ops))
         if (is_array(*row))
             fh::with_type(*row, [&](auto t) {
                 using T = decltype(t);
                 Vec<T> mem[2];
                 for (int k = 0; k < 2; ++k) {
-                    auto l = laid<T>(*row, n, 11, lay::Layout{}, 3);
+                    auto l = laid<T>(*row, n, count, lay::Layout{}, 3);
                     fill(*row, l);
                     subst::Scope scope(k == 0 ? 1 : 4);
                     const zelStatus st = l.call();
@@ -174,6 +174,15 @@ void expect_threads(const std::vector<std::string>& ops, int n, Fill fill, Check
                 if (!is_decomp(*row))
                     EXPECT_EQ(std::memcmp(mem[0].data(), mem[1].data(), mem[0].size() * sizeof(T)), 0) << row->name;
             });
+}
+
+// Whether object o is complete when object `bad` fails: the threads' slices
+// are contiguous in thread order, the first count % threads of them one
+// object longer; each slice stops at its own failure only.
+inline bool completed(int o, int bad, int count, int threads) {
+    const int q = count / threads, r = count % threads;
+    auto slice = [&](int x) { return x < (q + 1) * r ? x / (q + 1) : r + (x - (q + 1) * r) / q; };
+    return slice(o) != slice(bad) || o < bad;
 }
 
 }  // namespace tri_test
