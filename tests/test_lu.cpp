@@ -329,6 +329,42 @@ TEST(LU, BackSubstitutionOfEveryExportOrderAndLayout) {
                 }
 }
 
+// Destinations that reach the next object's source: the objects are taken
+// one after the other, as single-object calls in order would take them.
+TEST(LU, OverlappingObjectsInOrder) {
+    const int n = 4, e = n * n, count = 24;
+    std::mt19937 g(3);
+    Vec<float> mem((count + 1) * e), ref;
+    for (auto& v : mem) v = rand_in<float>(g, -4, 4);
+    ref = mem;
+    std::vector<int> p(count * n), q(count * n);
+    zelStatus want = zelStsOk;
+    for (int o = 0; o < count && want == zelStsOk; ++o)
+        want = zelmLUDecomp_m_32f(&ref[o * e], 16, 4, &q[o * n], &ref[(o + 1) * e], 16, 4, n);
+    const Vec<float> start = mem;
+    EXPECT_EQ(zelmLUDecomp_ma_32f(&mem[0], 4 * e, 16, 4, p.data(), &mem[e], 4 * e, 16, 4, n, count), want);
+    EXPECT_EQ(mem, ref);
+    EXPECT_EQ(p, q);
+    std::vector<const float*> src(count);
+    std::vector<float*> dst(count);
+    for (int o = 0; o < count; ++o) src[o] = &mem[o * e], dst[o] = &mem[(o + 1) * e];
+    mem = start;
+    EXPECT_EQ(zelmLUDecomp_ma_32f_L(src.data(), 0, 16, 4, p.data(), dst.data(), 0, 16, 4, n, count), want);
+    EXPECT_EQ(mem, ref);
+    // x of each system on the next one's b
+    Vec<float> f(e, 0), b(n * (count + 1));
+    for (int i = 0; i < n; ++i) f[i * n + i] = 2, f[i * n + (i + 1) % n] = 0.5f;
+    const int id[4] = {0, 1, 2, 3};
+    std::vector<int> tabs(count * n);
+    for (int k = 0; k < count * n; ++k) tabs[k] = k % n;
+    for (auto& v : b) v = rand_in<float>(g, -4, 4);
+    Vec<float> bref = b, fs(e * count);
+    for (int o = 0; o < count; ++o) std::copy(f.begin(), f.end(), fs.begin() + o * e);
+    for (int o = 0; o < count; ++o) zelmLUBackSubst_mv_32f(f.data(), 16, 4, id, &bref[o * n], 4, &bref[(o + 1) * n], 4, n);
+    EXPECT_EQ(zelmLUBackSubst_mava_32f(fs.data(), 4 * e, 16, 4, tabs.data(), &b[0], 16, 4, &b[n], 16, 4, n, count), zelStsOk);
+    EXPECT_EQ(b, bref);
+}
+
 // The wrapper starts exactly at each limit; four threads give the bits of
 // one; a singular object stops its own slice only.
 TEST(LU, FanOut) {
