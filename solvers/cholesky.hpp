@@ -86,26 +86,6 @@ zelStatus decomp_generic(const VS& src, const VD& dst, int n, T bound) {
     return zelStsOk;
 }
 
-template <class T, Form F, bool Unit>
-zelStatus decomp_kernel(const Call<T>& c) {
-    constexpr Kern K = tri::kern_of(F, Unit);
-    const int n = c.widthHeight;
-    int o = 0;
-    if constexpr (Unit && F != Form::P) o = lanes::decomp<T, F>(c);
-    for (; o < c.count; ++o) {
-        const auto src = view_of<T, F, Unit>(c.src[0], o, n);
-        const auto dst = view_of<T, F, Unit>(c.dst[0], o, n);
-        const zelStatus st = tri::by_order<kFixedLo, kFixedHi>(
-            n,
-            [&](auto N) {
-                return decomp_fixed<N(), store_of(K, true), T>(src, dst, radicand_bound<T>(K, N()));
-            },
-            [&] { return decomp_generic<T>(src, dst, n, radicand_bound<T>(K, n)); });
-        if (st != zelStsOk) return st;
-    }
-    return zelStsOk;
-}
-
 // ---------------------------------------------------------------------------
 // Back-substitution. Forward y(i) = (b(i) - sum over j < i of F(i, j) y(j))
 // times F(i, i); backward x(i) = (y(i) - sum over j > i of F(j, i) x(j))
@@ -118,7 +98,7 @@ struct Factor {
     T f[N][N];
 
     template <class VF>
-    ZEL_INLINE void load_from(const VF& m) {
+    ZEL_INLINE void load(const VF& m, const Call<T>&, int) {
         for (int i = 0; i < N; ++i)
             for (int j = 0; j <= i; ++j) f[i][j] = m.get(i, j);
     }
@@ -156,47 +136,33 @@ void back_generic(const VF& m, const VB& b, const VX& x, int n) {
     }
 }
 
-template <Str Sig, class T, Form F, bool Unit>
-zelStatus back_kernel(const Call<T>& c) {
-    static constexpr std::string_view sig{Sig.s};
-    constexpr bool shared = sig == "mva";
-    constexpr bool array = sig != "mv";
-    constexpr Form fm = operand_form(F, !shared && array), fv = operand_form(F, array);
-    const int n = c.widthHeight;
-    const int count = c.count;
-    auto matrix = [&](int o) { return view_of<T, fm, Unit>(c.src[0], shared ? 0 : o, n); };
-    return tri::by_order<kFixedLo, kFixedHi>(
-        n,
-        [&](auto N) {
-            int o = 0;
-            if constexpr (Unit && F != Form::P && !shared && array) o = lanes::back<T, F>(c);
-            Factor<N(), T> fac;
-            if constexpr (shared) fac.load_from(matrix(0));
-            for (; o < count; ++o) {
-                if constexpr (!shared) fac.load_from(matrix(o));
-                fac.solve(view_of<T, fv, Unit>(c.src[1], o, 0), view_of<T, fv, Unit>(c.dst[0], o, 0));
-            }
-            return zelStsOk;
-        },
-        [&] {
-            for (int o = 0; o < count; ++o)
-                back_generic<T>(matrix(o), view_of<T, fv, Unit>(c.src[1], o, 0), view_of<T, fv, Unit>(c.dst[0], o, 0),
-                                n);
-            return zelStsOk;
-        });
-}
+// ---------------------------------------------------------------------------
+// The family as the shared kernels see it (solvers/triangular.hpp).
+struct Family {
+    static constexpr int lo = kFixedLo, hi = kFixedHi;
+    template <class T, Form F, bool Decomp>
+    static int lanes_done(const Call<T>& c) {
+        return tri::lanes::objects_done<lanes::Family, T, F, Decomp>(c);
+    }
+    template <int N, Kern K, class T, class VS, class VD>
+    static ZEL_INLINE zelStatus decomp(const VS& src, const VD& dst, const Call<T>& c, int) {
+        if constexpr (N == 0) return decomp_generic<T>(src, dst, c.widthHeight, radicand_bound<T>(K, c.widthHeight));
+        else return decomp_fixed<N, store_of(K, true), T>(src, dst, radicand_bound<T>(K, N));
+    }
+    template <int N, Str, class T>
+    using Solver = Factor<N, T>;
+    template <class T, class VF, class VB, class VX>
+    static ZEL_INLINE void solve_generic(const VF& m, const Call<T>&, int, const VB& b, const VX& x, int n) {
+        back_generic<T>(m, b, x, n);
+    }
+};
 
 // ---------------------------------------------------------------------------
 // The entry of every CholeskyDecomp and CholeskyBackSubst export.
 template <Op O, Str Sig, class T, Str FS>
 zelStatus entry(Call<T>& c) {
-    constexpr Form F = form_of<FS>();
-    return tri::enter<Sig, T, F, false>(c, kLimits, [](const Call<T>& s, bool unit) {
-        if constexpr (O == Op::CholeskyDecomp)
-            return unit ? decomp_kernel<T, F, true>(s) : decomp_kernel<T, F, false>(s);
-        else
-            return unit ? back_kernel<Sig, T, F, true>(s) : back_kernel<Sig, T, F, false>(s);
-    });
+    static_assert(O == Op::CholeskyDecomp || O == Op::CholeskyBackSubst);
+    return tri::enter<Family, false, Sig, T, form_of<FS>()>(c, kLimits);
 }
 
 }  // namespace zel::cholesky

@@ -117,45 +117,26 @@ zelStatus decomp_generic(const VS& src, const VD& dst, int* p, int n) {
     return mag(dst.get(p[n - 1], n - 1)) <= Pivot<T>::generic ? zelStsErrSingular : zelStsOk;
 }
 
-template <class T, Form F, bool Unit>
-zelStatus decomp_kernel(const Call<T>& c) {
-    constexpr Store S = store_of(tri::kern_of(F, Unit));
-    const int n = c.widthHeight;
-    int* table = const_cast<int*>(c.idx);  // LUDecomp's table is its output
-    int o = 0;
-    if constexpr (Unit && F != Form::P) o = lanes::decomp<T, F>(c);
-    for (; o < c.count; ++o) {
-        const auto src = view_of<T, F, Unit>(c.src[0], o, n);
-        const auto dst = view_of<T, F, Unit>(c.dst[0], o, n);
-        int* p = table + std::ptrdiff_t(o) * n;
-        const zelStatus st = tri::by_order<kFixedLo, kFixedHi>(
-            n, [&](auto N) { return decomp_fixed<N(), S, T>(src, dst, p); },
-            [&] { return decomp_generic<T>(src, dst, p, n); });
-        if (st != zelStsOk) return st;
-    }
-    return zelStsOk;
-}
-
 // ---------------------------------------------------------------------------
 // Back-substitution, exact order N: the factor rows gathered through the
 // table, all of b read before the first store, each pass by successive
 // subtraction of its products in ascending column order; the diagonal by
 // division or by the reciprocals taken once.
-template <int N, class T>
+template <int N, class T, Diag D>
 struct Factors {
     T f[N][N];  // factor row i, from stored row p[i]
     T rd[N];    // 1 / U(i, i), where the reciprocals are used
     int p[N];
 
-    template <Diag D, class VF>
-    ZEL_INLINE void load_from(const VF& m, const int* table) {
-        for (int i = 0; i < N; ++i) p[i] = table[i];
+    template <class VF>
+    ZEL_INLINE void load(const VF& m, const Call<T>& c, int o) {
+        for (int i = 0; i < N; ++i) p[i] = c.idx[std::ptrdiff_t(o) * N + i];
         for (int i = 0; i < N; ++i)
             for (int j = 0; j < N; ++j) f[i][j] = m.get(p[i], j);
         if constexpr (D == Diag::Reciprocal)
             for (int i = 0; i < N; ++i) rd[i] = T(1) / f[i][i];
     }
-    template <Diag D, class VB, class VX>
+    template <class VB, class VX>
     ZEL_INLINE void solve(const VB& b, const VX& x) const {
         T y[N];
         for (int i = 0; i < N; ++i) y[i] = b.get(0, p[i]);
@@ -188,49 +169,34 @@ void back_generic(const VF& m, const int* p, const VB& b, const VX& x, int n) {
     }
 }
 
-template <Str Sig, class T, Form F, bool Unit>
-zelStatus back_kernel(const Call<T>& c) {
-    static constexpr std::string_view sig{Sig.s};
-    constexpr bool shared = sig == "mva";
-    constexpr bool array = sig != "mv";
-    constexpr Form fm = operand_form(F, !shared && array), fv = operand_form(F, array);
-    const int n = c.widthHeight;
-    const int count = c.count;
-    auto matrix = [&](int o) { return view_of<T, fm, Unit>(c.src[0], shared ? 0 : o, n); };
-    auto table = [&](int o) { return c.idx + (shared ? 0 : std::ptrdiff_t(o) * n); };
-    return tri::by_order<kFixedLo, kFixedHi>(
-        n,
-        [&](auto N) {
-            constexpr Diag D = diag_of(sig, true);
-            int o = 0;
-            if constexpr (Unit && F != Form::P && !shared && array) o = lanes::back<T, F>(c);
-            Factors<N(), T> fac;
-            if constexpr (shared) fac.template load_from<D>(matrix(0), table(0));
-            for (; o < count; ++o) {
-                if constexpr (!shared) fac.template load_from<D>(matrix(o), table(o));
-                fac.template solve<D>(view_of<T, fv, Unit>(c.src[1], o, 0), view_of<T, fv, Unit>(c.dst[0], o, 0));
-            }
-            return zelStsOk;
-        },
-        [&] {
-            for (int o = 0; o < count; ++o)
-                back_generic<T>(matrix(o), table(o), view_of<T, fv, Unit>(c.src[1], o, 0),
-                                view_of<T, fv, Unit>(c.dst[0], o, 0), n);
-            return zelStsOk;
-        });
-}
+// ---------------------------------------------------------------------------
+// The family as the shared kernels see it (solvers/triangular.hpp).
+struct Family {
+    static constexpr int lo = kFixedLo, hi = kFixedHi;
+    template <class T, Form F, bool Decomp>
+    static int lanes_done(const Call<T>& c) {
+        return tri::lanes::objects_done<lanes::Family, T, F, Decomp>(c);
+    }
+    template <int N, Kern K, class T, class VS, class VD>
+    static ZEL_INLINE zelStatus decomp(const VS& src, const VD& dst, const Call<T>& c, int o) {
+        int* table = const_cast<int*>(c.idx) + std::ptrdiff_t(o) * c.widthHeight;  // the decomposition's output
+        if constexpr (N == 0) return decomp_generic<T>(src, dst, table, c.widthHeight);
+        else return decomp_fixed<N, store_of(K), T>(src, dst, table);
+    }
+    template <int N, Str Sig, class T>
+    using Solver = Factors<N, T, diag_of(Sig.s, true)>;
+    template <class T, class VF, class VB, class VX>
+    static ZEL_INLINE void solve_generic(const VF& m, const Call<T>& c, int o, const VB& b, const VX& x, int n) {
+        back_generic<T>(m, c.idx + std::ptrdiff_t(o) * n, b, x, n);
+    }
+};
 
 // ---------------------------------------------------------------------------
 // The entry of every LUDecomp and LUBackSubst export.
 template <Op O, Str Sig, class T, Str FS>
 zelStatus entry(Call<T>& c) {
-    constexpr Form F = form_of<FS>();
-    return tri::enter<Sig, T, F, true>(c, kLimits, [](const Call<T>& s, bool unit) {
-        if constexpr (O == Op::LUDecomp)
-            return unit ? decomp_kernel<T, F, true>(s) : decomp_kernel<T, F, false>(s);
-        else
-            return unit ? back_kernel<Sig, T, F, true>(s) : back_kernel<Sig, T, F, false>(s);
-    });
+    static_assert(O == Op::LUDecomp || O == Op::LUBackSubst);
+    return tri::enter<Family, true, Sig, T, form_of<FS>()>(c, kLimits);
 }
 
 }  // namespace zel::lu

@@ -117,15 +117,4 @@ struct Family {
     }
 };
 
-// The objects from 0 on that the lanes completed; the scalar kernel goes on
-// from there.
-template <class T, Form F>
-int decomp(const Call<T>& c) {
-    return tri::lanes::objects_done<Family, T, F, true>(c);
-}
-template <class T, Form F>
-int back(const Call<T>& c) {
-    return tri::lanes::objects_done<Family, T, F, false>(c);
-}
-
 }  // namespace zel::lu::lanes

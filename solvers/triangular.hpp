@@ -112,15 +112,77 @@ ZEL_INLINE T partial_sum(const Partial& p, T start, int sign, int K, Term t) {
 }
 
 // ---------------------------------------------------------------------------
+// The kernels of both families, written once against a family's description
+// `Fam`:
+//   lo, hi                     its exact orders with straight-line code
+//   lanes_done<T, F, Decomp>   the objects from 0 on that its vector-lane
+//                              batches completed (contiguous rows only)
+//   decomp<N, K, T>(src, dst, call, o)
+//                              factors object o at fixed order N (0: the
+//                              generic path) in kernel K
+//   Solver<N, Sig, T>          a fixed-order solver: load(factors, call, o)
+//                              takes matrix o, solve(b, x) one system
+//   solve_generic<T>(factors, call, o, b, x, n)
+//                              one system of any order
+// An array decomposition stops at its first failing object.
+template <class Fam, class T, Form F, bool Unit>
+zelStatus decomp_kernel(const Call<T>& c) {
+    constexpr Kern K = kern_of(F, Unit);
+    const int n = c.widthHeight;
+    int o = 0;
+    if constexpr (Unit && F != Form::P) o = Fam::template lanes_done<T, F, true>(c);
+    for (; o < c.count; ++o) {
+        const auto src = view_of<T, F, Unit>(c.src[0], o, n);
+        const auto dst = view_of<T, F, Unit>(c.dst[0], o, n);
+        const zelStatus st = by_order<Fam::lo, Fam::hi>(
+            n, [&](auto N) { return Fam::template decomp<N(), K, T>(src, dst, c, o); },
+            [&] { return Fam::template decomp<0, K, T>(src, dst, c, o); });
+        if (st != zelStsOk) return st;
+    }
+    return zelStsOk;
+}
+
+// One matrix with one vector (mv), with `count` vectors (mva: the matrix is
+// loaded once per call), or a matrix per vector (mava).
+template <class Fam, Str Sig, class T, Form F, bool Unit>
+zelStatus solve_kernel(const Call<T>& c) {
+    static constexpr std::string_view sig{Sig.s};
+    constexpr bool shared = sig == "mva", array = sig != "mv";
+    constexpr Form fm = operand_form(F, !shared && array), fv = operand_form(F, array);
+    const int n = c.widthHeight;
+    auto matrix = [&](int o) { return view_of<T, fm, Unit>(c.src[0], o, n); };
+    auto b = [&](int o) { return view_of<T, fv, Unit>(c.src[1], o, 0); };
+    auto x = [&](int o) { return view_of<T, fv, Unit>(c.dst[0], o, 0); };
+    return by_order<Fam::lo, Fam::hi>(
+        n,
+        [&](auto N) {
+            int o = 0;
+            if constexpr (Unit && F != Form::P && !shared && array) o = Fam::template lanes_done<T, F, false>(c);
+            typename Fam::template Solver<N(), Sig, T> s;
+            if constexpr (shared) s.load(matrix(0), c, 0);
+            for (; o < c.count; ++o) {
+                if constexpr (!shared) s.load(matrix(o), c, o);
+                s.solve(b(o), x(o));
+            }
+            return zelStsOk;
+        },
+        [&] {
+            for (int o = 0; o < c.count; ++o)
+                Fam::template solve_generic<T>(matrix(shared ? 0 : o), c, shared ? 0 : o, b(o), x(o), n);
+            return zelStsOk;
+        });
+}
+
+// ---------------------------------------------------------------------------
 // The entry of an export behind its argument tests. Signatures: "m" and "ma"
 // (a decomposition: src[0] the matrix, dst[0] the factors), "mv", "mva" and
 // "mava" (a back-substitution: src[0] the factors, src[1] b, dst[0] x).
 // `Table`: the family's pivot table, one per factored matrix, in idx. The
 // kernel by the stride test, directly for a single object, through the
 // fan-out for an array whose estimate reaches the kernel's limit (a
-// decomposition keeps the first failure). `run(call, unit)` runs a kernel.
-template <Str Sig, class T, Form F, bool Table, std::size_t R, class Run>
-ZEL_INLINE zelStatus enter(const Call<T>& c, const LimitRow (&limits)[R], Run run) {
+// decomposition keeps the first failure).
+template <class Fam, bool Table, Str Sig, class T, Form F, std::size_t R>
+ZEL_INLINE zelStatus enter(const Call<T>& c, const LimitRow (&limits)[R]) {
     static constexpr std::string_view sig{Sig.s};
     constexpr bool decomp = sig == "m" || sig == "ma";
     constexpr bool array = sig != "m" && sig != "mv";
@@ -130,6 +192,10 @@ ZEL_INLINE zelStatus enter(const Call<T>& c, const LimitRow (&limits)[R], Run ru
         unit = c.src[0].s2 == esz && c.dst[0].s2 == esz;
         if constexpr (!decomp) unit = unit && c.src[1].s2 == esz;
     }
+    auto run = [](const Call<T>& s, bool u) {
+        if constexpr (decomp) return u ? decomp_kernel<Fam, T, F, true>(s) : decomp_kernel<Fam, T, F, false>(s);
+        else return u ? solve_kernel<Fam, Sig, T, F, true>(s) : solve_kernel<Fam, Sig, T, F, false>(s);
+    };
     if constexpr (!array) {
         return run(c, unit);
     } else {
