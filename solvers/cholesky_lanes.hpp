@@ -37,17 +37,22 @@ ZEL_INLINE bool decomp_batch(const Call<T>& c, int first) {
     V a[N][N];
     static_for<0, N>([&](auto r) {
         const T* rows[W];
+        #pragma GCC unroll 8
         for (int l = 0; l < W; ++l) rows[l] = view_of<T, F, true>(c.src[0], first + l, N).ptr(r, 0);
         P::template load_row<r + 1>(rows, a[r]);
     });
     typename P::M fail{};
+    #pragma GCC unroll 8
     for (int i = 0; i < N; ++i) {
+        #pragma GCC unroll 8
         for (int j = 0; j < i; ++j) {
             V t = a[i][j];
+            #pragma GCC unroll 8
             for (int k = 0; k < j; ++k) t -= a[i][k] * a[j][k];
             a[i][j] = t * a[j][j];
         }
         V d = a[i][i];
+        #pragma GCC unroll 8
         for (int k = 0; k < i; ++k) d -= a[i][k] * a[i][k];
         fail |= d <= radicand_bound<T>(tri::kern_of(F, true), N);
         a[i][i] = rsqrt<T, W>(d);
@@ -55,6 +60,7 @@ ZEL_INLINE bool decomp_batch(const Call<T>& c, int first) {
     if (P::any(fail)) return false;
     static_for<0, N>([&](auto r) {
         T* rows[W];
+        #pragma GCC unroll 8
         for (int l = 0; l < W; ++l) rows[l] = view_of<T, F, true>(c.dst[0], first + l, N).ptr(r, 0);
         P::template store_row<r + 1>(rows, a[r]);
     });
@@ -68,23 +74,29 @@ ZEL_INLINE bool back_batch(const Call<T>& c, int first) {
     V f[N][N], y[N];
     static_for<0, N>([&](auto r) {
         const T* rows[W];
+        #pragma GCC unroll 8
         for (int l = 0; l < W; ++l) rows[l] = view_of<T, F, true>(c.src[0], first + l, N).ptr(r, 0);
         P::template load_row<r + 1>(rows, f[r]);
     });
     const T* b[W];
     T* x[W];
+    #pragma GCC unroll 8
     for (int l = 0; l < W; ++l) {
         b[l] = view_of<T, F, true>(c.src[1], first + l, 0).ptr(0, 0);
         x[l] = view_of<T, F, true>(c.dst[0], first + l, 0).ptr(0, 0);
     }
     P::template load_row<N>(b, y);
+    #pragma GCC unroll 8
     for (int i = 0; i < N; ++i) {
         V v = y[i];
+        #pragma GCC unroll 8
         for (int j = 0; j < i; ++j) v -= f[i][j] * y[j];
         y[i] = v * f[i][i];
     }
+    #pragma GCC unroll 8
     for (int i = N - 1; i >= 0; --i) {
         V v = y[i];
+        #pragma GCC unroll 8
         for (int j = i + 1; j < N; ++j) v -= f[j][i] * y[j];
         y[i] = v * f[i][i];
     }
