@@ -162,50 +162,49 @@ ZEL_INLINE bool batch_apart(const Opd& src, int srows, int scols, const Opd& dst
     return true;
 }
 
-// The fixed orders of an array call, W objects at a time from object 0, while
+// A fixed order N of an array call, W objects at a time from object 0, while
 // the batches may read before they write and complete: `Family::batch<T, W,
 // N, F, Decomp>(call, first)` factors (Decomp) or solves one batch and says
 // whether it did. The sources that an earlier object's destination must not
 // reach: the matrix (decomposition), or the factors and b. Returns the
 // objects done; the scalar kernel goes on from there.
-template <class Family, class T, int W, Form F, bool Decomp>
+template <class Family, class T, int W, int N, Form F, bool Decomp>
 ZEL_INLINE int run(const Call<T>& c) {
     if (c.count < W) return 0;
-    return by_order<Family::lo, Family::hi>(
-        c.widthHeight,
-        [&](auto NN) {
-            constexpr int N = NN();
-            const int xr = Decomp ? N : 1;
-            if constexpr (F == Form::S) {
-                if (!call_apart<T>(c.src[0], N, N, c.dst[0], xr, N, c.count) ||
-                    (!Decomp && !call_apart<T>(c.src[1], 1, N, c.dst[0], 1, N, c.count)))
-                    return 0;
-            }
-            int o = 0;
-            for (; o + W <= c.count; o += W) {
-                if constexpr (F == Form::L) {
-                    if (!batch_apart<T, W>(c.src[0], N, N, c.dst[0], xr, N, o) ||
-                        (!Decomp && !batch_apart<T, W>(c.src[1], 1, N, c.dst[0], 1, N, o)))
-                        break;
-                }
-                if (!Family::template batch<T, W, N, F, Decomp>(c, o)) break;
-            }
-            return o;
-        },
-        [] { return 0; });
+    const int xr = Decomp ? N : 1;
+    if constexpr (F == Form::S) {
+        if (!call_apart<T>(c.src[0], N, N, c.dst[0], xr, N, c.count) ||
+            (!Decomp && !call_apart<T>(c.src[1], 1, N, c.dst[0], 1, N, c.count)))
+            return 0;
+    }
+    int o = 0;
+    for (; o + W <= c.count; o += W) {
+        if constexpr (F == Form::L) {
+            if (!batch_apart<T, W>(c.src[0], N, N, c.dst[0], xr, N, o) ||
+                (!Decomp && !batch_apart<T, W>(c.src[1], 1, N, c.dst[0], 1, N, o)))
+                break;
+        }
+        if (!Family::template batch<T, W, N, F, Decomp>(c, o)) break;
+    }
+    return o;
 }
 
-template <class Family, class T, Form F, bool Decomp>
+// One function per order and width, everything inlined into it (the
+// 256-bit one built for AVX).
+template <class Family, class T, int N, Form F, bool Decomp>
 __attribute__((target("avx"), flatten, noinline)) int run_avx(const Call<T>& c) {
-    return run<Family, T, int(32 / sizeof(T)), F, Decomp>(c);
+    return run<Family, T, int(32 / sizeof(T)), N, F, Decomp>(c);
 }
-template <class Family, class T, Form F, bool Decomp>
+template <class Family, class T, int N, Form F, bool Decomp>
 __attribute__((flatten, noinline)) int run_sse(const Call<T>& c) {
-    return run<Family, T, int(16 / sizeof(T)), F, Decomp>(c);
+    return run<Family, T, int(16 / sizeof(T)), N, F, Decomp>(c);
 }
 template <class Family, class T, Form F, bool Decomp>
 int objects_done(const Call<T>& c) {
-    return cpu::avx ? run_avx<Family, T, F, Decomp>(c) : run_sse<Family, T, F, Decomp>(c);
+    return by_order<Family::lo, Family::hi>(
+        c.widthHeight,
+        [&](auto N) { return cpu::avx ? run_avx<Family, T, N(), F, Decomp>(c) : run_sse<Family, T, N(), F, Decomp>(c); },
+        [] { return 0; });
 }
 
 }  // namespace zel::tri::lanes
