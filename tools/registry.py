@@ -227,6 +227,10 @@ IMPLEMENTED = {
     "LComb": "*",
     "Trace": "*",
     "FrobNorm": "*",
+    "LUDecomp": "*",
+    "LUBackSubst": "*",
+    "CholeskyDecomp": "*",
+    "CholeskyBackSubst": "*",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 # Fixed-size geometry, all of it: vectors, 4x4 constructors, 4x4 operations and

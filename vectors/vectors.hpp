@@ -5,7 +5,7 @@
 // and that differs between kernels, lengths and even objects of one call:
 // vectors/table.hpp says which association each kernel uses where, and
 // vectors/assoc.hpp turns each into straight-line additions. One routine per
-// family computes an object against operand views (products::View); the
+// family computes an object against operand views (zel::View); the
 // kernels (standard, S2, L, LS2, P) are that routine bound to their table
 // rows and views in an object loop. The vector-lane paths of vectors/lanes.hpp
 // take several objects at once where each lane does exactly its object's
@@ -33,7 +33,6 @@ namespace zel::vectors {
 using products::kern_of;
 using products::leading_terms;
 using products::ty_of;
-using products::view_of;
 
 // The correctly rounded square root of the element type.
 ZEL_INLINE float root(float x) { return _mm_cvtss_f32(_mm_sqrt_ss(_mm_set_ss(x))); }
