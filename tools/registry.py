@@ -220,6 +220,10 @@ IMPLEMENTED = {
     "LoadIdentity": "*",
     "Extract": "*",
     "Transpose": "m ma",
+    "QRDecomp": "*",
+    "QRBackSubst": "*",
+    "Invert": "m ma",
+    "Det": "m ma",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 
