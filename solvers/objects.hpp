@@ -15,6 +15,11 @@
 
 #include "frame/frame.hpp"
 
+// Loops over the rows and columns of the fixed orders, unrolled whole where
+// the sizes are constants (and by 8 where they are not), so that local
+// matrices live in registers.
+#define ZEL_UNROLL _Pragma("GCC unroll 8")
+
 namespace zel::objects {
 
 // ---------------------------------------------------------------------------
@@ -120,13 +125,13 @@ ZEL_INLINE T psum(Part p, int n, Term t) {
     if (n <= 0) return T(0);
     if (p == Part::Seq || n == 1) {
         T s = t(0);
-        for (int k = 1; k < n; ++k) s += t(k);
+        ZEL_UNROLL for (int k = 1; k < n; ++k) s += t(k);
         return s;
     }
     if (p == Part::Two) {
         T e0 = t(0), e1 = t(1);
         int k = 2;
-        for (; k + 1 < n; k += 2) {
+        ZEL_UNROLL for (; k + 1 < n; k += 2) {
             e0 += t(k);
             e1 += t(k + 1);
         }
@@ -207,6 +212,30 @@ inline bool batch_safe(const Opd& src, const Opd& dst, int count, std::ptrdiff_t
     const std::ptrdiff_t s0 = src.s0 < 0 ? -std::ptrdiff_t(src.s0) : src.s0;
     return src.p == dst.p && src.s0 == dst.s0 && src.s1 == dst.s1 && src.s2 == dst.s2 && s0 >= src_bytes &&
            s0 >= dst_bytes;
+}
+
+// The bytes a standard or list object of `rows` by `cols` elements spans.
+template <class T>
+ZEL_INLINE std::ptrdiff_t extent(const Opd& o, int rows, int cols) {
+    return std::ptrdiff_t(rows - 1) * o.s1 + std::ptrdiff_t(cols - 1) * o.s2 + std::ptrdiff_t(sizeof(T));
+}
+// The same question as batch_safe for the objects first .. first+w-1 of a
+// list-form call: no destination object overlaps another one's source (its
+// own source may be itself, exactly).
+inline bool list_batch_safe(const Opd& src, const Opd& dst, int first, int w, std::ptrdiff_t src_bytes,
+                            std::ptrdiff_t dst_bytes) {
+    auto base = [](const Opd& o, int n) {
+        return reinterpret_cast<std::uintptr_t>(static_cast<const void* const*>(o.p)[n]) + std::uintptr_t(o.shift);
+    };
+    for (int i = 0; i < w; ++i) {
+        const std::uintptr_t dl = base(dst, first + i), dh = dl + std::uintptr_t(dst_bytes);
+        for (int j = 0; j < w; ++j) {
+            const std::uintptr_t sl = base(src, first + j), sh = sl + std::uintptr_t(src_bytes);
+            if (dh <= sl || sh <= dl) continue;
+            if (i != j || sl != dl || src.s1 != dst.s1 || src.s2 != dst.s2) return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace zel::objects

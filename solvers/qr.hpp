@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "frame/fanout.hpp"
+#include "solvers/lanes.hpp"
 #include "solvers/objects.hpp"
 #include "solvers/qr_table.hpp"
 
@@ -38,34 +39,39 @@ struct LocalVec {
 // ---------------------------------------------------------------------------
 // Decomposition of the matrix in `a` (already a copy of the source), with
 // reflector k built in v. Returns at the first column whose squared norm is
-// below the threshold, with the steps before it complete.
+// below the threshold, with the steps before it complete. T is the element
+// type or a Pack of several objects (then any failing lane fails the pack).
 template <class T, class A, class V>
 ZEL_INLINE zelStatus factor(const A& a, const V& v, int h, int w) {
+    using lanes::any;
+    using lanes::select;
+    using std::fabs;
+    using std::sqrt;
     const int K = reflectors(w, h);
-    for (int k = 0; k < K; ++k) {
+    ZEL_UNROLL for (int k = 0; k < K; ++k) {
         const int below = h - k - 1;  // entries of the reflector under its leading 1
         const T s = psum<T>(kColumnSum, below + 1, [&](int i) {
             const T x = a.get(k + i, k);
             return x * x;
         });
-        if (std::fabs(s) < kRankThreshold<T>) return zelStsErrDivByZero;
+        if (any(fabs(s) < T(kRankThreshold<lanes::elem_t<T>>))) return zelStsErrDivByZero;
         const T akk = a.get(k, k);
-        T alpha = std::sqrt(s);
-        if (!(akk > T(0))) alpha = -alpha;
+        const T root = sqrt(s);
+        const T alpha = select(akk > T(0), root, -root);
         v.put(k, T(1));
         const T r = T(1) / (akk + alpha);
-        for (int i = k + 1; i < h; ++i) v.put(i, a.get(i, k) * r);
+        ZEL_UNROLL for (int i = k + 1; i < h; ++i) v.put(i, a.get(i, k) * r);
         const T d = T(1) + psum<T>(d_sum(below), below, [&](int i) {
                         const T x = v.get(k + 1 + i);
                         return x * x;
                     });
         const T tau = T(-2) / d;
-        for (int j = k; j < w; ++j) {
+        ZEL_UNROLL for (int j = k; j < w; ++j) {
             T t = a.get(k, j) + psum<T>(kColumnSum, below, [&](int i) { return a.get(k + 1 + i, j) * v.get(k + 1 + i); });
             t = t * tau;
-            for (int i = k; i < h; ++i) a.put(i, j, a.get(i, j) + v.get(i) * t);
+            ZEL_UNROLL for (int i = k; i < h; ++i) a.put(i, j, a.get(i, j) + v.get(i) * t);
         }
-        for (int i = k + 1; i < h; ++i) a.put(i, k, v.get(i));
+        ZEL_UNROLL for (int i = k + 1; i < h; ++i) a.put(i, k, v.get(i));
     }
     return zelStsOk;
 }
@@ -93,11 +99,49 @@ ZEL_INLINE zelStatus factor_local(const S& src, const D& dst, int h = H, int w =
     return st;
 }
 
+// Square fixed orders of the standard and list forms, W objects at a time in
+// lanes: W sources read, factored together, W destinations stored. A pack
+// with a failing lane stops the batches; the object loop takes over there.
+template <class E, int N, Form F, bool Unit>
+struct DecompLanes {
+    using T = E;
+    template <int W>
+    static ZEL_INLINE int run(const Call<E>* c, int count) {
+        using P = lanes::Pack<E, W>;
+        const std::ptrdiff_t bytes = objects::extent<E>(c->src[0], N, N);
+        int o = 0;
+        for (; o + W <= count; o += W) {
+            if (F == Form::L && !objects::list_batch_safe(c->src[0], c->dst[0], o, W, bytes, bytes)) break;
+            P m[N * N], v[N];
+            lanes::gather<P, N, N, Unit>(m, [&](int l) { return obj<E, F, Unit>(c->src[0], o + l, N); });
+            if (factor<P>(Local<P, N>{m}, LocalVec<P>{v}, N, N) != zelStsOk) break;
+            lanes::scatter<P, N, N, Unit>(m, [&](int l) { return obj<E, F, Unit>(c->dst[0], o + l, N); });
+        }
+        return o;
+    }
+};
+
+template <class T, Form F, bool Unit, int N>
+ZEL_INLINE int decomp_lanes(const Call<T>& c, int count) {
+    const std::ptrdiff_t bytes = objects::extent<T>(c.src[0], N, N);
+    if (F == Form::S && !objects::batch_safe(c.src[0], c.dst[0], count, bytes, bytes)) return 0;
+    return lanes::run<DecompLanes<T, N, F, Unit>>(&c, count);
+}
+
 template <class T, Form F, bool Unit, bool Array>
 zelStatus decomp_kernel(const Call<T>& c) {
     const int h = c.height, w = c.width;
     const int count = Array ? c.count : 1;
-    for (int n = 0; n < count; ++n) {
+    int n = 0;
+    if constexpr (Array && F != Form::P) {
+        if (w == h && count >= 2) {
+            if (w == 3) n = decomp_lanes<T, F, Unit, 3>(c, count);
+            else if (w == 4) n = decomp_lanes<T, F, Unit, 4>(c, count);
+            else if (w == 5) n = decomp_lanes<T, F, Unit, 5>(c, count);
+            else if (w == 6) n = decomp_lanes<T, F, Unit, 6>(c, count);
+        }
+    }
+    for (; n < count; ++n) {
         const auto src = obj<T, F, Unit>(c.src[0], n, w);
         const auto dst = obj<T, F, Unit>(c.dst[0], n, w);
         zelStatus st;
@@ -123,17 +167,17 @@ zelStatus decomp_kernel(const Call<T>& c) {
 // and kept in c(i) for the rows above. `scale(k)` is -2/s of reflector k.
 template <class T, class A, class C, class Scale>
 ZEL_INLINE void reflect(const A& a, const C& c, int h, int K, Scale scale) {
-    for (int k = 0; k < K; ++k) {
+    ZEL_UNROLL for (int k = 0; k < K; ++k) {
         const int below = h - k - 1;
         const T d = c.get(k) + psum<T>(solve_sum(below), below, [&](int i) { return a.get(k + 1 + i, k) * c.get(k + 1 + i); });
         const T t = scale(k) * d;
         c.put(k, c.get(k) + t);
-        for (int i = k + 1; i < h; ++i) c.put(i, c.get(i) + a.get(i, k) * t);
+        ZEL_UNROLL for (int i = k + 1; i < h; ++i) c.put(i, c.get(i) + a.get(i, k) * t);
     }
 }
 template <class T, class A, class C, class X>
 ZEL_INLINE void back_subst(const A& a, const C& c, const X& x, int w) {
-    for (int i = w - 1; i >= 0; --i) {
+    ZEL_UNROLL for (int i = w - 1; i >= 0; --i) {
         const int right = w - 1 - i;
         const T s = psum<T>(solve_sum(right), right, [&](int j) { return a.get(i, i + 1 + j) * c.get(i + 1 + j); });
         const T xi = right ? (c.get(i) - s) / a.get(i, i) : c.get(i) / a.get(i, i);
@@ -155,9 +199,9 @@ ZEL_INLINE T generic_scale(const A& a, int h, int k) {
 // The fixed orders' scale: the first square ahead of 1.0.
 template <class T, int N>
 ZEL_INLINE void fixed_scales(const T* a, T* scale) {
-    for (int k = 0; k < N - 1; ++k) {
+    ZEL_UNROLL for (int k = 0; k < N - 1; ++k) {
         T s = a[(k + 1) * N + k] * a[(k + 1) * N + k] + T(1);
-        for (int i = k + 2; i < N; ++i) s += a[i * N + k] * a[i * N + k];
+        ZEL_UNROLL for (int i = k + 2; i < N; ++i) s += a[i * N + k] * a[i * N + k];
         scale[k] = T(-2) / s;
     }
 }
@@ -168,15 +212,67 @@ ZEL_INLINE void load_square(const A& a, T* m) {
         for (int j = 0; j < N; ++j) m[i * N + j] = a.get(i, j);
 }
 
-// Fixed orders: matrix, b and the scales in local storage.
+// Fixed orders: matrix, b and the scales in local storage; in lanes, W
+// vectors (and matrices, mava) at a time from object `first` on.
+template <class P>
+struct LaneOut {
+    P* x;
+    ZEL_INLINE void put(int, int i, P v) const { x[i] = v; }
+};
+template <class E, int N, Form FA, Form FV, bool Unit, bool ArrayA>
+struct SolveLanes {
+    using T = E;
+    template <int W>
+    static ZEL_INLINE int run(const Call<E>* c, int count) {
+        using P = lanes::Pack<E, W>;
+        E m1[N * N], s1[N - 1];
+        if constexpr (!ArrayA) {
+            load_square<E, N>(obj<E, FA, Unit>(c->src[0], 0, N), m1);
+            fixed_scales<E, N>(m1, s1);
+        }
+        const std::ptrdiff_t mb = objects::extent<E>(c->src[0], N, N), vb = objects::extent<E>(c->src[1], 1, N);
+        int o = 0;
+        for (; o + W <= count; o += W) {
+            if (FV == Form::L && (!objects::list_batch_safe(c->src[1], c->dst[0], o, W, vb, vb) ||
+                                  (ArrayA && !objects::list_batch_safe(c->src[0], c->dst[0], o, W, mb, vb))))
+                break;
+            P m[N * N], scale[N - 1], v[N], x[N];
+            lanes::gather<P, 1, N, Unit>(v, [&](int l) { return obj<E, FV, Unit>(c->src[1], o + l, 0); });
+            if constexpr (ArrayA) {
+                lanes::gather<P, N, N, Unit>(m, [&](int l) { return obj<E, FA, Unit>(c->src[0], o + l, N); });
+                fixed_scales<P, N>(m, scale);
+            } else {
+                _Pragma("GCC unroll 64") for (int i = 0; i < N * N; ++i) m[i] = P(m1[i]);
+                ZEL_UNROLL for (int k = 0; k < N - 1; ++k) scale[k] = P(s1[k]);
+            }
+            const Local<P, N> a{m};
+            reflect<P>(a, LocalVec<P>{v}, N, N - 1, [&](int k) { return scale[k]; });
+            back_subst<P>(a, LocalVec<P>{v}, LaneOut<P>{x}, N);
+            lanes::scatter<P, 1, N, Unit>(x, [&](int l) { return obj<E, FV, Unit>(c->dst[0], o + l, 0); });
+        }
+        return o;
+    }
+};
+
 template <class T, int N, Form FA, Form FV, bool Unit, bool ArrayA>
 void solve_fixed(const Call<T>& c, int count) {
+    int n = 0;
+    if constexpr (FV != Form::P) {
+        bool apart = true;
+        if constexpr (FV == Form::S) {
+            const std::ptrdiff_t mb = objects::extent<T>(c.src[0], N, N), vb = objects::extent<T>(c.src[1], 1, N);
+            apart = objects::batch_safe(c.src[1], c.dst[0], count, vb, vb) &&
+                    (!ArrayA || objects::batch_safe(c.src[0], c.dst[0], count, mb, vb));
+        }
+        if (apart && count >= 2) n = lanes::run<SolveLanes<T, N, FA, FV, Unit, ArrayA>>(&c, count);
+    }
+    if (n == count) return;
     T m[N * N], scale[N - 1];
     if constexpr (!ArrayA) {
         load_square<T, N>(obj<T, FA, Unit>(c.src[0], 0, N), m);
         fixed_scales<T, N>(m, scale);
     }
-    for (int n = 0; n < count; ++n) {
+    for (; n < count; ++n) {
         if constexpr (ArrayA) {
             load_square<T, N>(obj<T, FA, Unit>(c.src[0], n, N), m);
             fixed_scales<T, N>(m, scale);
