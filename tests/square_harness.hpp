@@ -18,6 +18,12 @@ namespace sq {
 
 using Mat = Eigen::MatrixXd;
 
+// Objects of an array case: more than one batch of the widest lanes (8) and
+// a remainder, so that the lanes and the object loop both run; a failing
+// object goes in the middle of the second batch of four.
+inline constexpr int kCount = 11;
+inline constexpr int kBad = 5;
+
 // The layouts of every case: dense (contiguous rows, objects back to back,
 // 16-byte aligned where the allocator gives it), and one with gaps
 // everywhere: an element stride of 2 (3 in the destination), padded rows,

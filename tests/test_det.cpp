@@ -63,7 +63,7 @@ TEST(Det, EveryFormAgreesWithEigen) {
             using T = decltype(t);
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, 3, n, L);
+                    auto l = laid<T>(*row, sq::kCount, n, L);
                     std::mt19937 g{unsigned(n)};
                     std::vector<std::vector<T>> src;
                     for (int k = 0; k < l.count(); ++k) l.set("Src", k, src.emplace_back(sq::random_matrix<T>(g, n, n)));
@@ -93,7 +93,7 @@ TEST(Det, MethodOfEachKernel) {
             const T q = std::ldexp(T(1), fh::is64(*row) ? 27 : 12), p = q + 1;
             for (int n = 3; n <= 6; ++n)
                 for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, 3, n, L);
+                    auto l = laid<T>(*row, sq::kCount, n, L);
                     std::vector<T> a(std::size_t(n) * n, T(0));
                     for (int i = 0; i < n; ++i) a[std::size_t(i) * (n + 1)] = 1;
                     a[0] = a[std::size_t(n) + 1] = p;
@@ -142,11 +142,11 @@ TEST(Det, SingularObjectsDoNotStopTheArray) {
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
             for (int n : {5, 7}) {
-                auto l = laid<T>(*row, 3, n);
+                auto l = laid<T>(*row, sq::kCount, n);
                 std::mt19937 g(8);
                 std::vector<std::vector<T>> src;
                 for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
-                if (l.count() > 1) src[1].assign(src[1].size(), T(0));
+                if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0));
                 for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
                 ASSERT_EQ(l.call(), zelStsOk) << row->name;
                 for (int k = 0; k < l.count(); ++k) EXPECT_EQ(l.block("pDst")[k], det(src[k], n, *row->form == 'P')) << row->name;

@@ -67,7 +67,7 @@ TEST(Invert, EveryFormTimesTheSourceIsTheIdentity) {
             using T = decltype(t);
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, 3, n, L);
+                    auto l = laid<T>(*row, sq::kCount, n, L);
                     std::mt19937 g{unsigned(n)};
                     std::vector<std::vector<T>> src;
                     for (int k = 0; k < l.count(); ++k) l.set("Src", k, src.emplace_back(sq::random_matrix<T>(g, n, n)));
@@ -148,8 +148,8 @@ TEST(Invert, ThresholdPerKernel) {
     }
 }
 
-// A singular object in the middle of three: the one before is inverted, the
-// one after untouched; the singular one keeps what its path leaves: nothing,
+// A singular object in the middle of an array: the ones before are inverted,
+// the ones after untouched; the singular one keeps what its path leaves: nothing,
 // or the working rows of the pivot methods (here the source's rows, for the
 // first pivot fails).
 TEST(Invert, SingularStopsTheArrayAndLeavesWhatThePathSays) {
@@ -158,25 +158,25 @@ TEST(Invert, SingularStopsTheArrayAndLeavesWhatThePathSays) {
             using T = decltype(t);
             for (int n = 1; n <= 7; ++n)
                 for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, 3, n, L);
+                    auto l = laid<T>(*row, sq::kCount, n, L);
                     std::mt19937 g(unsigned(n) + 5);
                     std::vector<std::vector<T>> src;
                     for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
-                    const int bad = l.count() > 1 ? 1 : 0;
+                    const int bad = l.count() > 1 ? sq::kBad : 0;
                     std::fill(src[bad].begin(), src[bad].end(), T(0));
                     for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
                     const auto at = sq::where(*row, L, n);
                     ASSERT_EQ(l.call(), zelStsErrSingular) << at;
                     const Method m = method_of(*row, L.k2 == 1, n);
-                    // the aligned pairs: the regular object 0 shares the failing pair
+                    // the aligned pairs: the regular object before shares the failing pair
                     const bool paired = std::string(row->name) == "zelmInvert_ma_32f" && n == 4 && L.k2 == 1 &&
                                         reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 0, 0)) % 16 == 0 &&
                                         reinterpret_cast<std::uintptr_t>(&l.at("Dst", 0, 0, 0)) % 16 == 0;
-                    if (bad && !paired) {
-                        EXPECT_TRUE(sq::same_bits(l.get("Dst", 0), inverted(src[0], n, m == Method::Scalar))) << at;
-                    }
+                    const int stored = paired ? bad & ~1 : bad;
+                    for (int k = 0; k < stored; ++k)
+                        EXPECT_TRUE(sq::same_bits(l.get("Dst", k), inverted(src[k], n, m == Method::Scalar))) << at;
                     const int rows = m == Method::Pivot ? n - 4 : 0;
-                    for (int k = paired ? 0 : bad; k < l.count(); ++k) {
+                    for (int k = stored; k < l.count(); ++k) {
                         const auto got = l.get("Dst", k);
                         for (int e = 0; e < n * n; ++e)
                             ASSERT_TRUE(k == bad && e < rows * n ? got[e] == 0 : fh::Laid<T>::same(got[e], lay::sentinel<T>()))
