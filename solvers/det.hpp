@@ -9,12 +9,14 @@
 #include <emmintrin.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string_view>
 #include <type_traits>
 
 #include "frame/fanout.hpp"
 #include "solvers/det_table.hpp"
+#include "solvers/lanes.hpp"
 #include "solvers/minors.hpp"
 #include "solvers/objects.hpp"
 
@@ -48,15 +50,18 @@ ZEL_INLINE T extended(const A& a) {
     if constexpr (N == 3) {
         return extended3<T>(a);
     } else {
+        // each level n-1 minor goes into the sum as soon as it is formed
         constexpr unsigned all = (1u << N) - 1;
         T low[1u << N];
-        X high[1u << N];
         minors::levels<N, N - 2, false, X>(low, a);
+        X acc{};
         minors::each(std::make_index_sequence<N>{}, [&](auto J) {
-            constexpr unsigned m = all ^ (1u << J);
-            high[m] = minors::expand<N, N - 1, m, false, X>(low, a);
+            const X p = X(a(0, J)) * minors::expand<N, N - 1, all ^ (1u << J), false, X>(low, a);
+            if constexpr (J == 0) acc = p;
+            else if constexpr (J % 2) acc = acc - p;
+            else acc = acc + p;
         });
-        return T(minors::expand<N, N, all, false, X>(high, a));
+        return T(acc);
     }
 }
 
@@ -71,31 +76,30 @@ ZEL_INLINE T scalar(const A& a) {
 }
 
 // ---------------------------------------------------------------------------
-// The scalar method across four lanes, one matrix per lane: each lane does
-// its own matrix's operations.
-struct Lanes {
-    __m128 v;
-    ZEL_INLINE Lanes() = default;
-    ZEL_INLINE explicit Lanes(__m128 x) : v(x) {}
-    friend ZEL_INLINE Lanes operator*(Lanes a, Lanes b) { return Lanes(_mm_mul_ps(a.v, b.v)); }
-    friend ZEL_INLINE Lanes operator+(Lanes a, Lanes b) { return Lanes(_mm_add_ps(a.v, b.v)); }
-    friend ZEL_INLINE Lanes operator-(Lanes a, Lanes b) { return Lanes(_mm_sub_ps(a.v, b.v)); }
-};
-
-// Order 4 of up to four matrices with 16-byte aligned rows; the lanes of
-// absent matrices compute on zeros.
-ZEL_INLINE __m128 scalar4_lanes(const char* const (&m)[4], std::ptrdiff_t s1, int present) {
-    Lanes e[4][4];
-    for (int r = 0; r < 4; ++r) {
-        __m128 x[4];
-        for (int k = 0; k < 4; ++k)
-            x[k] = k < present ? _mm_load_ps(reinterpret_cast<const float*>(m[k] + s1 * r)) : _mm_setzero_ps();
-        _MM_TRANSPOSE4_PS(x[0], x[1], x[2], x[3]);
-        for (int c = 0; c < 4; ++c) e[r][c] = Lanes(x[c]);
+// The scalar method of the standard and list forms, W objects at a time in
+// lanes (the pairs of the aligned 32f array kernel among them): each lane
+// does its own matrix's operations.
+template <class E, int N, Form F, bool Unit>
+struct ScalarLanes {
+    using T = E;
+    // objects first + lane % present: a short pack repeats its objects
+    template <int W>
+    static ZEL_INLINE lanes::Pack<E, W> pack(const Call<E>* c, int first, int present) {
+        using P = lanes::Pack<E, W>;
+        P m[N * N];
+        lanes::gather<P, N, N, Unit>(m, [&](int l) { return obj<E, F, Unit>(c->src[0], first + l % present, N); });
+        return scalar<N, P>([&](int r, int col) { return m[r * N + col]; });
     }
-    return scalar<4, Lanes>([&](int r, int c) { return e[r][c]; }).v;
-}
-
+    template <int W>
+    static ZEL_INLINE int run(const Call<E>* c, int count) {
+        int o = 0;
+        for (; o + W <= count; o += W) {
+            const auto d = pack<W>(c, o, W);
+            std::memcpy(c->out + o, &d.v, sizeof d.v);
+        }
+        return o;
+    }
+};
 // ---------------------------------------------------------------------------
 // Generic path, on the copy in pBuffer: elimination with one real division
 // for each row; a pivot below T(n), or a last element not above it, gives 0.
@@ -133,21 +137,15 @@ void fixed_kernel(const Call<T>& c, int count) {
         const Opd& s = c.src[0];
         auto a16 = [](std::intptr_t x) { return x % kPairAlign == 0; };
         if (a16(reinterpret_cast<std::intptr_t>(s.p)) && a16(s.s0) && a16(s.s1)) {
-            const char* base = static_cast<const char*>(s.p);
-            auto at = [&](int k) { return base + std::ptrdiff_t(k) * s.s0; };
-            for (; o + 1 < count; o += 4) {
-                const int present = count - o >= 4 ? 4 : 2;
-                const char* const m[4] = {at(o), at(o + 1), present > 2 ? at(o + 2) : nullptr,
-                                          present > 2 ? at(o + 3) : nullptr};
-                alignas(16) float r[4];
-                _mm_store_ps(r, scalar4_lanes(m, s.s1, present));
-                for (int k = 0; k < present; ++k) store(c.out + o + k, r[k]);
-                if (present == 2) {
-                    o += 2;
-                    break;
-                }
+            o = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count);
+            for (; o + 1 < count; o += 2) {
+                const auto d = ScalarLanes<T, N, F, Unit>::template pack<4>(&c, o, 2);
+                store(c.out + o, d.v[0]);
+                store(c.out + o + 1, d.v[1]);
             }
         }
+    } else if constexpr (method == Method::Scalar && Array && F != Form::P) {
+        if (count >= 2) o = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count);
     }
     for (; o < count; ++o) {
         const auto s = obj<T, F, Unit>(c.src[0], o, N);

@@ -13,6 +13,7 @@
 #include "frame/fanout.hpp"
 #include "solvers/invert_packed.hpp"
 #include "solvers/invert_table.hpp"
+#include "solvers/lanes.hpp"
 #include "solvers/minors.hpp"
 #include "solvers/objects.hpp"
 
@@ -77,19 +78,53 @@ ZEL_INLINE T cofactors(const A& a, T (&C)[N][N]) {
     return det;
 }
 
-// Nothing is stored before the test.
+// The inverse of m into x (row-major), or false where the determinant's
+// magnitude is below thr (in any lane of a Pack). Nothing is stored before
+// the test.
+template <int N, class T>
+ZEL_INLINE bool inverse_by_cofactors(const T* m, T* x, T thr) {
+    using lanes::any;
+    using std::fabs;
+    T C[N][N];
+    const T det = cofactors<N, T>([&](int r, int c) { return m[r * N + c]; }, C);
+    if (any(thr > fabs(det))) return false;
+    const T r = T(1) / det;
+    _Pragma("GCC unroll 64") for (int k = 0; k < N * N; ++k) x[k] = C[k % N][k / N] * r;
+    return true;
+}
+
 template <int N, class T, class S, class D>
 ZEL_INLINE zelStatus invert_scalar(const S& src, const D& dst, T thr) {
-    T m[N][N], C[N][N];
+    T m[N * N], x[N * N];
     for (int i = 0; i < N; ++i)
-        for (int j = 0; j < N; ++j) m[i][j] = src.get(i, j);
-    const T det = cofactors<N, T>([&](int r, int c) { return m[r][c]; }, C);
-    if (thr > std::fabs(det)) return zelStsErrSingular;
-    const T r = T(1) / det;
+        for (int j = 0; j < N; ++j) m[i * N + j] = src.get(i, j);
+    if (!inverse_by_cofactors<N>(m, x, thr)) return zelStsErrSingular;
     for (int i = 0; i < N; ++i)
-        for (int j = 0; j < N; ++j) dst.put(i, j, C[j][i] * r);
+        for (int j = 0; j < N; ++j) dst.put(i, j, x[i * N + j]);
     return zelStsOk;
 }
+
+// The scalar cofactors of the standard and list forms, W objects at a time
+// in lanes; a pack with a singular lane stops the batches (the object loop
+// then stores the objects before it and stops there).
+template <class E, int N, Form F, bool Unit>
+struct ScalarLanes {
+    using T = E;
+    template <int W>
+    static ZEL_INLINE int run(const Call<E>* c, int count, E thr) {
+        using P = lanes::Pack<E, W>;
+        const std::ptrdiff_t bytes = extent<E>(c->src[0], N, N);
+        int o = 0;
+        for (; o + W <= count; o += W) {
+            if (F == Form::L && !list_batch_safe(c->src[0], c->dst[0], o, W, bytes, bytes)) break;
+            P m[N * N], x[N * N];
+            lanes::gather<P, N, N, Unit>(m, [&](int l) { return obj<E, F, Unit>(c->src[0], o + l, N); });
+            if (!inverse_by_cofactors<N, P>(m, x, P(thr))) break;
+            lanes::scatter<P, N, N, Unit>(x, [&](int l) { return obj<E, F, Unit>(c->dst[0], o + l, N); });
+        }
+        return o;
+    }
+};
 
 // ---------------------------------------------------------------------------
 // Gaussian elimination of the first m rows and columns of the working matrix
@@ -189,6 +224,11 @@ zelStatus fixed_kernel(const Call<T>& c, int count) {
         for (; n < count; ++n)
             if (const zelStatus st = one(n); st != zelStsOk) return st;
     } else {
+        if constexpr (Array && F != Form::P) {
+            const std::ptrdiff_t bytes = extent<T>(c.src[0], N, N);
+            if (count >= 2 && (F == Form::L || batch_safe(c.src[0], c.dst[0], count, bytes, bytes)))
+                n = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count, thr);
+        }
         for (; n < count; ++n) {
             const auto s = obj<T, F, Unit>(c.src[0], n, N);
             const auto d = obj<T, F, Unit>(c.dst[0], n, N);
