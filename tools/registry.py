@@ -231,6 +231,10 @@ IMPLEMENTED = {
     "LUBackSubst": "*",
     "CholeskyDecomp": "*",
     "CholeskyBackSubst": "*",
+    "QRDecomp": "*",
+    "QRBackSubst": "*",
+    "Invert": "m ma",
+    "Det": "m ma",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 # Fixed-size geometry, all of it: vectors, 4x4 constructors, 4x4 operations and
