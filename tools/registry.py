@@ -220,6 +220,8 @@ IMPLEMENTED = {
     "LoadIdentity": "*",
     "Extract": "*",
     "Transpose": "m ma",
+    "EigenValuesSym": "*",
+    "EigenValuesVectorsSym": "*",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 # Fixed-size geometry, all of it: vectors, 4x4 constructors, 4x4 operations and
