@@ -235,6 +235,8 @@ IMPLEMENTED = {
     "QRBackSubst": "*",
     "Invert": "m ma",
     "Det": "m ma",
+    "EigenValuesSym": "*",
+    "EigenValuesVectorsSym": "*",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 # Fixed-size geometry, all of it: vectors, 4x4 constructors, 4x4 operations and
