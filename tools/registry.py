@@ -220,8 +220,16 @@ IMPLEMENTED = {
     "LoadIdentity": "*",
     "Extract": "*",
     "Transpose": "m ma",
+    "EigenValues": "*",
+    "EigenValuesVectors": "*",
+    "EigenValuesVectorsLeft": "*",
+    "EigenValuesVectorsRight": "*",
 }
-IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
+IMPLEMENTED_FIXED = {
+    "zelmGetLibVersion",
+    "zelmEigenValuesGetBufSize_32f", "zelmEigenValuesGetBufSize_64f",
+    "zelmEigenValuesVectorsGetBufSize_32f", "zelmEigenValuesVectorsGetBufSize_64f",
+}
 
 # Signatures whose standard form gets a short path on the arguments as they
 # stand, before the call record is built: subsystem -> signatures. The
