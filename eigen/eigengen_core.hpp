@@ -252,6 +252,18 @@ Pair<W> standardise(W a, W b, W c, W d) {
     return p;
 }
 
+// One reflector I - tau v v^T, v = (1, v1[, v2]), on R consecutive entries
+// e(0..R-1) of a row or column: s = e0 + v1 e1 + v2 e2, then e_i -= s t_i
+// with t_i = tau v_i.
+template <int R, class T, class W, class Entry>
+ZEL_INLINE void reflect(Entry e, W v1, W v2, W t1, W t2, W t3) {
+    W s = W(e(0)) + v1 * W(e(1));
+    if constexpr (R == 3) s = s + v2 * W(e(2));
+    e(0) = T(W(e(0)) - s * t1);
+    e(1) = T(W(e(1)) - s * t2);
+    if constexpr (R == 3) e(2) = T(W(e(2)) - s * t3);
+}
+
 // ---------------------------------------------------------------------------
 // Phase 2: the double-shift QR iteration of family F. Values are stored as
 // they split off; for the vector families H ends as the Schur form T and Z
@@ -408,51 +420,19 @@ zelStatus qr(const Object<T, W, N>& o, T* re, T* im) {
                 const int jend = whole ? n - 1 : hi;
                 const int rbeg = whole ? 0 : lo;
                 const int rend = std::min(k2 + 3, hi);
-                if (nr == 3) {
-                    for (int j = k2; j <= jend; ++j) {
-                        const W s = o.hw(k2, j) + v1 * o.hw(k2 + 1, j) + v2 * o.hw(k2 + 2, j);
-                        o.h(k2, j) = T(o.hw(k2, j) - s * t1);
-                        o.h(k2 + 1, j) = T(o.hw(k2 + 1, j) - s * t2);
-                        o.h(k2 + 2, j) = T(o.hw(k2 + 2, j) - s * t3);
-                    }
-                    for (int j = rbeg; j <= rend; ++j) {
-                        const W s = o.hw(j, k2) + v1 * o.hw(j, k2 + 1) + v2 * o.hw(j, k2 + 2);
-                        o.h(j, k2) = T(o.hw(j, k2) - s * t1);
-                        o.h(j, k2 + 1) = T(o.hw(j, k2 + 1) - s * t2);
-                        o.h(j, k2 + 2) = T(o.hw(j, k2 + 2) - s * t3);
-                    }
-                    if constexpr (whole) {
-                        for (int j = 0; j < n; ++j) {
-                            E<T>& z0 = at<T>(z, n, j, k2);
-                            E<T>& z1 = at<T>(z, n, j, k2 + 1);
-                            E<T>& z2 = at<T>(z, n, j, k2 + 2);
-                            const W s = W(z0) + v1 * W(z1) + v2 * W(z2);
-                            z0 = T(W(z0) - s * t1);
-                            z1 = T(W(z1) - s * t2);
-                            z2 = T(W(z2) - s * t3);
-                        }
-                    }
-                } else {
-                    for (int j = k2; j <= jend; ++j) {
-                        const W s = o.hw(k2, j) + v1 * o.hw(k2 + 1, j);
-                        o.h(k2, j) = T(o.hw(k2, j) - s * t1);
-                        o.h(k2 + 1, j) = T(o.hw(k2 + 1, j) - s * t2);
-                    }
-                    for (int j = rbeg; j <= rend; ++j) {
-                        const W s = o.hw(j, k2) + v1 * o.hw(j, k2 + 1);
-                        o.h(j, k2) = T(o.hw(j, k2) - s * t1);
-                        o.h(j, k2 + 1) = T(o.hw(j, k2 + 1) - s * t2);
-                    }
-                    if constexpr (whole) {
-                        for (int j = 0; j < n; ++j) {
-                            E<T>& z0 = at<T>(z, n, j, k2);
-                            E<T>& z1 = at<T>(z, n, j, k2 + 1);
-                            const W s = W(z0) + v1 * W(z1);
-                            z0 = T(W(z0) - s * t1);
-                            z1 = T(W(z1) - s * t2);
-                        }
-                    }
-                }
+                // rows k2.. of columns k2..jend, columns k2.. of rows rbeg..rend, and Z
+                auto apply = [&]<int R>() {
+                    for (int j = k2; j <= jend; ++j)
+                        reflect<R, T, W>([&](int i) -> E<T>& { return o.h(k2 + i, j); }, v1, v2, t1, t2, t3);
+                    for (int j = rbeg; j <= rend; ++j)
+                        reflect<R, T, W>([&](int i) -> E<T>& { return o.h(j, k2 + i); }, v1, v2, t1, t2, t3);
+                    if constexpr (whole)
+                        for (int j = 0; j < n; ++j)
+                            reflect<R, T, W>([&](int i) -> E<T>& { return at<T>(z, n, j, k2 + i); }, v1, v2, t1, t2,
+                                             t3);
+                };
+                if (nr == 3) apply.template operator()<3>();
+                else apply.template operator()<2>();
             }
         }
         if (lo < hi - 1) return zelStsErrNoConvergence;
