@@ -10,7 +10,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string_view>
 
 #include "eigen/eigengen_core.hpp"
 #include "eigen/eigengen_table.hpp"
@@ -73,7 +72,7 @@ zelStatus kernel(const Call<T>& c) {
 template <Op O, Str Sig, class T, Str FS>
 zelStatus entry(Call<T>& c) {
     constexpr Form F = form_of<FS>();
-    constexpr bool array = std::string_view(Sig.s).find('a') != std::string_view::npos;
+    constexpr bool array = parse<Sig>().any_array();
     static constexpr Family fam = family(O);
     auto run = [](const Call<T>& s) { return kernel<O, T, F, array>(s); };
     if constexpr (!array || fam.limit < 0) {

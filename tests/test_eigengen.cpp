@@ -257,6 +257,35 @@ TEST(EigenGen, ThreadsAndFailedScratchGiveTheSameBits) {
     }
 }
 
+// The wrappers' limits, worked out by hand: EigenValues n (n + 1) count
+// above 10000, EigenValuesVectors n (3n + 1) count above 7000; the left and
+// right families never fan out.
+TEST(EigenGen, WrapperLimits) {
+    struct Boundary {
+        const char* name;
+        int n, below, at;  // at == below: no wrapper at any count
+    };
+    const Boundary bs[] = {{"zelmEigenValues_ma_32f", 4, 500, 501},       // 20 * 500 = 10000 stays
+                           {"zelmEigenValues_ma_64f_P", 3, 833, 834},     // 9996 / 10008
+                           {"zelmEigenValuesVectors_ma_32f_L", 3, 233, 234},  // 6990 / 7020
+                           {"zelmEigenValuesVectors_ma_64f", 4, 134, 135},    // 6968 / 7020
+                           {"zelmEigenValuesVectorsRight_ma_32f", 4, 3000, 3000},
+                           {"zelmEigenValuesVectorsLeft_ma_64f_L", 4, 3000, 3000}};
+    for (const auto& b : bs) {
+        const auto& row = fh::row_named(b.name);
+        fh::with_type(row, [&](auto t) {
+            using T = decltype(t);
+            for (int count : {b.below, b.at}) {
+                subst::Scope scope(4);
+                Laid<T> run(row, b.n, count);
+                run.l.fill("Src", [](int k, int r, int c) { return r == c ? 1.0 + k % 7 : 0.25 * (r - c); });
+                ASSERT_EQ(run.l.call(), zelStsOk) << b.name;
+                EXPECT_EQ(subst::thread_queries.load() > 0, count == b.at && b.at != b.below) << b.name << " " << count;
+            }
+        });
+    }
+}
+
 // The worked examples of EigenValues, exactly, positions included.
 TEST(EigenGen, WorkedExamples) {
     struct Ex {
