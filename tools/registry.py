@@ -237,6 +237,10 @@ IMPLEMENTED = {
     "Det": "m ma",
     "EigenValuesSym": "*",
     "EigenValuesVectorsSym": "*",
+    "EigenValues": "*",
+    "EigenValuesVectors": "*",
+    "EigenValuesVectorsLeft": "*",
+    "EigenValuesVectorsRight": "*",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
 # Fixed-size geometry, all of it: vectors, 4x4 constructors, 4x4 operations and
@@ -264,6 +268,11 @@ zelmAffineTransformCoord_m4v3a_32f zelmAffineTransformNormal_m4v2_32f zelmAffine
 zelmAffineTransformNormal_m4v2a_32f zelmAffineTransformNormal_m4v3a_32f zelmProject_m4v3_32f
 zelmProject_m4v3a_32f zelmUnproject_m4v3_32f zelmUnproject_m4v3a_32f zelmAffineTransform3DH_mva_32f
 """.split())
+# The size queries of the general eigenproblem.
+IMPLEMENTED_FIXED |= {
+    "zelmEigenValuesGetBufSize_32f", "zelmEigenValuesGetBufSize_64f",
+    "zelmEigenValuesVectorsGetBufSize_32f", "zelmEigenValuesVectorsGetBufSize_64f",
+}
 
 # Signatures whose standard form gets a short path on the arguments as they
 # stand, before the call record is built: subsystem -> signatures. The
