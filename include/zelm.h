@@ -9,7 +9,8 @@
 extern "C" {
 #endif
 
-/* Add */
+/* Add: element-wise sum of matrices, vectors or a vector and a constant, one object or arrays
+   (docs/reference/elementwise.md#add). */
 ZELM_API zelStatus zelmAdd_mm_32f(const float* pSrc1, int src1Stride1, int src1Stride2, const float* pSrc2, int src2Stride1, int src2Stride2, float* pDst, int dstStride1, int dstStride2, int width, int height);
 ZELM_API zelStatus zelmAdd_mm_32f_P(const float* const* ppSrc1, int src1Shift, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift, int width, int height);
 ZELM_API zelStatus zelmAdd_mm_64f(const double* pSrc1, int src1Stride1, int src1Stride2, const double* pSrc2, int src2Stride1, int src2Stride2, double* pDst, int dstStride1, int dstStride2, int width, int height);
@@ -102,7 +103,8 @@ ZELM_API zelStatus zelmAdd_vaca_32f_P(const float* const* ppSrc, int srcShift, i
 ZELM_API zelStatus zelmAdd_vaca_64f(const double* pSrc, int srcStride0, int srcStride2, const double* pVal, int valStride0, double* pDst, int dstStride0, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmAdd_vaca_64f_L(const double* const* ppSrc, int srcShift, int srcStride2, const double* const* ppVal, int valShift, double* const* ppDst, int dstShift, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmAdd_vaca_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, const double* pVal, int valStride0, double* const* ppDst, int dstShift, int dstStride0, int len, int count);
-/* Sub */
+/* Sub: element-wise difference of matrices, vectors, or a vector and a constant, one object or
+   arrays (docs/reference/elementwise.md#sub). */
 ZELM_API zelStatus zelmSub_mm_32f(const float* pSrc1, int src1Stride1, int src1Stride2, const float* pSrc2, int src2Stride1, int src2Stride2, float* pDst, int dstStride1, int dstStride2, int width, int height);
 ZELM_API zelStatus zelmSub_mm_32f_P(const float* const* ppSrc1, int src1Shift, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift, int width, int height);
 ZELM_API zelStatus zelmSub_mm_64f(const double* pSrc1, int src1Stride1, int src1Stride2, const double* pSrc2, int src2Stride1, int src2Stride2, double* pDst, int dstStride1, int dstStride2, int width, int height);
@@ -257,7 +259,9 @@ ZELM_API zelStatus zelmSub_cava_32f_P(const float* const* ppSrc, int srcShift, i
 ZELM_API zelStatus zelmSub_cava_64f(const double* pSrc, int srcStride0, int srcStride2, const double* pVal, int valStride0, double* pDst, int dstStride0, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmSub_cava_64f_L(const double* const* ppSrc, int srcShift, int srcStride2, const double* const* ppVal, int valShift, double* const* ppDst, int dstShift, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmSub_cava_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, const double* pVal, int valStride0, double* const* ppDst, int dstShift, int dstStride0, int len, int count);
-/* Mul */
+/* Mul: multiplication of matrices or vectors by a constant, element by element
+   (docs/reference/elementwise.md#mul-by-a-constant); matrix-matrix and matrix-vector products, one
+   pair or arrays (docs/reference/products.md#mul-products). */
 ZELM_API zelStatus zelmMul_mc_32f(const float* pSrc, int srcStride1, int srcStride2, float val, float* pDst, int dstStride1, int dstStride2, int width, int height);
 ZELM_API zelStatus zelmMul_mc_32f_P(const float* const* ppSrc, int srcShift, float val, float* const* ppDst, int dstShift, int width, int height);
 ZELM_API zelStatus zelmMul_mc_64f(const double* pSrc, int srcStride1, int srcStride2, double val, double* pDst, int dstStride1, int dstStride2, int width, int height);
@@ -432,7 +436,8 @@ ZELM_API zelStatus zelmMul_tava_32f_P(const float* const* ppSrc1, int src1Shift,
 ZELM_API zelStatus zelmMul_tava_64f(const double* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2, int src1Width, int src1Height, const double* pSrc2, int src2Stride0, int src2Stride2, int src2Len, double* pDst, int dstStride0, int dstStride2, int count);
 ZELM_API zelStatus zelmMul_tava_64f_L(const double* const* ppSrc1, int src1Shift, int src1Stride1, int src1Stride2, int src1Width, int src1Height, const double* const* ppSrc2, int src2Shift, int src2Stride2, int src2Len, double* const* ppDst, int dstShift, int dstStride2, int count);
 ZELM_API zelStatus zelmMul_tava_64f_P(const double* const* ppSrc1, int src1Shift, int src1Stride0, int src1Width, int src1Height, const double* const* ppSrc2, int src2Shift, int src2Stride0, int src2Len, double* const* ppDst, int dstShift, int dstStride0, int count);
-/* Copy */
+/* Copy: copies arrays of matrices or vectors from any storage form to any other
+   (docs/reference/movement.md#copy). */
 ZELM_API zelStatus zelmCopy_ma_32f_SS(const float* pSrc, int srcStride0, int srcStride1, int srcStride2, float* pDst, int dstStride0, int dstStride1, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmCopy_ma_32f_SL(const float* pSrc, int srcStride0, int srcStride1, int srcStride2, float* const* ppDst, int dstShift, int dstStride1, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmCopy_ma_32f_SP(const float* pSrc, int srcStride0, int srcStride1, int srcStride2, float* const* ppDst, int dstShift, int dstStride0, int width, int height, int count);
@@ -469,14 +474,16 @@ ZELM_API zelStatus zelmCopy_va_64f_LP(const double* const* ppSrc, int srcShift, 
 ZELM_API zelStatus zelmCopy_va_64f_PS(const double* const* ppSrc, int srcShift, int srcStride0, double* pDst, int dstStride0, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmCopy_va_64f_PL(const double* const* ppSrc, int srcShift, int srcStride0, double* const* ppDst, int dstShift, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmCopy_va_64f_PP(const double* const* ppSrc, int srcShift, int srcStride0, double* const* ppDst, int dstShift, int dstStride0, int len, int count);
-/* LoadIdentity */
+/* LoadIdentity: fills an array of matrices with identity matrices
+   (docs/reference/movement.md#loadidentity). */
 ZELM_API zelStatus zelmLoadIdentity_ma_32f(float* pDst, int dstStride0, int dstStride1, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmLoadIdentity_ma_32f_L(float* const* ppDst, int dstShift, int dstStride1, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmLoadIdentity_ma_32f_P(float* const* ppDst, int dstShift, int dstStride0, int width, int height, int count);
 ZELM_API zelStatus zelmLoadIdentity_ma_64f(double* pDst, int dstStride0, int dstStride1, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmLoadIdentity_ma_64f_L(double* const* ppDst, int dstShift, int dstStride1, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmLoadIdentity_ma_64f_P(double* const* ppDst, int dstShift, int dstStride0, int width, int height, int count);
-/* Extract */
+/* Extract: gathers matrices or vectors of any storage form into one compact block
+   (docs/reference/movement.md#extract). */
 ZELM_API zelStatus zelmExtract_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pDst, int width, int height);
 ZELM_API zelStatus zelmExtract_m_32f_P(const float* const* ppSrc, int srcShift, float* pDst, int width, int height);
 ZELM_API zelStatus zelmExtract_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pDst, int width, int height);
@@ -507,7 +514,8 @@ ZELM_API zelStatus zelmExtract_va_32f_P(const float* const* ppSrc, int srcShift,
 ZELM_API zelStatus zelmExtract_va_64f(const double* pSrc, int srcStride0, int srcStride2, double* pDst, int len, int count);
 ZELM_API zelStatus zelmExtract_va_64f_L(const double* const* ppSrc, int srcShift, int srcStride2, double* pDst, int len, int count);
 ZELM_API zelStatus zelmExtract_va_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* pDst, int len, int count);
-/* Transpose */
+/* Transpose: writes the transpose of a matrix or of each matrix of an array
+   (docs/reference/movement.md#transpose). */
 ZELM_API zelStatus zelmTranspose_m_32f(const float* pSrc, int srcStride1, int srcStride2, int width, int height, float* pDst, int dstStride1, int dstStride2);
 ZELM_API zelStatus zelmTranspose_m_32f_P(const float* const* ppSrc, int srcShift, int width, int height, float* const* ppDst, int dstShift);
 ZELM_API zelStatus zelmTranspose_m_64f(const double* pSrc, int srcStride1, int srcStride2, int width, int height, double* pDst, int dstStride1, int dstStride2);
@@ -518,7 +526,8 @@ ZELM_API zelStatus zelmTranspose_ma_32f_P(const float* const* ppSrc, int srcShif
 ZELM_API zelStatus zelmTranspose_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, int width, int height, double* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
 ZELM_API zelStatus zelmTranspose_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, int width, int height, double* const* ppDst, int dstShift, int dstStride1, int dstStride2, int count);
 ZELM_API zelStatus zelmTranspose_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, int width, int height, double* const* ppDst, int dstShift, int dstStride0, int count);
-/* Gaxpy */
+/* Gaxpy: matrix times vector plus vector, y + A x, with one shared matrix
+   (docs/reference/products.md#gaxpy). */
 ZELM_API zelStatus zelmGaxpy_mv_32f(const float* pSrc1, int src1Stride1, int src1Stride2, int src1Width, int src1Height, const float* pSrc2, int src2Stride2, int src2Len, const float* pSrc3, int src3Stride2, int src3Len, float* pDst, int dstStride2);
 ZELM_API zelStatus zelmGaxpy_mv_32f_P(const float* const* ppSrc1, int src1Shift, int src1Width, int src1Height, const float* const* ppSrc2, int src2Shift, int src2Len, const float* const* ppSrc3, int src3Shift, int src3Len, float* const* ppDst, int dstShift);
 ZELM_API zelStatus zelmGaxpy_mv_64f(const double* pSrc1, int src1Stride1, int src1Stride2, int src1Width, int src1Height, const double* pSrc2, int src2Stride2, int src2Len, const double* pSrc3, int src3Stride2, int src3Len, double* pDst, int dstStride2);
@@ -535,7 +544,8 @@ ZELM_API zelStatus zelmGaxpy_mvav_32f_P(const float* const* ppSrc1, int src1Shif
 ZELM_API zelStatus zelmGaxpy_mvav_64f(const double* pSrc1, int src1Stride1, int src1Stride2, int src1Width, int src1Height, const double* pSrc2, int src2Stride0, int src2Stride2, int src2Len, const double* pSrc3, int src3Stride2, int src3Len, double* pDst, int dstStride0, int dstStride2, int count);
 ZELM_API zelStatus zelmGaxpy_mvav_64f_L(const double* pSrc1, int src1Stride1, int src1Stride2, int src1Width, int src1Height, const double* const* ppSrc2, int src2Shift, int src2Stride2, int src2Len, const double* pSrc3, int src3Stride2, int src3Len, double* const* ppDst, int dstShift, int dstStride2, int count);
 ZELM_API zelStatus zelmGaxpy_mvav_64f_P(const double* const* ppSrc1, int src1Shift, int src1Width, int src1Height, const double* const* ppSrc2, int src2Shift, int src2Stride0, int src2Len, const double* const* ppSrc3, int src3Shift, int src3Len, double* const* ppDst, int dstShift, int dstStride0, int count);
-/* DotProduct */
+/* DotProduct: dot products of vectors, one number per object
+   (docs/reference/vectors.md#dotproduct). */
 ZELM_API zelStatus zelmDotProduct_vv_32f(const float* pSrc1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int len);
 ZELM_API zelStatus zelmDotProduct_vv_32f_P(const float* const* ppSrc1, int src1Shift, const float* const* ppSrc2, int src2Shift, float* pDst, int len);
 ZELM_API zelStatus zelmDotProduct_vv_64f(const double* pSrc1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int len);
@@ -552,7 +562,7 @@ ZELM_API zelStatus zelmDotProduct_vava_32f_P(const float* const* ppSrc1, int src
 ZELM_API zelStatus zelmDotProduct_vava_64f(const double* pSrc1, int src1Stride0, int src1Stride2, const double* pSrc2, int src2Stride0, int src2Stride2, double* pDst, int len, int count);
 ZELM_API zelStatus zelmDotProduct_vava_64f_L(const double* const* ppSrc1, int src1Shift, int src1Stride2, const double* const* ppSrc2, int src2Shift, int src2Stride2, double* pDst, int len, int count);
 ZELM_API zelStatus zelmDotProduct_vava_64f_P(const double* const* ppSrc1, int src1Shift, int src1Stride0, const double* const* ppSrc2, int src2Shift, int src2Stride0, double* pDst, int len, int count);
-/* L2Norm */
+/* L2Norm: Euclidean lengths of vectors, one number per object (docs/reference/vectors.md#l2norm). */
 ZELM_API zelStatus zelmL2Norm_v_32f(const float* pSrc, int srcStride2, float* pDst, int len);
 ZELM_API zelStatus zelmL2Norm_v_32f_P(const float* const* ppSrc, int srcShift, float* pDst, int len);
 ZELM_API zelStatus zelmL2Norm_v_64f(const double* pSrc, int srcStride2, double* pDst, int len);
@@ -563,7 +573,7 @@ ZELM_API zelStatus zelmL2Norm_va_32f_P(const float* const* ppSrc, int srcShift, 
 ZELM_API zelStatus zelmL2Norm_va_64f(const double* pSrc, int srcStride0, int srcStride2, double* pDst, int len, int count);
 ZELM_API zelStatus zelmL2Norm_va_64f_L(const double* const* ppSrc, int srcShift, int srcStride2, double* pDst, int len, int count);
 ZELM_API zelStatus zelmL2Norm_va_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* pDst, int len, int count);
-/* CrossProduct */
+/* CrossProduct: cross products of 3-element vectors (docs/reference/vectors.md#crossproduct). */
 ZELM_API zelStatus zelmCrossProduct_vv_32f(const float* pSrc1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2);
 ZELM_API zelStatus zelmCrossProduct_vv_32f_P(const float* const* ppSrc1, int src1Shift, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift);
 ZELM_API zelStatus zelmCrossProduct_vv_64f(const double* pSrc1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2);
@@ -586,7 +596,7 @@ ZELM_API zelStatus zelmCrossProduct_vava_32f_P(const float* const* ppSrc1, int s
 ZELM_API zelStatus zelmCrossProduct_vava_64f(const double* pSrc1, int src1Stride0, int src1Stride2, const double* pSrc2, int src2Stride0, int src2Stride2, double* pDst, int dstStride0, int dstStride2, int count);
 ZELM_API zelStatus zelmCrossProduct_vava_64f_L(const double* const* ppSrc1, int src1Shift, int src1Stride2, const double* const* ppSrc2, int src2Shift, int src2Stride2, double* const* ppDst, int dstShift, int dstStride2, int count);
 ZELM_API zelStatus zelmCrossProduct_vava_64f_P(const double* const* ppSrc1, int src1Shift, int src1Stride0, const double* const* ppSrc2, int src2Shift, int src2Stride0, double* const* ppDst, int dstShift, int dstStride0, int count);
-/* Saxpy */
+/* Saxpy: scaled vector plus vector, val a + b (docs/reference/vectors.md#saxpy). */
 ZELM_API zelStatus zelmSaxpy_vv_32f(const float* pSrc1, int src1Stride2, float val, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int len);
 ZELM_API zelStatus zelmSaxpy_vv_32f_P(const float* const* ppSrc1, int src1Shift, float val, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift, int len);
 ZELM_API zelStatus zelmSaxpy_vv_64f(const double* pSrc1, int src1Stride2, double val, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int len);
@@ -609,7 +619,7 @@ ZELM_API zelStatus zelmSaxpy_vava_32f_P(const float* const* ppSrc1, int src1Shif
 ZELM_API zelStatus zelmSaxpy_vava_64f(const double* pSrc1, int src1Stride0, int src1Stride2, double val, const double* pSrc2, int src2Stride0, int src2Stride2, double* pDst, int dstStride0, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmSaxpy_vava_64f_L(const double* const* ppSrc1, int src1Shift, int src1Stride2, double val, const double* const* ppSrc2, int src2Shift, int src2Stride2, double* const* ppDst, int dstShift, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmSaxpy_vava_64f_P(const double* const* ppSrc1, int src1Shift, int src1Stride0, double val, const double* const* ppSrc2, int src2Shift, int src2Stride0, double* const* ppDst, int dstShift, int dstStride0, int len, int count);
-/* LComb */
+/* LComb: linear combination of two vectors, val1 a + val2 b (docs/reference/vectors.md#lcomb). */
 ZELM_API zelStatus zelmLComb_vv_32f(const float* pSrc1, int src1Stride2, float val1, const float* pSrc2, int src2Stride2, float val2, float* pDst, int dstStride2, int len);
 ZELM_API zelStatus zelmLComb_vv_32f_P(const float* const* ppSrc1, int src1Shift, float val1, const float* const* ppSrc2, int src2Shift, float val2, float* const* ppDst, int dstShift, int len);
 ZELM_API zelStatus zelmLComb_vv_64f(const double* pSrc1, int src1Stride2, double val1, const double* pSrc2, int src2Stride2, double val2, double* pDst, int dstStride2, int len);
@@ -626,7 +636,7 @@ ZELM_API zelStatus zelmLComb_vava_32f_P(const float* const* ppSrc1, int src1Shif
 ZELM_API zelStatus zelmLComb_vava_64f(const double* pSrc1, int src1Stride0, int src1Stride2, double val1, const double* pSrc2, int src2Stride0, int src2Stride2, double val2, double* pDst, int dstStride0, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmLComb_vava_64f_L(const double* const* ppSrc1, int src1Shift, int src1Stride2, double val1, const double* const* ppSrc2, int src2Shift, int src2Stride2, double val2, double* const* ppDst, int dstShift, int dstStride2, int len, int count);
 ZELM_API zelStatus zelmLComb_vava_64f_P(const double* const* ppSrc1, int src1Shift, int src1Stride0, double val1, const double* const* ppSrc2, int src2Shift, int src2Stride0, double val2, double* const* ppDst, int dstShift, int dstStride0, int len, int count);
-/* Trace */
+/* Trace: traces of square matrices, one number per object (docs/reference/vectors.md#trace). */
 ZELM_API zelStatus zelmTrace_m_32f(const float* pSrc, int srcStride1, int srcStride2, int widthHeight, float* pDst);
 ZELM_API zelStatus zelmTrace_m_32f_P(const float* const* ppSrc, int srcShift, int widthHeight, float* pDst);
 ZELM_API zelStatus zelmTrace_m_64f(const double* pSrc, int srcStride1, int srcStride2, int widthHeight, double* pDst);
@@ -637,7 +647,8 @@ ZELM_API zelStatus zelmTrace_ma_32f_P(const float* const* ppSrc, int srcShift, i
 ZELM_API zelStatus zelmTrace_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, int widthHeight, double* pDst, int count);
 ZELM_API zelStatus zelmTrace_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, int widthHeight, double* pDst, int count);
 ZELM_API zelStatus zelmTrace_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, int widthHeight, double* pDst, int count);
-/* FrobNorm */
+/* FrobNorm: Frobenius norms of matrices, one number per object
+   (docs/reference/vectors.md#frobnorm). */
 ZELM_API zelStatus zelmFrobNorm_m_32f(const float* pSrc, int srcStride1, int srcStride2, int width, int height, float* pDst);
 ZELM_API zelStatus zelmFrobNorm_m_32f_P(const float* const* ppSrc, int srcShift, int width, int height, float* pDst);
 ZELM_API zelStatus zelmFrobNorm_m_64f(const double* pSrc, int srcStride1, int srcStride2, int width, int height, double* pDst);
@@ -648,7 +659,8 @@ ZELM_API zelStatus zelmFrobNorm_ma_32f_P(const float* const* ppSrc, int srcShift
 ZELM_API zelStatus zelmFrobNorm_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, int width, int height, double* pDst, int count);
 ZELM_API zelStatus zelmFrobNorm_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, int width, int height, double* pDst, int count);
 ZELM_API zelStatus zelmFrobNorm_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, int width, int height, double* pDst, int count);
-/* LUDecomp */
+/* LUDecomp: LU factorisation with partial pivoting; the input of LUBackSubst
+   (docs/reference/solvers.md#ludecomp). */
 ZELM_API zelStatus zelmLUDecomp_m_32f(const float* pSrc, int srcStride1, int srcStride2, int* pDstIndex, float* pDst, int dstStride1, int dstStride2, int widthHeight);
 ZELM_API zelStatus zelmLUDecomp_m_32f_P(const float* const* ppSrc, int srcShift, int* pDstIndex, float* const* ppDst, int dstShift, int widthHeight);
 ZELM_API zelStatus zelmLUDecomp_m_64f(const double* pSrc, int srcStride1, int srcStride2, int* pDstIndex, double* pDst, int dstStride1, int dstStride2, int widthHeight);
@@ -659,7 +671,8 @@ ZELM_API zelStatus zelmLUDecomp_ma_32f_P(const float* const* ppSrc, int srcShift
 ZELM_API zelStatus zelmLUDecomp_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, int* pDstIndex, double* pDst, int dstStride0, int dstStride1, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmLUDecomp_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, int* pDstIndex, double* const* ppDst, int dstShift, int dstStride1, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmLUDecomp_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, int* pDstIndex, double* const* ppDst, int dstShift, int dstStride0, int widthHeight, int count);
-/* LUBackSubst */
+/* LUBackSubst: solves A x = b from the factors and pivot table of LUDecomp
+   (docs/reference/solvers.md#lubacksubst). */
 ZELM_API zelStatus zelmLUBackSubst_mv_32f(const float* pSrc1, int src1Stride1, int src1Stride2, const int* pSrcIndex, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int widthHeight);
 ZELM_API zelStatus zelmLUBackSubst_mv_32f_P(const float* const* ppSrc1, int src1Shift, const int* pSrcIndex, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift, int widthHeight);
 ZELM_API zelStatus zelmLUBackSubst_mv_64f(const double* pSrc1, int src1Stride1, int src1Stride2, const int* pSrcIndex, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int widthHeight);
@@ -676,7 +689,8 @@ ZELM_API zelStatus zelmLUBackSubst_mava_32f_P(const float* const* ppSrc1, int sr
 ZELM_API zelStatus zelmLUBackSubst_mava_64f(const double* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2, const int* pSrcIndex, const double* pSrc2, int src2Stride0, int src2Stride2, double* pDst, int dstStride0, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmLUBackSubst_mava_64f_L(const double* const* ppSrc1, int src1Shift, int src1Stride1, int src1Stride2, const int* pSrcIndex, const double* const* ppSrc2, int src2Shift, int src2Stride2, double* const* ppDst, int dstShift, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmLUBackSubst_mava_64f_P(const double* const* ppSrc1, int src1Shift, int src1Stride0, const int* pSrcIndex, const double* const* ppSrc2, int src2Shift, int src2Stride0, double* const* ppDst, int dstShift, int dstStride0, int widthHeight, int count);
-/* CholeskyDecomp */
+/* CholeskyDecomp: Cholesky factorisation of symmetric positive definite matrices; the input of
+   CholeskyBackSubst (docs/reference/solvers.md#choleskydecomp). */
 ZELM_API zelStatus zelmCholeskyDecomp_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pDst, int dstStride1, int dstStride2, int widthHeight);
 ZELM_API zelStatus zelmCholeskyDecomp_m_32f_P(const float* const* ppSrc, int srcShift, float* const* ppDst, int dstShift, int widthHeight);
 ZELM_API zelStatus zelmCholeskyDecomp_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pDst, int dstStride1, int dstStride2, int widthHeight);
@@ -687,7 +701,8 @@ ZELM_API zelStatus zelmCholeskyDecomp_ma_32f_P(const float* const* ppSrc, int sr
 ZELM_API zelStatus zelmCholeskyDecomp_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pDst, int dstStride0, int dstStride1, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmCholeskyDecomp_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* const* ppDst, int dstShift, int dstStride1, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmCholeskyDecomp_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* const* ppDst, int dstShift, int dstStride0, int widthHeight, int count);
-/* CholeskyBackSubst */
+/* CholeskyBackSubst: solves A x = b from the factor of CholeskyDecomp
+   (docs/reference/solvers.md#choleskybacksubst). */
 ZELM_API zelStatus zelmCholeskyBackSubst_mv_32f(const float* pSrc1, int src1Stride1, int src1Stride2, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int widthHeight);
 ZELM_API zelStatus zelmCholeskyBackSubst_mv_32f_P(const float* const* ppSrc1, int src1Shift, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift, int widthHeight);
 ZELM_API zelStatus zelmCholeskyBackSubst_mv_64f(const double* pSrc1, int src1Stride1, int src1Stride2, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int widthHeight);
@@ -704,7 +719,8 @@ ZELM_API zelStatus zelmCholeskyBackSubst_mava_32f_P(const float* const* ppSrc1, 
 ZELM_API zelStatus zelmCholeskyBackSubst_mava_64f(const double* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2, const double* pSrc2, int src2Stride0, int src2Stride2, double* pDst, int dstStride0, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmCholeskyBackSubst_mava_64f_L(const double* const* ppSrc1, int src1Shift, int src1Stride1, int src1Stride2, const double* const* ppSrc2, int src2Shift, int src2Stride2, double* const* ppDst, int dstShift, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmCholeskyBackSubst_mava_64f_P(const double* const* ppSrc1, int src1Shift, int src1Stride0, const double* const* ppSrc2, int src2Shift, int src2Stride0, double* const* ppDst, int dstShift, int dstStride0, int widthHeight, int count);
-/* QRDecomp */
+/* QRDecomp: QR factorisation by Householder reflections, height >= width; the input of QRBackSubst
+   (docs/reference/solvers.md#qrdecomp). */
 ZELM_API zelStatus zelmQRDecomp_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pBuffer, float* pDst, int dstStride1, int dstStride2, int width, int height);
 ZELM_API zelStatus zelmQRDecomp_m_32f_P(const float* const* ppSrc, int srcShift, float* pBuffer, float* const* ppDst, int dstShift, int width, int height);
 ZELM_API zelStatus zelmQRDecomp_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pBuffer, double* pDst, int dstStride1, int dstStride2, int width, int height);
@@ -715,7 +731,8 @@ ZELM_API zelStatus zelmQRDecomp_ma_32f_P(const float* const* ppSrc, int srcShift
 ZELM_API zelStatus zelmQRDecomp_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pBuffer, double* pDst, int dstStride0, int dstStride1, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmQRDecomp_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* pBuffer, double* const* ppDst, int dstShift, int dstStride1, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmQRDecomp_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* pBuffer, double* const* ppDst, int dstShift, int dstStride0, int width, int height, int count);
-/* QRBackSubst */
+/* QRBackSubst: solves A x = b, or least squares, from the packed result of QRDecomp
+   (docs/reference/solvers.md#qrbacksubst). */
 ZELM_API zelStatus zelmQRBackSubst_mv_32f(const float* pSrc1, int src1Stride1, int src1Stride2, float* pBuffer, const float* pSrc2, int src2Stride2, float* pDst, int dstStride2, int width, int height);
 ZELM_API zelStatus zelmQRBackSubst_mv_32f_P(const float* const* ppSrc1, int src1Shift, float* pBuffer, const float* const* ppSrc2, int src2Shift, float* const* ppDst, int dstShift, int width, int height);
 ZELM_API zelStatus zelmQRBackSubst_mv_64f(const double* pSrc1, int src1Stride1, int src1Stride2, double* pBuffer, const double* pSrc2, int src2Stride2, double* pDst, int dstStride2, int width, int height);
@@ -732,7 +749,7 @@ ZELM_API zelStatus zelmQRBackSubst_mava_32f_P(const float* const* ppSrc1, int sr
 ZELM_API zelStatus zelmQRBackSubst_mava_64f(const double* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2, double* pBuffer, const double* pSrc2, int src2Stride0, int src2Stride2, double* pDst, int dstStride0, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmQRBackSubst_mava_64f_L(const double* const* ppSrc1, int src1Shift, int src1Stride1, int src1Stride2, double* pBuffer, const double* const* ppSrc2, int src2Shift, int src2Stride2, double* const* ppDst, int dstShift, int dstStride2, int width, int height, int count);
 ZELM_API zelStatus zelmQRBackSubst_mava_64f_P(const double* const* ppSrc1, int src1Shift, int src1Stride0, double* pBuffer, const double* const* ppSrc2, int src2Shift, int src2Stride0, double* const* ppDst, int dstShift, int dstStride0, int width, int height, int count);
-/* Invert */
+/* Invert: inverses of square matrices (docs/reference/solvers.md#invert). */
 ZELM_API zelStatus zelmInvert_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pBuffer, float* pDst, int dstStride1, int dstStride2, int widthHeight);
 ZELM_API zelStatus zelmInvert_m_32f_P(const float* const* ppSrc, int srcShift, float* pBuffer, float* const* ppDst, int dstShift, int widthHeight);
 ZELM_API zelStatus zelmInvert_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pBuffer, double* pDst, int dstStride1, int dstStride2, int widthHeight);
@@ -743,7 +760,7 @@ ZELM_API zelStatus zelmInvert_ma_32f_P(const float* const* ppSrc, int srcShift, 
 ZELM_API zelStatus zelmInvert_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pBuffer, double* pDst, int dstStride0, int dstStride1, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmInvert_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* pBuffer, double* const* ppDst, int dstShift, int dstStride1, int dstStride2, int widthHeight, int count);
 ZELM_API zelStatus zelmInvert_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* pBuffer, double* const* ppDst, int dstShift, int dstStride0, int widthHeight, int count);
-/* Det */
+/* Det: determinants of square matrices, one number per object (docs/reference/solvers.md#det). */
 ZELM_API zelStatus zelmDet_m_32f(const float* pSrc, int srcStride1, int srcStride2, int widthHeight, float* pBuffer, float* pDst);
 ZELM_API zelStatus zelmDet_m_32f_P(const float* const* ppSrc, int srcShift, int widthHeight, float* pBuffer, float* pDst);
 ZELM_API zelStatus zelmDet_m_64f(const double* pSrc, int srcStride1, int srcStride2, int widthHeight, double* pBuffer, double* pDst);
@@ -754,7 +771,7 @@ ZELM_API zelStatus zelmDet_ma_32f_P(const float* const* ppSrc, int srcShift, int
 ZELM_API zelStatus zelmDet_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, int widthHeight, double* pBuffer, double* pDst, int count);
 ZELM_API zelStatus zelmDet_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, int widthHeight, double* pBuffer, double* pDst, int count);
 ZELM_API zelStatus zelmDet_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, int widthHeight, double* pBuffer, double* pDst, int count);
-/* EigenValuesSym */
+/* EigenValuesSym: eigenvalues of real symmetric matrices (docs/reference/eigen.md#eigenvaluessym). */
 ZELM_API zelStatus zelmEigenValuesSym_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pBuffer, float* pDstValues, int widthHeight);
 ZELM_API zelStatus zelmEigenValuesSym_m_32f_P(const float* const* ppSrc, int srcShift, float* pBuffer, float* pDstValues, int widthHeight);
 ZELM_API zelStatus zelmEigenValuesSym_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pBuffer, double* pDstValues, int widthHeight);
@@ -765,7 +782,8 @@ ZELM_API zelStatus zelmEigenValuesSym_ma_32f_P(const float* const* ppSrc, int sr
 ZELM_API zelStatus zelmEigenValuesSym_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pBuffer, double* pDstValues, int widthHeight, int count);
 ZELM_API zelStatus zelmEigenValuesSym_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* pBuffer, double* pDstValues, int widthHeight, int count);
 ZELM_API zelStatus zelmEigenValuesSym_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* pBuffer, double* pDstValues, int widthHeight, int count);
-/* EigenValuesVectorsSym */
+/* EigenValuesVectorsSym: eigenvalues and orthonormal eigenvectors of real symmetric matrices
+   (docs/reference/eigen.md#eigenvaluesvectorssym). */
 ZELM_API zelStatus zelmEigenValuesVectorsSym_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pBuffer, float* pDstVectors, int dstStride1, int dstStride2, float* pDstValues, int widthHeight);
 ZELM_API zelStatus zelmEigenValuesVectorsSym_m_32f_P(const float* const* ppSrc, int srcShift, float* pBuffer, float* const* ppDstVectors, int dstShift, float* pDstValues, int widthHeight);
 ZELM_API zelStatus zelmEigenValuesVectorsSym_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pBuffer, double* pDstVectors, int dstStride1, int dstStride2, double* pDstValues, int widthHeight);
@@ -776,7 +794,8 @@ ZELM_API zelStatus zelmEigenValuesVectorsSym_ma_32f_P(const float* const* ppSrc,
 ZELM_API zelStatus zelmEigenValuesVectorsSym_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pBuffer, double* pDstVectors, int dstStride0, int dstStride1, int dstStride2, double* pDstValues, int widthHeight, int count);
 ZELM_API zelStatus zelmEigenValuesVectorsSym_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* pBuffer, double* const* ppDstVectors, int dstShift, int dstStride1, int dstStride2, double* pDstValues, int widthHeight, int count);
 ZELM_API zelStatus zelmEigenValuesVectorsSym_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* pBuffer, double* const* ppDstVectors, int dstShift, int dstStride0, double* pDstValues, int widthHeight, int count);
-/* EigenValues */
+/* EigenValues: eigenvalues of general real matrices, real and imaginary parts
+   (docs/reference/eigen.md#eigenvalues). */
 ZELM_API zelStatus zelmEigenValues_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pDstValuesRe, float* pDstValuesIm, int widthHeight, float* pBuffer);
 ZELM_API zelStatus zelmEigenValues_m_32f_P(const float* const* ppSrc, int srcShift, float* pDstValuesRe, float* pDstValuesIm, int widthHeight, float* pBuffer);
 ZELM_API zelStatus zelmEigenValues_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, double* pBuffer);
@@ -787,7 +806,8 @@ ZELM_API zelStatus zelmEigenValues_ma_32f_P(const float* const* ppSrc, int srcSh
 ZELM_API zelStatus zelmEigenValues_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
 ZELM_API zelStatus zelmEigenValues_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
 ZELM_API zelStatus zelmEigenValues_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
-/* EigenValuesVectors */
+/* EigenValuesVectors: eigenvalues and right and left eigenvectors of general real matrices
+   (docs/reference/eigen.md#eigenvaluesvectors). */
 ZELM_API zelStatus zelmEigenValuesVectors_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pDstVectorsRight, int dstRightStride1, int dstRightStride2, float* pDstVectorsLeft, int dstLeftStride1, int dstLeftStride2, float* pDstValuesRe, float* pDstValuesIm, int widthHeight, float* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectors_m_32f_P(const float* const* ppSrc, int srcShift, float* const* ppDstVectorsRight, int dstRightShift, float* const* ppDstVectorsLeft, int dstLeftShift, float* pDstValuesRe, float* pDstValuesIm, int widthHeight, float* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectors_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pDstVectorsRight, int dstRightStride1, int dstRightStride2, double* pDstVectorsLeft, int dstLeftStride1, int dstLeftStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, double* pBuffer);
@@ -798,7 +818,8 @@ ZELM_API zelStatus zelmEigenValuesVectors_ma_32f_P(const float* const* ppSrc, in
 ZELM_API zelStatus zelmEigenValuesVectors_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pDstVectorsRight, int dstRightStride0, int dstRightStride1, int dstRightStride2, double* pDstVectorsLeft, int dstLeftStride0, int dstLeftStride1, int dstLeftStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectors_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* const* ppDstVectorsRight, int dstRightShift, int dstRightStride1, int dstRightStride2, double* const* ppDstVectorsLeft, int dstLeftShift, int dstLeftStride1, int dstLeftStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectors_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* const* ppDstVectorsRight, int dstRightShift, int dstRightStride0, double* const* ppDstVectorsLeft, int dstLeftShift, int dstLeftStride0, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
-/* EigenValuesVectorsLeft */
+/* EigenValuesVectorsLeft: eigenvalues and left eigenvectors of general real matrices
+   (docs/reference/eigen.md#eigenvaluesvectorsleft). */
 ZELM_API zelStatus zelmEigenValuesVectorsLeft_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pDstVectors, int dstStride1, int dstStride2, float* pDstValuesRe, float* pDstValuesIm, int widthHeight, float* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectorsLeft_m_32f_P(const float* const* ppSrc, int srcShift, float* const* ppDstVectors, int dstShift, float* pDstValuesRe, float* pDstValuesIm, int widthHeight, float* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectorsLeft_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pDstVectors, int dstStride1, int dstStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, double* pBuffer);
@@ -809,7 +830,8 @@ ZELM_API zelStatus zelmEigenValuesVectorsLeft_ma_32f_P(const float* const* ppSrc
 ZELM_API zelStatus zelmEigenValuesVectorsLeft_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pDstVectors, int dstStride0, int dstStride1, int dstStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectorsLeft_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* const* ppDstVectors, int dstShift, int dstStride1, int dstStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectorsLeft_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* const* ppDstVectors, int dstShift, int dstStride0, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
-/* EigenValuesVectorsRight */
+/* EigenValuesVectorsRight: eigenvalues and right eigenvectors of general real matrices
+   (docs/reference/eigen.md#eigenvaluesvectorsright). */
 ZELM_API zelStatus zelmEigenValuesVectorsRight_m_32f(const float* pSrc, int srcStride1, int srcStride2, float* pDstVectors, int dstStride1, int dstStride2, float* pDstValuesRe, float* pDstValuesIm, int widthHeight, float* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectorsRight_m_32f_P(const float* const* ppSrc, int srcShift, float* const* ppDstVectors, int dstShift, float* pDstValuesRe, float* pDstValuesIm, int widthHeight, float* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectorsRight_m_64f(const double* pSrc, int srcStride1, int srcStride2, double* pDstVectors, int dstStride1, int dstStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, double* pBuffer);
@@ -820,146 +842,162 @@ ZELM_API zelStatus zelmEigenValuesVectorsRight_ma_32f_P(const float* const* ppSr
 ZELM_API zelStatus zelmEigenValuesVectorsRight_ma_64f(const double* pSrc, int srcStride0, int srcStride1, int srcStride2, double* pDstVectors, int dstStride0, int dstStride1, int dstStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectorsRight_ma_64f_L(const double* const* ppSrc, int srcShift, int srcStride1, int srcStride2, double* const* ppDstVectors, int dstShift, int dstStride1, int dstStride2, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
 ZELM_API zelStatus zelmEigenValuesVectorsRight_ma_64f_P(const double* const* ppSrc, int srcShift, int srcStride0, double* const* ppDstVectors, int dstShift, int dstStride0, double* pDstValuesRe, double* pDstValuesIm, int widthHeight, int count, double* pBuffer);
-/* Add */
+/* Add: sum of two small vectors (docs/reference/geometry.md#add-v2-v3-v4). */
 ZELM_API zelStatus zelmAdd_v2_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmAdd_v3_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmAdd_v4_32f(const float* pSrc1, const float* pSrc2, float* pDst);
-/* Sub */
+/* Sub: difference of two small vectors (docs/reference/geometry.md#sub-v2-v3-v4). */
 ZELM_API zelStatus zelmSub_v2_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmSub_v3_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmSub_v4_32f(const float* pSrc1, const float* pSrc2, float* pDst);
-/* MulC */
+/* MulC: small vector times a scalar (docs/reference/geometry.md#mulc). */
 ZELM_API zelStatus zelmMulC_v2_32f(const float* pSrc, float val, float* pDst);
 ZELM_API zelStatus zelmMulC_v3_32f(const float* pSrc, float val, float* pDst);
 ZELM_API zelStatus zelmMulC_v4_32f(const float* pSrc, float val, float* pDst);
-/* Min */
+/* Min: component-wise minimum of two small vectors (docs/reference/geometry.md#min). */
 ZELM_API zelStatus zelmMin_v2_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmMin_v3_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmMin_v4_32f(const float* pSrc1, const float* pSrc2, float* pDst);
-/* Max */
+/* Max: component-wise maximum of two small vectors (docs/reference/geometry.md#max). */
 ZELM_API zelStatus zelmMax_v2_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmMax_v3_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmMax_v4_32f(const float* pSrc1, const float* pSrc2, float* pDst);
-/* DotProduct */
+/* DotProduct: dot product of two small vectors (docs/reference/geometry.md#dotproduct-v2-v3-v4). */
 ZELM_API zelStatus zelmDotProduct_v2_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmDotProduct_v3_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmDotProduct_v4_32f(const float* pSrc1, const float* pSrc2, float* pDst);
-/* LenSqr */
+/* LenSqr: squared length of a small vector (docs/reference/geometry.md#lensqr). */
 ZELM_API zelStatus zelmLenSqr_v2_32f(const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmLenSqr_v3_32f(const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmLenSqr_v4_32f(const float* pSrc, float* pDst);
-/* Len */
+/* Len: length of a small vector (docs/reference/geometry.md#len). */
 ZELM_API zelStatus zelmLen_v2_32f(const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmLen_v3_32f(const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmLen_v4_32f(const float* pSrc, float* pDst);
-/* Normalize */
+/* Normalize: a small vector scaled to unit length (docs/reference/geometry.md#normalize). */
 ZELM_API zelStatus zelmNormalize_v2_32f(const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmNormalize_v3_32f(const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmNormalize_v4_32f(const float* pSrc, float* pDst);
-/* BaryCentric */
+/* BaryCentric: point from barycentric coordinates in a triangle
+   (docs/reference/geometry.md#barycentric). */
 ZELM_API zelStatus zelmBaryCentric_v2_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, float val1, float val2, float* pDst);
 ZELM_API zelStatus zelmBaryCentric_v3_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, float val1, float val2, float* pDst);
 ZELM_API zelStatus zelmBaryCentric_v4_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, float val1, float val2, float* pDst);
-/* InterpolationLinear */
+/* InterpolationLinear: linear interpolation between two small vectors
+   (docs/reference/geometry.md#interpolationlinear). */
 ZELM_API zelStatus zelmInterpolationLinear_v2_32f(const float* pSrc1, const float* pSrc2, float val, float* pDst);
 ZELM_API zelStatus zelmInterpolationLinear_v3_32f(const float* pSrc1, const float* pSrc2, float val, float* pDst);
 ZELM_API zelStatus zelmInterpolationLinear_v4_32f(const float* pSrc1, const float* pSrc2, float val, float* pDst);
-/* Hermite */
+/* Hermite: cubic Hermite interpolation (docs/reference/geometry.md#hermite). */
 ZELM_API zelStatus zelmHermite_v2_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, const float* pSrc4, float val, float* pDst);
 ZELM_API zelStatus zelmHermite_v3_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, const float* pSrc4, float val, float* pDst);
 ZELM_API zelStatus zelmHermite_v4_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, const float* pSrc4, float val, float* pDst);
-/* InterpolationCatmullRom */
+/* InterpolationCatmullRom: Catmull-Rom spline interpolation
+   (docs/reference/geometry.md#interpolationcatmullrom). */
 ZELM_API zelStatus zelmInterpolationCatmullRom_v2_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, const float* pSrc4, float val, float* pDst);
 ZELM_API zelStatus zelmInterpolationCatmullRom_v3_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, const float* pSrc4, float val, float* pDst);
 ZELM_API zelStatus zelmInterpolationCatmullRom_v4_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, const float* pSrc4, float val, float* pDst);
-/* CrossProduct */
+/* CrossProduct: cross products of small vectors
+   (docs/reference/geometry.md#crossproduct-v2-v3-v4). */
 ZELM_API zelStatus zelmCrossProduct_v2_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmCrossProduct_v3_32f(const float* pSrc1, const float* pSrc2, float* pDst);
 ZELM_API zelStatus zelmCrossProduct_v4_32f(const float* pSrc1, const float* pSrc2, const float* pSrc3, float* pDst);
-/* Identity */
+/* Identity: the 4x4 identity (docs/reference/geometry.md#identity). */
 ZELM_API zelStatus zelmIdentity_m4_32f(float* pDst);
-/* IsIdentity */
+/* IsIdentity: tests a 4x4 matrix for the identity (docs/reference/geometry.md#isidentity). */
 ZELM_API zelStatus zelmIsIdentity_m4_32f(const float* pSrc, unsigned int* pResult);
-/* Scaling */
+/* Scaling: 4x4 scaling matrix (docs/reference/geometry.md#scaling). */
 ZELM_API zelStatus zelmScaling_m4_32f(float x, float y, float z, float* pDst);
-/* Translation */
+/* Translation: 4x4 translation matrix (docs/reference/geometry.md#translation). */
 ZELM_API zelStatus zelmTranslation_m4_32f(float x, float y, float z, float* pDst);
-/* RotationX */
+/* RotationX: 4x4 rotation about the x axis (docs/reference/geometry.md#rotationx). */
 ZELM_API zelStatus zelmRotationX_m4_32f(float angle, float* pDst);
-/* RotationY */
+/* RotationY: 4x4 rotation about the y axis (docs/reference/geometry.md#rotationy). */
 ZELM_API zelStatus zelmRotationY_m4_32f(float angle, float* pDst);
-/* RotationZ */
+/* RotationZ: 4x4 rotation about the z axis (docs/reference/geometry.md#rotationz). */
 ZELM_API zelStatus zelmRotationZ_m4_32f(float angle, float* pDst);
-/* RotationAxis */
+/* RotationAxis: 4x4 rotation about an arbitrary axis (docs/reference/geometry.md#rotationaxis). */
 ZELM_API zelStatus zelmRotationAxis_v3m4_32f(const float* pAxis, float angle, float* pDst);
-/* RotationYawPitchRoll */
+/* RotationYawPitchRoll: 4x4 rotation from yaw, pitch and roll
+   (docs/reference/geometry.md#rotationyawpitchroll). */
 ZELM_API zelStatus zelmRotationYawPitchRoll_m4_32f(float yaw, float pitch, float roll, float* pDst);
-/* LookAtLH */
+/* LookAtLH: left-handed view matrix of a camera (docs/reference/geometry.md#lookatlh). */
 ZELM_API zelStatus zelmLookAtLH_m4_32f(const float* pEye, const float* pAt, const float* pUp, float* pDst);
-/* LookAtRH */
+/* LookAtRH: right-handed view matrix of a camera (docs/reference/geometry.md#lookatrh). */
 ZELM_API zelStatus zelmLookAtRH_m4_32f(const float* pEye, const float* pAt, const float* pUp, float* pDst);
-/* OrthoLH */
+/* OrthoLH: left-handed orthographic projection (docs/reference/geometry.md#ortholh). */
 ZELM_API zelStatus zelmOrthoLH_m4_32f(float viewWidth, float viewHeight, float zNear, float zFar, float* pDst);
-/* OrthoRH */
+/* OrthoRH: right-handed orthographic projection (docs/reference/geometry.md#orthorh). */
 ZELM_API zelStatus zelmOrthoRH_m4_32f(float viewWidth, float viewHeight, float zNear, float zFar, float* pDst);
-/* OrthoOffCenterLH */
+/* OrthoOffCenterLH: left-handed orthographic projection of an off-centre box
+   (docs/reference/geometry.md#orthooffcenterlh). */
 ZELM_API zelStatus zelmOrthoOffCenterLH_m4_32f(float left, float right, float bottom, float top, float zNear, float zFar, float* pDst);
-/* OrthoOffCenterRH */
+/* OrthoOffCenterRH: right-handed orthographic projection of an off-centre box
+   (docs/reference/geometry.md#orthooffcenterrh). */
 ZELM_API zelStatus zelmOrthoOffCenterRH_m4_32f(float left, float right, float bottom, float top, float zNear, float zFar, float* pDst);
-/* PerspectiveLH */
+/* PerspectiveLH: left-handed perspective projection (docs/reference/geometry.md#perspectivelh). */
 ZELM_API zelStatus zelmPerspectiveLH_m4_32f(float viewWidth, float viewHeight, float zNear, float zFar, float* pDst);
-/* PerspectiveRH */
+/* PerspectiveRH: right-handed perspective projection (docs/reference/geometry.md#perspectiverh). */
 ZELM_API zelStatus zelmPerspectiveRH_m4_32f(float viewWidth, float viewHeight, float zNear, float zFar, float* pDst);
-/* PerspectiveFovLH */
+/* PerspectiveFovLH: left-handed perspective projection from a field of view
+   (docs/reference/geometry.md#perspectivefovlh). */
 ZELM_API zelStatus zelmPerspectiveFovLH_m4_32f(float fovY, float aspect, float zNear, float zFar, float* pDst);
-/* PerspectiveFovRH */
+/* PerspectiveFovRH: right-handed perspective projection from a field of view
+   (docs/reference/geometry.md#perspectivefovrh). */
 ZELM_API zelStatus zelmPerspectiveFovRH_m4_32f(float fovY, float aspect, float zNear, float zFar, float* pDst);
-/* PerspectiveOffCenterLH */
+/* PerspectiveOffCenterLH: left-handed perspective projection of an off-centre view volume
+   (docs/reference/geometry.md#perspectiveoffcenterlh). */
 ZELM_API zelStatus zelmPerspectiveOffCenterLH_m4_32f(float left, float right, float bottom, float top, float zNear, float zFar, float* pDst);
-/* PerspectiveOffCenterRH */
+/* PerspectiveOffCenterRH: right-handed perspective projection of an off-centre view volume
+   (docs/reference/geometry.md#perspectiveoffcenterrh). */
 ZELM_API zelStatus zelmPerspectiveOffCenterRH_m4_32f(float left, float right, float bottom, float top, float zNear, float zFar, float* pDst);
-/* Mul */
+/* Mul: product of two 4x4 matrices (docs/reference/geometry.md#mul-mm4x4). */
 ZELM_API zelStatus zelmMul_mm4x4_32f(const float* pSrc1, const float* pSrc2, float* pDst);
-/* MulTranspose */
+/* MulTranspose: transposed product of two 4x4 matrices (docs/reference/geometry.md#multranspose). */
 ZELM_API zelStatus zelmMulTranspose_m4_32f(const float* pSrc1, const float* pSrc2, float* pDst);
-/* Transpose */
+/* Transpose: transpose of a 4x4 matrix (docs/reference/geometry.md#transpose-m4). */
 ZELM_API zelStatus zelmTranspose_m4_32f(const float* pSrc, float* pDst);
-/* Det */
+/* Det: determinant of a 4x4 matrix (docs/reference/geometry.md#det-m4). */
 ZELM_API zelStatus zelmDet_m4_32f(const float* pSrc, float* pDst);
-/* Invert */
+/* Invert: inverse and determinant of a 4x4 matrix (docs/reference/geometry.md#invert-m4). */
 ZELM_API zelStatus zelmInvert_m4_32f(const float* pSrc, float* pDet, float* pDst);
-/* AffineTransform */
+/* AffineTransform: transforms points by a 4x4 matrix (docs/reference/geometry.md#affinetransform). */
 ZELM_API zelStatus zelmAffineTransform_m4v2_32f(const float* pMatrix, const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmAffineTransform_m4v3_32f(const float* pMatrix, const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmAffineTransform_m4v4_32f(const float* pMatrix, const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmAffineTransform_m4v2a_32f(const float* pMatrix, const float* pSrc, int srcStride, float* pDst, int dstStride, int count);
 ZELM_API zelStatus zelmAffineTransform_m4v3a_32f(const float* pMatrix, const float* pSrc, int srcStride, float* pDst, int dstStride, int count);
 ZELM_API zelStatus zelmAffineTransform_m4v4a_32f(const float* pMatrix, const float* pSrc, int srcStride, float* pDst, int dstStride, int count);
-/* AffineTransformCoord */
+/* AffineTransformCoord: transforms points by a 4x4 matrix and divides by w
+   (docs/reference/geometry.md#affinetransformcoord). */
 ZELM_API zelStatus zelmAffineTransformCoord_m4v2_32f(const float* pMatrix, const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmAffineTransformCoord_m4v3_32f(const float* pMatrix, const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmAffineTransformCoord_m4v2a_32f(const float* pMatrix, const float* pSrc, int srcStride, float* pDst, int dstStride, int count);
 ZELM_API zelStatus zelmAffineTransformCoord_m4v3a_32f(const float* pMatrix, const float* pSrc, int srcStride, float* pDst, int dstStride, int count);
-/* AffineTransformNormal */
+/* AffineTransformNormal: transforms directions by the upper 3x3 (or 2x2) part of a 4x4 matrix
+   (docs/reference/geometry.md#affinetransformnormal). */
 ZELM_API zelStatus zelmAffineTransformNormal_m4v2_32f(const float* pMatrix, const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmAffineTransformNormal_m4v3_32f(const float* pMatrix, const float* pSrc, float* pDst);
 ZELM_API zelStatus zelmAffineTransformNormal_m4v2a_32f(const float* pMatrix, const float* pSrc, int srcStride, float* pDst, int dstStride, int count);
 ZELM_API zelStatus zelmAffineTransformNormal_m4v3a_32f(const float* pMatrix, const float* pSrc, int srcStride, float* pDst, int dstStride, int count);
-/* Project */
+/* Project: projects points from object space to a viewport (docs/reference/geometry.md#project). */
 ZELM_API zelStatus zelmProject_m4v3_32f(const float* pProjection, const float* pView, const float* pWorld, const float* pSrc, float viewportWidth, float viewportHeight, float viewportMinZ, float viewportMaxZ, float* pDst);
 ZELM_API zelStatus zelmProject_m4v3a_32f(const float* pProjection, const float* pView, const float* pWorld, const float* pSrc, int srcStride, float viewportWidth, float viewportHeight, float viewportMinZ, float viewportMaxZ, float* pDst, int dstStride, int count);
-/* Unproject */
+/* Unproject: maps viewport points back to object space (docs/reference/geometry.md#unproject). */
 ZELM_API zelStatus zelmUnproject_m4v3_32f(const float* pProjection, const float* pView, const float* pWorld, const float* pSrc, float viewportWidth, float viewportHeight, float viewportMinZ, float viewportMaxZ, float* pDst);
 ZELM_API zelStatus zelmUnproject_m4v3a_32f(const float* pProjection, const float* pView, const float* pWorld, const float* pSrc, int srcStride, float viewportWidth, float viewportHeight, float viewportMinZ, float viewportMaxZ, float* pDst, int dstStride, int count);
-/* AffineTransform3DH */
+/* AffineTransform3DH: homogeneous transform of an array of 3-vectors as columns, with strides and
+   threads (docs/reference/geometry.md#affinetransform3dh). */
 ZELM_API zelStatus zelmAffineTransform3DH_mva_32f(const float* pSrc1, int src1Stride1, int src1Stride2, const float* pSrc2, int src2Stride0, int src2Stride2, float* pDst, int dstStride0, int dstStride2, int count);
-/* EigenValuesGetBufSize */
+/* EigenValuesGetBufSize: bytes of scratch that EigenValues needs for one matrix
+   (docs/reference/eigen.md#eigenvaluesgetbufsize). */
 ZELM_API zelStatus zelmEigenValuesGetBufSize_32f(int widthHeight, int* pSize);
 ZELM_API zelStatus zelmEigenValuesGetBufSize_64f(int widthHeight, int* pSize);
-/* EigenValuesVectorsGetBufSize */
+/* EigenValuesVectorsGetBufSize: bytes of scratch that EigenValuesVectors, EigenValuesVectorsLeft
+   and EigenValuesVectorsRight need (docs/reference/eigen.md#eigenvaluesvectorsgetbufsize). */
 ZELM_API zelStatus zelmEigenValuesVectorsGetBufSize_32f(int widthHeight, int* pSize);
 ZELM_API zelStatus zelmEigenValuesVectorsGetBufSize_64f(int widthHeight, int* pSize);
-/* GetLibVersion */
+/* GetLibVersion: the library's constant version record (docs/reference/library.md#getlibversion). */
 ZELM_API const zelLibVersion* zelmGetLibVersion(void);
 
 #ifdef __cplusplus

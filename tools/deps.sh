@@ -2,7 +2,8 @@
 # Installs the Debian packages zelm needs to build, test and benchmark, if any
 # is missing. Needs root (or sudo).
 set -euo pipefail
-pkgs=(g++ cmake make python3 binutils ccache libgtest-dev libbenchmark-dev libeigen3-dev liblapacke-dev libomp-14-dev)
+pkgs=(g++ cmake make python3 binutils ccache libgtest-dev libbenchmark-dev libeigen3-dev liblapacke-dev libomp-14-dev
+      libglm-dev pkg-config dpkg-dev)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

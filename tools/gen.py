@@ -16,6 +16,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 sys.path.insert(0, HERE)
 import registry as R  # noqa: E402
+import gen_docs  # noqa: E402
 
 ELEM = {"32f": "float", "64f": "double"}
 ESIZE = {"32f": 4, "64f": 8}
@@ -265,9 +266,9 @@ def header(exports):
            "#ifdef __cplusplus", "extern \"C\" {", "#endif", ""]
     fam = None
     for e in exports:
-        if e.op != fam:
-            fam = e.op
-            out.append(f"/* {fam} */")
+        if (e.op, e.fixed) != fam:
+            fam = (e.op, e.fixed)
+            out += gen_docs.header_comment(e.op, e.fixed)
         out.append(f"ZELM_API {e.proto()};")
     out += ["", "#ifdef __cplusplus", "}", "#endif", "", "#endif /* ZELM_H */", ""]
     return "\n".join(out)
@@ -602,7 +603,16 @@ def outputs(exports):
     }
     for module in sorted({e.subsystem for e in exports if not e.fixed and e.implemented}):
         files[f"frame/generated/api_{module_parts(module)[1]}.cpp"] = api_file(exports, module)
+    files.update(gen_docs.outputs(sys.modules[__name__], exports, ROOT))
+    gen_docs.check_links(files, files["include/zelm.h"])
     return files
+
+
+def orphans(files):
+    """Files in the reference folder that the generator no longer writes."""
+    folder = os.path.join(ROOT, gen_docs.DOCS)
+    present = [f"{gen_docs.DOCS}/{n}" for n in os.listdir(folder)] if os.path.isdir(folder) else []
+    return [rel for rel in present if rel not in files]
 
 
 def main():
@@ -610,7 +620,14 @@ def main():
     self_check(exports)
     check = "--check" in sys.argv
     stale = []
-    for rel, text in outputs(exports).items():
+    files = outputs(exports)
+    for rel in orphans(files):
+        if check:
+            stale.append(rel)
+        else:
+            os.remove(os.path.join(ROOT, rel))
+            print(f"removed {rel}", file=sys.stderr)
+    for rel, text in files.items():
         path = os.path.join(ROOT, rel)
         old = open(path).read() if os.path.exists(path) else None
         if old == text:

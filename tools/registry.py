@@ -220,8 +220,59 @@ IMPLEMENTED = {
     "LoadIdentity": "*",
     "Extract": "*",
     "Transpose": "m ma",
+    "DotProduct": "*",
+    "L2Norm": "*",
+    "CrossProduct": "*",
+    "Saxpy": "*",
+    "LComb": "*",
+    "Trace": "*",
+    "FrobNorm": "*",
+    "LUDecomp": "*",
+    "LUBackSubst": "*",
+    "CholeskyDecomp": "*",
+    "CholeskyBackSubst": "*",
+    "QRDecomp": "*",
+    "QRBackSubst": "*",
+    "Invert": "m ma",
+    "Det": "m ma",
+    "EigenValuesSym": "*",
+    "EigenValuesVectorsSym": "*",
+    "EigenValues": "*",
+    "EigenValuesVectors": "*",
+    "EigenValuesVectorsLeft": "*",
+    "EigenValuesVectorsRight": "*",
 }
 IMPLEMENTED_FIXED = {"zelmGetLibVersion"}
+# Fixed-size geometry, all of it: vectors, 4x4 constructors, 4x4 operations and
+# point transforms.
+IMPLEMENTED_FIXED |= set("""
+zelmAdd_v2_32f zelmAdd_v3_32f zelmAdd_v4_32f zelmSub_v2_32f zelmSub_v3_32f zelmSub_v4_32f zelmMulC_v2_32f
+zelmMulC_v3_32f zelmMulC_v4_32f zelmMin_v2_32f zelmMin_v3_32f zelmMin_v4_32f zelmMax_v2_32f zelmMax_v3_32f
+zelmMax_v4_32f zelmDotProduct_v2_32f zelmDotProduct_v3_32f zelmDotProduct_v4_32f zelmLenSqr_v2_32f
+zelmLenSqr_v3_32f zelmLenSqr_v4_32f zelmLen_v2_32f zelmLen_v3_32f zelmLen_v4_32f zelmNormalize_v2_32f
+zelmNormalize_v3_32f zelmNormalize_v4_32f zelmBaryCentric_v2_32f zelmBaryCentric_v3_32f
+zelmBaryCentric_v4_32f zelmInterpolationLinear_v2_32f zelmInterpolationLinear_v3_32f
+zelmInterpolationLinear_v4_32f zelmHermite_v2_32f zelmHermite_v3_32f zelmHermite_v4_32f
+zelmInterpolationCatmullRom_v2_32f zelmInterpolationCatmullRom_v3_32f zelmInterpolationCatmullRom_v4_32f
+zelmCrossProduct_v2_32f zelmCrossProduct_v3_32f zelmCrossProduct_v4_32f zelmIdentity_m4_32f
+zelmIsIdentity_m4_32f zelmScaling_m4_32f zelmTranslation_m4_32f zelmRotationX_m4_32f zelmRotationY_m4_32f
+zelmRotationZ_m4_32f zelmRotationAxis_v3m4_32f zelmRotationYawPitchRoll_m4_32f zelmLookAtLH_m4_32f
+zelmLookAtRH_m4_32f zelmOrthoLH_m4_32f zelmOrthoRH_m4_32f zelmOrthoOffCenterLH_m4_32f
+zelmOrthoOffCenterRH_m4_32f zelmPerspectiveLH_m4_32f zelmPerspectiveRH_m4_32f zelmPerspectiveFovLH_m4_32f
+zelmPerspectiveFovRH_m4_32f zelmPerspectiveOffCenterLH_m4_32f zelmPerspectiveOffCenterRH_m4_32f
+zelmMul_mm4x4_32f zelmMulTranspose_m4_32f zelmTranspose_m4_32f zelmDet_m4_32f zelmInvert_m4_32f
+zelmAffineTransform_m4v2_32f zelmAffineTransform_m4v3_32f zelmAffineTransform_m4v4_32f
+zelmAffineTransform_m4v2a_32f zelmAffineTransform_m4v3a_32f zelmAffineTransform_m4v4a_32f
+zelmAffineTransformCoord_m4v2_32f zelmAffineTransformCoord_m4v3_32f zelmAffineTransformCoord_m4v2a_32f
+zelmAffineTransformCoord_m4v3a_32f zelmAffineTransformNormal_m4v2_32f zelmAffineTransformNormal_m4v3_32f
+zelmAffineTransformNormal_m4v2a_32f zelmAffineTransformNormal_m4v3a_32f zelmProject_m4v3_32f
+zelmProject_m4v3a_32f zelmUnproject_m4v3_32f zelmUnproject_m4v3a_32f zelmAffineTransform3DH_mva_32f
+""".split())
+# The size queries of the general eigenproblem.
+IMPLEMENTED_FIXED |= {
+    "zelmEigenValuesGetBufSize_32f", "zelmEigenValuesGetBufSize_64f",
+    "zelmEigenValuesVectorsGetBufSize_32f", "zelmEigenValuesVectorsGetBufSize_64f",
+}
 
 # Signatures whose standard form gets a short path on the arguments as they
 # stand, before the call record is built: subsystem -> signatures. The

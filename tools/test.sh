@@ -9,6 +9,8 @@ jobs="$(nproc)"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DZELM_BENCH=ON >/dev/null
 cmake --build build -j"$jobs"
 (cd build && ctest --output-on-failure -j"$jobs")
+# What a user installs: the install tree, pkg-config, the CMake package, the Debian package.
+tools/package_check.sh build
 
 cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZELM_SANITIZE=address,undefined \
   -DZELM_EXAMPLES=OFF >/dev/null

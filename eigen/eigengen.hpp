@@ -1,0 +1,98 @@
+// The general eigenproblem: EigenValues, EigenValuesVectors,
+// EigenValuesVectorsRight and EigenValuesVectorsLeft in every storage form.
+//
+// A kernel copies each source object row by row into pBuffer (which makes
+// the working matrix its transpose), runs the family's core
+// (eigen/eigengen_core.hpp) at the object's order, and copies the vector
+// blocks out. Orders 3 to 6 are the core instantiated at a fixed order;
+// every order runs the same arithmetic. eigen/eigengen_table.hpp holds the
+// families' differences and limits.
+#pragma once
+
+#include <cstdint>
+
+#include "eigen/eigengen_core.hpp"
+#include "eigen/eigengen_table.hpp"
+#include "frame/fanout.hpp"
+
+extern "C" {
+ZEL_INTERNAL zelStatus w7_zelmEigenValuesVectorsGetBufSize_32f(int widthHeight, int* pSize);
+ZEL_INTERNAL zelStatus w7_zelmEigenValuesVectorsGetBufSize_64f(int widthHeight, int* pSize);
+}
+
+namespace zel::eigengen {
+
+template <Family F, class T, class W>
+zelStatus solve_at_order(E<T>* buf, int n, T* re, T* im) {
+    switch (n) {
+        case 3: return solve_object<F, T, W, 3>(buf, n, re, im);
+        case 4: return solve_object<F, T, W, 4>(buf, n, re, im);
+        case 5: return solve_object<F, T, W, 5>(buf, n, re, im);
+        case 6: return solve_object<F, T, W, 6>(buf, n, re, im);
+        default: return solve_object<F, T, W, 0>(buf, n, re, im);
+    }
+}
+
+// The kernel of one export: any stride2, `count` objects (1 for the single
+// forms), stopping at the first object that fails.
+template <Op O, class T, Form F, bool Array>
+zelStatus kernel(const Call<T>& c) {
+    static constexpr Family fam = family(O);
+    using W = Wide<O, T, Array>;
+    const int n = c.widthHeight;
+    const int count = Array ? c.count : 1;
+    const Ref<T, F> src{&c.src[0], n};
+    const Ref<T, F> d0{&c.dst[0], n}, d1{&c.dst[1], n};
+    E<T>* buf = reinterpret_cast<E<T>*>(c.buf);
+    for (int k = 0; k < count; ++k) {
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j < n; ++j) buf[i * n + j] = load(src.at(k, i, j));
+        const std::ptrdiff_t first = std::ptrdiff_t(k) * n;
+        const zelStatus st = solve_at_order<fam, T, W>(buf, n, c.out + first, c.out2 + first);
+        if (st != zelStsOk) return st;
+        if constexpr (fam.sets != kNoSet) {
+            // element (r, c) of a destination is component r of vector c
+            const E<T>* z = buf + std::ptrdiff_t(fam.z_block) * n * n;
+            for (int r = 0; r < n; ++r)
+                for (int j = 0; j < n; ++j) store(d0.at(k, r, j), T(z[j * n + r]));
+            if constexpr (fam.copy_block != 0) {
+                const E<T>* y = buf + std::ptrdiff_t(fam.copy_block) * n * n;
+                for (int r = 0; r < n; ++r)
+                    for (int j = 0; j < n; ++j) store(d1.at(k, r, j), T(y[j * n + r]));
+            }
+        }
+    }
+    return zelStsOk;
+}
+
+// The entry of every export of the four families, behind its argument
+// tests: single objects and the left/right families run their kernel on the
+// calling thread; EigenValues and EigenValuesVectors arrays fan out above
+// their limit, with per-thread scratch of the vector families' size.
+template <Op O, Str Sig, class T, Str FS>
+zelStatus entry(Call<T>& c) {
+    constexpr Form F = form_of<FS>();
+    constexpr bool array = parse<Sig>().any_array();
+    static constexpr Family fam = family(O);
+    auto run = [](const Call<T>& s) { return kernel<O, T, F, array>(s); };
+    if constexpr (!array || fam.limit < 0) {
+        return run(c);
+    } else {
+        const int n = c.widthHeight;
+        if (estimate(fam, n, c.count) <= fam.limit) return run(c);
+        int bytes = 0;
+        if constexpr (sizeof(T) == 4) w7_zelmEigenValuesVectorsGetBufSize_32f(n, &bytes);
+        else w7_zelmEigenValuesVectorsGetBufSize_64f(n, &bytes);
+        FanSpec fs{};
+        fs.form = F;
+        fs.src_arrays = 1u;
+        fs.dst_arrays = fam.sets == kNoSet ? 0u : fam.copy_block ? 3u : 1u;
+        fs.out_per_object = n;
+        fs.out2 = true;
+        fs.scratch_bytes = std::size_t(std::uint32_t(bytes));
+        fs.merge_status = true;
+        return fan_out(c, fs, run);
+    }
+}
+
+}  // namespace zel::eigengen

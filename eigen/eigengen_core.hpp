@@ -1,0 +1,951 @@
+// The general eigenproblem's core, written once for all four families:
+// Householder reduction to upper Hessenberg form, the double-shift QR
+// iteration with its budget of sweeps, the standardisation of 2x2 blocks,
+// and for the vector families the accumulated transformations, the two
+// back-substitutions with their small solves and the normalisation.
+//
+// The working matrix H lies in pBuffer with its columns contiguous (H[r][c]
+// is element c*n + r), so that copying the source row by row makes H the
+// transpose of the source. A family row of eigen/eigengen_table.hpp says how
+// the QR stage scans, shifts and reaches, and which vector sets follow.
+//
+// Types: T is the element type, in which everything stored in pBuffer is
+// held; W is the type of the scalars (float or double, see Wide<>). N is the
+// order where it is fixed at compile time (3 to 6), 0 for any order.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <type_traits>
+
+#include "eigen/eigengen_table.hpp"
+#include "frame/frame.hpp"
+
+namespace zel::eigengen {
+
+// pBuffer's element at any alignment: a 64f buffer need only be 4-byte
+// aligned on a 32-bit caller's stack.
+template <class T>
+struct Loose;
+template <>
+struct Loose<float> {
+    typedef float type __attribute__((aligned(1)));
+};
+template <>
+struct Loose<double> {
+    typedef double type __attribute__((aligned(1)));
+};
+template <class T>
+using E = typename Loose<T>::type;
+
+template <class W>
+ZEL_INLINE W sgn(W x) {
+    return x < W(0) ? W(-1) : W(1);  // +1 for -0.0 too
+}
+
+// Rounds through 32 bits and back: the shift scalars of the left/right
+// families.
+template <class W>
+ZEL_INLINE W r32(double x) {
+    return W(float(x));
+}
+
+// hyp(x, y) = sqrt(x^2 + y^2) without overflow; never below safmin2.
+template <class W, class C>
+ZEL_INLINE W hyp(W x, W y) {
+    W w = std::max(std::fabs(x), std::fabs(y));
+    const W z = std::min(std::fabs(x), std::fabs(y));
+    if (!(z < W(C::safmin))) w = w * std::sqrt(W(1) + (z * z) / (w * w));
+    if (w < W(C::safmin)) w = W(C::safmin2);
+    return w;
+}
+
+// The reflector I - tau v v^T, v = (1, x), that takes (alpha, x) to
+// (beta, 0): alpha becomes beta, x becomes the tail of v. Returns tau (0,
+// and nothing changed, when x is negligible).
+template <class W, class C, int M>
+ZEL_INLINE W reflector(W& alpha, W (&x)[M], int m) {
+    W ss = 0;
+    for (int i = 0; i < m; ++i) ss += x[i] * x[i];
+    const W xnorm = std::sqrt(ss);
+    if (xnorm < W(C::safmin)) return W(0);
+    const W beta = -sgn(alpha) * hyp<W, C>(alpha, xnorm);
+    const W tau = (beta - alpha) / beta;
+    const W f = W(1) / (alpha - beta);
+    for (int i = 0; i < m; ++i) x[i] *= f;
+    alpha = beta;
+    return tau;
+}
+
+// ---------------------------------------------------------------------------
+// The state of one object: pBuffer split into its blocks.
+template <class T, class W, int N>
+struct Object {
+    using C = Consts<T>;
+    E<T>* buf;
+    int n_;
+    int n() const { return N ? N : n_; }
+    E<T>& h(int r, int c) const { return buf[c * n() + r]; }
+    E<T>* block(int b) const { return buf + b * n() * n(); }
+    W hw(int r, int c) const { return W(h(r, c)); }
+};
+
+// Matrix element (r, c) of a column-contiguous block of order n.
+template <class T>
+ZEL_INLINE E<T>& at(E<T>* b, int n, int r, int c) {
+    return b[c * n + r];
+}
+
+// ---------------------------------------------------------------------------
+// Phase 1: reduction to Hessenberg form in the element type. Reflector k
+// stays in column k below the subdiagonal (v[k+1] = 1 implied), its scalar
+// in tau[k].
+template <class T, class W, int N>
+void reduce(const Object<T, W, N>& o, E<T>* tau) {
+    using C = Consts<T>;
+    const int n = o.n();
+    for (int k = 0; k + 2 <= n; ++k) {
+        // reflector on alpha = H[k+1][k], x = H[k+2..n-1][k]
+        T ss = 0;
+        for (int i = k + 2; i < n; ++i) ss += T(o.h(i, k)) * T(o.h(i, k));
+        const T xnorm = std::sqrt(ss);
+        const T alpha = o.h(k + 1, k);
+        T t = 0, beta = alpha;
+        if (!(xnorm < C::safmin)) {
+            beta = -sgn(alpha) * hyp<T, C>(alpha, xnorm);
+            t = (beta - alpha) / beta;
+            const T f = T(1) / (alpha - beta);
+            for (int i = k + 2; i < n; ++i) o.h(i, k) = T(o.h(i, k)) * f;
+        }
+        tau[k] = t;
+        o.h(k + 1, k) = T(1);
+        if (std::fabs(t) > C::safmin) {
+            // from the right: every row j, over columns k+1..n-1
+            for (int j = 0; j < n; ++j) {
+                T w = 0;
+                for (int c = k + 1; c < n; ++c) w += T(o.h(j, c)) * T(o.h(c, k));
+                for (int c = k + 1; c < n; ++c) o.h(j, c) = T(o.h(j, c)) - (t * T(o.h(c, k))) * w;
+            }
+            // from the left: every column c > k, over rows k+1..n-1
+            for (int c = k + 1; c < n; ++c) {
+                T w = 0;
+                for (int r = k + 1; r < n; ++r) w += T(o.h(r, c)) * T(o.h(r, k));
+                for (int r = k + 1; r < n; ++r) o.h(r, c) = T(o.h(r, c)) - (t * T(o.h(r, k))) * w;
+            }
+        }
+        o.h(k + 1, k) = beta;
+    }
+}
+
+template <class T, class W, int N>
+void clear_below_subdiagonal(const Object<T, W, N>& o) {
+    const int n = o.n();
+    for (int c = 0; c < n; ++c)
+        for (int r = c + 2; r < n; ++r) o.h(r, c) = T(0);
+}
+
+// Q = P[0] P[1] ... P[n-2] into block q, last reflector first, in the
+// element type.
+template <class T, class W, int N>
+void form_q(const Object<T, W, N>& o, E<T>* q, const E<T>* tau) {
+    const int n = o.n();
+    for (int c = 0; c < n; ++c)
+        for (int r = 0; r < n; ++r) at<T>(q, n, r, c) = T(r == c ? 1 : 0);
+    for (int k = n - 2; k >= 0; --k) {
+        const T t = tau[k];
+        auto v = [&](int r) { return r == k + 1 ? T(1) : T(o.h(r, k)); };
+        for (int c = k + 1; c < n; ++c) {
+            T s = 0;
+            for (int r = k + 1; r < n; ++r) s += v(r) * T(at<T>(q, n, r, c));
+            for (int r = k + 1; r < n; ++r) at<T>(q, n, r, c) = T(at<T>(q, n, r, c)) - (t * v(r)) * s;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Phase 3: a 2x2 block [a b; c d] in standard form, with the rotation that
+// takes it there.
+template <class W>
+struct Pair {
+    W a, b, c, d;
+    W cs = 1, sn = 0;
+    W y = 0;  // imaginary part of a complex pair (0: two real values)
+};
+
+template <class W, class C>
+Pair<W> standardise(W a, W b, W c, W d) {
+    Pair<W> p{a, b, c, d};
+    const W safmin = W(C::safmin);
+    if (std::fabs(c) <= safmin) return p;
+    if (std::fabs(b) <= safmin) {
+        p.a = d;
+        p.d = a;
+        p.b = -c;
+        p.c = 0;
+        p.cs = 0;
+        p.sn = 1;
+        return p;
+    }
+    const W t = a - d;
+    if (std::fabs(t) <= safmin && sgn(b) != sgn(c)) {
+        p.y = std::sqrt(std::fabs(b)) * std::sqrt(std::fabs(c));
+        return p;
+    }
+    const W pp = W(0.5) * t;
+    const W bcmax = std::max(std::fabs(b), std::fabs(c));
+    const W bcmis = std::min(std::fabs(b), std::fabs(c)) * sgn(b) * sgn(c);
+    const W scale = std::max(std::fabs(pp), bcmax);
+    W z = (pp / scale) * pp + (bcmax / scale) * bcmis;
+    if (z >= W(C::eps4)) {
+        // two real values
+        const W root = std::sqrt(scale) * std::sqrt(z);
+        z = pp > 0 ? pp + root : pp - root;
+        p.a = d + z;
+        p.d = d - (bcmax / z) * bcmis;
+        const W tau = hyp<W, C>(c, z);
+        p.cs = z / tau;
+        p.sn = c / tau;
+        p.b = b - c;
+        p.c = 0;
+        return p;
+    }
+    // equal diagonal by a rotation
+    const W sigma = b + c;
+    const W tau = hyp<W, C>(sigma, t);
+    W cs = std::sqrt(W(0.5) * (W(1) + std::fabs(sigma) / tau));
+    W sn = -(pp / (tau * cs)) * sgn(sigma);
+    const W aa = a * cs + b * sn, bb = b * cs - a * sn;
+    const W cc = c * cs + d * sn, dd = d * cs - c * sn;
+    b = bb * cs + dd * sn;
+    c = cc * cs - aa * sn;
+    const W m = W(0.5) * ((aa + dd) * cs + (cc - bb) * sn);
+    p.a = p.d = m;
+    if (std::fabs(b) > safmin && std::fabs(c) > safmin) {
+        if (sgn(b) != sgn(c)) {
+            p.y = std::sqrt(std::fabs(b)) * std::sqrt(std::fabs(c));
+        } else {
+            const W sab = std::sqrt(std::fabs(b)), sac = std::sqrt(std::fabs(c));
+            const W rt = W(1) / std::sqrt(std::fabs(b + c));
+            W v = sab * sac;
+            if (c < 0) v = -v;
+            p.a = m + v;
+            p.d = m - v;
+            const W cs1 = (cs * sab - sn * sac) * rt;
+            sn = (cs * sac + sn * sab) * rt;
+            cs = cs1;
+            b = b - c;
+            c = 0;
+        }
+    } else if (std::fabs(c) <= safmin) {
+        c = 0;
+    } else {
+        b = -c;
+        c = 0;
+        const W cs1 = -sn;
+        sn = cs;
+        cs = cs1;
+    }
+    p.b = b;
+    p.c = c;
+    p.cs = cs;
+    p.sn = sn;
+    return p;
+}
+
+// One reflector I - tau v v^T, v = (1, v1[, v2]), on R consecutive entries
+// e(0..R-1) of a row or column: s = e0 + v1 e1 + v2 e2, then e_i -= s t_i
+// with t_i = tau v_i.
+template <int R, class T, class W, class Entry>
+ZEL_INLINE void reflect(Entry e, W v1, W v2, W t1, W t2, W t3) {
+    W s = W(e(0)) + v1 * W(e(1));
+    if constexpr (R == 3) s = s + v2 * W(e(2));
+    e(0) = T(W(e(0)) - s * t1);
+    e(1) = T(W(e(1)) - s * t2);
+    if constexpr (R == 3) e(2) = T(W(e(2)) - s * t3);
+}
+
+// ---------------------------------------------------------------------------
+// Phase 2: the double-shift QR iteration of family F. Values are stored as
+// they split off; for the vector families H ends as the Schur form T and Z
+// (block F.z_block) holds the accumulated transformations.
+template <Family F, class T, class W, int N>
+zelStatus qr(const Object<T, W, N>& o, T* re, T* im) {
+    using C = Consts<T>;
+    constexpr bool whole = F.reach == Reach::Whole;
+    constexpr bool rounded = F.shifts == Shifts::Rounded32;
+    const int n = o.n();
+    const W eps = W(C::eps), safmin = W(C::safmin), tiny = W(kTiny32);
+    const W smlnum = W(n) * W(C::small_unit);
+    E<T>* z = whole ? o.block(F.z_block) : nullptr;
+    auto ab = [&](int r, int c) { return std::fabs(o.hw(r, c)); };
+
+    int itn = kSweepsPerOrder * n;
+    int hi = n - 1;
+    // The start vector. The left/right families may keep it from the sweep
+    // before; before their first sweep it is e1, whose reflector is the
+    // identity.
+    W u1 = 1, u2 = 0, u3 = 0;
+    while (hi >= 0) {
+        int lo = 0, its = 0;
+        for (; its < itn; ++its) {
+            // scan for a negligible subdiagonal
+            int k = hi;
+            if constexpr (F.scan == Scan::Absolute) {
+                while (k > lo && ab(k, k - 1) > eps) --k;
+            } else {
+                for (; k > lo; --k) {
+                    W t = ab(k - 1, k - 1) + ab(k, k);
+                    if (t <= safmin) {
+                        t = 0;
+                        for (int c = lo; c <= hi; ++c) {
+                            W s = 0;
+                            for (int r = lo; r <= std::min(c + 1, hi); ++r) s += ab(r, c);
+                            t = std::max(t, s);
+                        }
+                    }
+                    if (ab(k, k - 1) <= std::max(eps * t, smlnum)) break;
+                }
+            }
+            lo = k;
+            if (lo > 0) o.h(lo, lo - 1) = T(0);
+            if (lo >= hi - 1) break;
+
+            // shifts
+            W h33, h44, hh;
+            if (its == kExceptional1 || its == kExceptional2) {
+                if constexpr (rounded) {
+                    const W s = W(float(std::fabs(float(o.hw(hi, hi - 1)))) + float(std::fabs(float(o.hw(hi - 1, hi - 2)))));
+                    h44 = r32<W>(W(kExShift) * s + o.hw(hi, hi));
+                    hh = r32<W>(W(kExShiftSq) * s * s);
+                } else {
+                    const W s = ab(hi, hi - 1) + ab(hi - 1, hi - 2);
+                    h44 = W(kExShift) * s + o.hw(hi, hi);
+                    hh = W(kExShiftSq) * s * s;
+                }
+                h33 = h44;
+            } else if constexpr (rounded) {
+                h44 = r32<W>(o.hw(hi, hi));
+                h33 = r32<W>(o.hw(hi - 1, hi - 1));
+                hh = r32<W>(o.hw(hi, hi - 1) * o.hw(hi - 1, hi));
+                const W half = r32<W>((h33 - h44) * W(0.5));
+                const W disc = r32<W>(half * half + hh);
+                if (disc > tiny) {
+                    const W root = r32<W>(std::sqrt(disc));
+                    const W ave = W(0.5) * (h33 + h44);
+                    const W g = -h44 > h33 ? ave - root : ave + root;
+                    const W rg = std::fabs(g) > tiny ? W(1) / g : g;
+                    h44 = r32<W>(std::fabs(h33) > std::fabs(h44) ? rg * (h33 * h44 - hh) : g);
+                    h33 = h44;
+                    hh = 0;
+                }
+            } else {
+                h44 = o.hw(hi, hi);
+                h33 = o.hw(hi - 1, hi - 1);
+                hh = o.hw(hi, hi - 1) * o.hw(hi - 1, hi);
+                const W half = (h33 - h44) * W(0.5);
+                const W disc = half * half + hh;
+                if (disc > 0) {
+                    // real roots: the one nearer the corner, twice
+                    const W ave = W(0.5) * (h33 + h44);
+                    const W q = sgn(ave) * std::sqrt(disc);
+                    h44 = std::fabs(h33) - std::fabs(h44) > 0 ? (h33 * h44 - hh) / (q + ave) : q + ave;
+                    h33 = h44;
+                    hh = 0;
+                }
+            }
+
+            // start row
+            int m = hi - 2;
+            for (;; --m) {
+                if constexpr (rounded) {
+                    if (ab(m + 1, m) <= tiny) break;
+                    const W h11 = r32<W>(o.hw(m, m)), h22 = r32<W>(o.hw(m + 1, m + 1));
+                    const W h21 = r32<W>(o.hw(m + 1, m)), h12 = r32<W>(o.hw(m, m + 1));
+                    const W a = r32<W>(h44 - h11), b = r32<W>(h33 - h11);
+                    u1 = (b * a - hh) / h21 + h12;
+                    u2 = h22 - h11 - a - b;
+                    u3 = o.hw(m + 2, m + 1);
+                    const W s = r32<W>(double(std::fabs(u1)) + double(std::fabs(u2)) + double(std::fabs(u3)));
+                    const W rs = std::fabs(s) > tiny ? W(1) / s : s;
+                    u1 *= rs;
+                    u2 *= rs;
+                    u3 *= rs;
+                    if (m == lo) break;
+                    const float left = float(std::fabs(u1)) * (float(ab(m - 1, m - 1)) + float(std::fabs(h11)) +
+                                                               float(std::fabs(h22)));
+                    const float right = float(ab(m, m - 1)) * (float(std::fabs(u2)) + float(std::fabs(u3)));
+                    if (W(C::eps) * W(left) >= W(right)) break;
+                } else {
+                    const W h11 = o.hw(m, m), h22 = o.hw(m + 1, m + 1);
+                    const W h21 = o.hw(m + 1, m), h12 = o.hw(m, m + 1);
+                    const W a = h44 - h11, b = h33 - h11;
+                    u1 = (b * a - hh) / h21 + h12;
+                    u2 = h22 - h11 - a - b;
+                    u3 = o.hw(m + 2, m + 1);
+                    // the sum passes through double in the float kernels too
+                    const W s = W(double(std::fabs(u1)) + double(std::fabs(u2)) + double(std::fabs(u3)));
+                    u1 /= s;
+                    u2 /= s;
+                    u3 /= s;
+                    if (m == lo) break;
+                    if (eps * std::fabs(u1) * (ab(m - 1, m - 1) + std::fabs(h11) + std::fabs(h22)) >=
+                        ab(m, m - 1) * (std::fabs(u2) + std::fabs(u3)))
+                        break;
+                }
+            }
+
+            // the sweep: chase the bulge from m down to hi
+            for (int k2 = m; k2 < hi; ++k2) {
+                const int nr = std::min(3, hi - k2 + 1);
+                W v0, x[2];
+                if (k2 == m) {
+                    v0 = u1;
+                    x[0] = u2;
+                    x[1] = u3;
+                } else {
+                    v0 = o.hw(k2, k2 - 1);
+                    x[0] = o.hw(k2 + 1, k2 - 1);
+                    x[1] = nr == 3 ? o.hw(k2 + 2, k2 - 1) : W(0);
+                }
+                const W t1 = reflector<W, C>(v0, x, nr - 1);
+                if (k2 > m) {
+                    o.h(k2, k2 - 1) = T(v0);
+                    o.h(k2 + 1, k2 - 1) = T(0);
+                    if (k2 < hi - 1) o.h(k2 + 2, k2 - 1) = T(0);
+                } else if (m > lo) {
+                    o.h(k2, k2 - 1) = T(-o.hw(k2, k2 - 1));
+                }
+                const W v1 = x[0], v2 = x[1];
+                const W t2 = t1 * v1, t3 = t1 * v2;
+                const int jend = whole ? n - 1 : hi;
+                const int rbeg = whole ? 0 : lo;
+                const int rend = std::min(k2 + 3, hi);
+                // rows k2.. of columns k2..jend, columns k2.. of rows rbeg..rend, and Z
+                auto apply = [&]<int R>() {
+                    for (int j = k2; j <= jend; ++j)
+                        reflect<R, T, W>([&](int i) -> E<T>& { return o.h(k2 + i, j); }, v1, v2, t1, t2, t3);
+                    for (int j = rbeg; j <= rend; ++j)
+                        reflect<R, T, W>([&](int i) -> E<T>& { return o.h(j, k2 + i); }, v1, v2, t1, t2, t3);
+                    if constexpr (whole)
+                        for (int j = 0; j < n; ++j)
+                            reflect<R, T, W>([&](int i) -> E<T>& { return at<T>(z, n, j, k2 + i); }, v1, v2, t1, t2,
+                                             t3);
+                };
+                if (nr == 3) apply.template operator()<3>();
+                else apply.template operator()<2>();
+            }
+        }
+        if (lo < hi - 1) return zelStsErrNoConvergence;
+
+        if (lo == hi) {
+            store(re + hi, T(o.h(hi, hi)));
+            store(im + hi, T(0));
+        } else {
+            const Pair<W> p = standardise<W, C>(o.hw(hi - 1, hi - 1), o.hw(hi - 1, hi), o.hw(hi, hi - 1), o.hw(hi, hi));
+            store(re + hi - 1, T(p.a));
+            store(re + hi, T(p.d));
+            store(im + hi - 1, T(p.y));
+            store(im + hi, T(-p.y));
+            if constexpr (whole) {
+                o.h(hi - 1, hi - 1) = T(p.a);
+                o.h(hi - 1, hi) = T(p.b);
+                o.h(hi, hi - 1) = T(p.c);
+                o.h(hi, hi) = T(p.d);
+                const W cs = p.cs, sn = p.sn;
+                auto rot = [cs, sn](E<T>& pe, E<T>& qe) {
+                    const W pv = W(pe), qv = W(qe);
+                    pe = T(cs * pv + sn * qv);
+                    qe = T(cs * qv - sn * pv);
+                };
+                for (int j = hi + 1; j < n; ++j) rot(o.h(hi - 1, j), o.h(hi, j));
+                for (int j = 0; j + 2 <= hi; ++j) rot(o.h(j, hi - 1), o.h(j, hi));
+                for (int j = 0; j < n; ++j) rot(at<T>(z, n, j, hi - 1), at<T>(z, n, j, hi));
+            }
+        }
+        itn -= its;
+        hi = lo - 1;
+    }
+    return zelStsOk;
+}
+
+// ---------------------------------------------------------------------------
+// Small solves: (C - w) X = scale * B for a 1x1 or 2x2 block C of T (its
+// transpose in the second set), w = wr + i wi, with X kept from overflow by
+// scale <= 1. xnorm is the largest magnitude of X.
+template <class W>
+struct Solved {
+    W xr[2], xi[2];
+    W scale = 1, xnorm = 0;
+    bool failed = false;  // every entry of a 2x2 block below smini
+};
+
+// One complex quotient (br + i bi) / (cr + i ci), formed directly.
+template <class W>
+ZEL_INLINE void cdiv(W br, W bi, W cr, W ci, W& xr, W& xi) {
+    const W d = cr * cr + ci * ci;
+    xr = (br * cr + bi * ci) / d;
+    xi = (bi * cr - br * ci) / d;
+}
+
+template <class W, class C>
+Solved<W> solve1(W t, W wr, W wi, bool cplx, W br, W bi, W smini) {
+    Solved<W> s;
+    const W bignum2 = W(C::bignum2);
+    W cr = t - wr, ci = -wi;
+    if (!cplx) {
+        if (std::fabs(cr) < smini) cr = smini;
+        const W bn = std::fabs(br), cn = std::fabs(cr);
+        if (cn < 1 && bn > 1 && bn > bignum2 * cn) s.scale = W(1) / bn;
+        s.xr[0] = (br * s.scale) / cr;
+        s.xi[0] = 0;
+        s.xnorm = std::fabs(s.xr[0]);
+        return s;
+    }
+    if (std::fabs(cr) + std::fabs(ci) < smini) {
+        cr = smini;
+        ci = 0;
+    }
+    const W bn = std::fabs(br) + std::fabs(bi), cn = std::fabs(cr) + std::fabs(ci);
+    if (cn < 1 && bn > 1 && bn > bignum2 * cn) s.scale = W(1) / bn;
+    cdiv(s.scale * br, s.scale * bi, cr, ci, s.xr[0], s.xi[0]);
+    s.xnorm = std::fabs(s.xr[0]) + std::fabs(s.xi[0]);
+    return s;
+}
+
+// 2x2 by Gaussian elimination with complete pivoting. c holds c11, c21, c12,
+// c22 of the block as it enters (already transposed for the second set).
+template <class W, class C>
+Solved<W> solve2(const W (&blk)[4], W wr, W wi, bool cplx, const W (&br)[2], const W (&bi)[2], W smini) {
+    static constexpr int piv[4][4] = {{0, 1, 2, 3}, {1, 0, 3, 2}, {2, 3, 0, 1}, {3, 2, 1, 0}};
+    static constexpr bool rswap[4] = {false, true, false, true}, zswap[4] = {false, false, true, true};
+    const W bignum2 = W(C::bignum2);
+    Solved<W> s;
+    W cr[4], ci[4] = {-wi, 0, 0, -wi};
+    for (int i = 0; i < 4; ++i) cr[i] = blk[i] - (i == 0 || i == 3 ? wr : W(0));
+    if (!cplx) ci[0] = ci[3] = 0;
+    W cmax = 0;
+    int ic = 0;
+    for (int i = 0; i < 4; ++i) {
+        const W mag = std::fabs(cr[i]) + std::fabs(ci[i]);
+        if (mag > cmax) {
+            cmax = mag;
+            ic = i;
+        }
+    }
+    if (cmax < smini) {
+        // Every entry negligible: the block is taken as smini times the
+        // identity (a real vector goes on with it; a complex one fails).
+        s.failed = cplx;
+        const W bn = std::max(std::fabs(br[0]) + std::fabs(bi[0]), std::fabs(br[1]) + std::fabs(bi[1]));
+        if (smini < 1 && bn > 1 && bn > bignum2 * smini) s.scale = W(1) / bn;
+        const W f = s.scale / smini;
+        for (int i = 0; i < 2; ++i) {
+            s.xr[i] = f * br[i];
+            s.xi[i] = f * bi[i];
+        }
+        s.xnorm = f * bn;
+        return s;
+    }
+    const W u11 = cr[ic], c21 = cr[piv[ic][1]], u12 = cr[piv[ic][2]], c22 = cr[piv[ic][3]];
+    W b1r = br[0], b2r = br[1], b1i = bi[0], b2i = bi[1];
+    if (rswap[ic]) {
+        std::swap(b1r, b2r);
+        std::swap(b1i, b2i);
+    }
+    W x1r, x1i = 0, x2r, x2i = 0;
+    if (!cplx) {
+        const W u11r = W(1) / u11;
+        const W l21 = u11r * c21;
+        W u22 = c22 - u12 * l21;
+        if (std::fabs(u22) < smini) u22 = smini;
+        b2r = b2r - l21 * b1r;
+        const W bbnd = std::max(std::fabs(b1r * (u22 * u11r)), std::fabs(b2r));
+        if (bbnd > 1 && std::fabs(u22) < 1 && bbnd >= bignum2 * std::fabs(u22)) s.scale = W(1) / bbnd;
+        x2r = (b2r * s.scale) / u22;
+        x1r = (s.scale * b1r) * u11r - x2r * (u11r * u12);
+    } else {
+        const W ui11 = ci[ic], ci21 = ci[piv[ic][1]], ui12 = ci[piv[ic][2]], ci22 = ci[piv[ic][3]];
+        W u11r, u11i, l21r, l21i, u12sr, u12si, u22r, u22i;
+        if (ic == 0 || ic == 3) {
+            // the pivot is complex, the entries beside and below it real
+            if (std::fabs(u11) > std::fabs(ui11)) {
+                const W q = ui11 / u11;
+                u11r = W(1) / (u11 * (W(1) + q * q));
+                u11i = -q * u11r;
+            } else {
+                const W q = u11 / ui11;
+                u11i = -W(1) / (ui11 * (W(1) + q * q));
+                u11r = -q * u11i;
+            }
+            l21r = c21 * u11r;
+            l21i = c21 * u11i;
+            u12sr = u12 * u11r;
+            u12si = u12 * u11i;
+            u22r = c22 - u12 * l21r;
+            u22i = ci22 - u12 * l21i;
+        } else {
+            // the pivot is real, the diagonal entries complex
+            u11r = W(1) / u11;
+            u11i = 0;
+            l21r = c21 * u11r;
+            l21i = ci21 * u11r;
+            u12sr = u12 * u11r;
+            u12si = ui12 * u11r;
+            u22r = c22 - u12 * l21r + ui12 * l21i;
+            u22i = -u12 * l21i - ui12 * l21r;
+        }
+        const W u22abs = std::fabs(u22r) + std::fabs(u22i);
+        if (u22abs < smini) {
+            u22r = smini;
+            u22i = 0;
+        }
+        const W nb2r = b2r - l21r * b1r + l21i * b1i;
+        const W nb2i = b2i - l21i * b1r - l21r * b1i;
+        b2r = nb2r;
+        b2i = nb2i;
+        const W bbnd = std::max((std::fabs(b1r) + std::fabs(b1i)) * (u22abs * (std::fabs(u11r) + std::fabs(u11i))),
+                                std::fabs(b2r) + std::fabs(b2i));
+        if (bbnd > 1 && u22abs < 1 && bbnd >= bignum2 * u22abs) {
+            s.scale = W(1) / bbnd;
+            b1r *= s.scale;
+            b1i *= s.scale;
+            b2r *= s.scale;
+            b2i *= s.scale;
+        }
+        cdiv(b2r, b2i, u22r, u22i, x2r, x2i);
+        x1r = u11r * b1r - u11i * b1i - u12sr * x2r + u12si * x2i;
+        x1i = u11i * b1r + u11r * b1i - u12si * x2r - u12sr * x2i;
+    }
+    if (zswap[ic]) {
+        std::swap(x1r, x2r);
+        std::swap(x1i, x2i);
+    }
+    s.xr[0] = x1r;
+    s.xr[1] = x2r;
+    s.xi[0] = x1i;
+    s.xi[1] = x2i;
+    s.xnorm = std::max(std::fabs(x1r) + std::fabs(x1i), std::fabs(x2r) + std::fabs(x2i));
+    if (s.xnorm > 1 && cmax > 1 && s.xnorm > bignum2 / cmax) {
+        const W f = cmax * W(C::safmin2);
+        for (int i = 0; i < 2; ++i) {
+            s.xr[i] *= f;
+            s.xi[i] *= f;
+        }
+        s.xnorm *= f;
+        s.scale *= f;
+    }
+    return s;
+}
+
+// ---------------------------------------------------------------------------
+// The vector phases on the Schur form T (in H) and a block V that holds Z.
+template <class T, class W, int N>
+struct Vectors {
+    using C = Consts<T>;
+    const Object<T, W, N>& o;
+    E<T>* colsum;  // s[j] = sum over i < j of |T[i][j]|
+    E<T>* re;
+    E<T>* im;
+
+    int n() const { return o.n(); }
+    W t(int r, int c) const { return o.hw(r, c); }
+    W smlnum() const { return W(n()) * W(C::small_unit); }
+    W bignum() const { return W(C::big_num) / smlnum(); }
+
+    void column_sums() const {
+        colsum[0] = T(0);
+        for (int j = 1; j < n(); ++j) {
+            W s = 0;
+            for (int i = 0; i < j; ++i) s += std::fabs(t(i, j));
+            colsum[j] = T(s);
+        }
+    }
+
+    // x[lo..hi] *= f
+    void scale_vector(int lo, int hi, W f, bool cplx) const {
+        for (int k = lo; k <= hi; ++k) {
+            re[k] = T(W(re[k]) * f);
+            if (cplx) im[k] = T(W(im[k]) * f);
+        }
+    }
+
+    // The eigenvalue at ki (a pair at ki, ki+1 when `pair`): wr, wi, smini.
+    struct Shift {
+        W wr, wi, smini;
+    };
+    Shift shift_of(W wr, W wi) const {
+        const W smin = std::max(W(C::eps) * (std::fabs(wr) + std::fabs(wi)), smlnum());
+        return {wr, wi, std::max(smin, W(C::safmin2))};
+    }
+
+    // First set: H x = lambda x, ki descending, back-transformed by the
+    // columns of V to the left of ki. Returns a status.
+    zelStatus first_set(E<T>* v) const {
+        const int n = this->n();
+        const W safmin = W(C::safmin);
+        for (int ki = n - 1; ki >= 0; --ki) {
+            const bool pair = ki > 0 && std::fabs(t(ki, ki - 1)) > safmin;
+            const W wi = pair ? std::sqrt(std::fabs(t(ki, ki - 1))) * std::sqrt(std::fabs(t(ki - 1, ki))) : W(0);
+            const Shift sh = shift_of(t(ki, ki), wi);
+            int top;  // the last position of the vector's own block
+            if (!pair) {
+                re[ki] = T(1);
+                for (int k = 0; k < ki; ++k) re[k] = T(-t(k, ki));
+                top = ki - 1;
+            } else {
+                W r1, i2;
+                if (std::fabs(t(ki - 1, ki)) > std::fabs(t(ki, ki - 1))) {
+                    r1 = 1;
+                    i2 = wi / t(ki - 1, ki);
+                } else {
+                    r1 = -wi / t(ki, ki - 1);
+                    i2 = 1;
+                }
+                re[ki - 1] = T(r1);
+                im[ki] = T(i2);
+                re[ki] = T(0);
+                im[ki - 1] = T(0);
+                for (int k = 0; k < ki - 1; ++k) {
+                    re[k] = T(-W(re[ki - 1]) * t(k, ki - 1));
+                    im[k] = T(-W(im[ki]) * t(k, ki));
+                }
+                top = ki - 2;
+            }
+            for (int j = top; j >= 0;) {
+                const bool blk2 = j > 0 && std::fabs(t(j, j - 1)) > safmin;
+                const int j1 = blk2 ? j - 1 : j;
+                Solved<W> x;
+                if (!blk2) {
+                    x = solve1<W, C>(t(j, j), sh.wr, sh.wi, pair, W(re[j]), pair ? W(im[j]) : W(0), sh.smini);
+                } else {
+                    const W blk[4] = {t(j1, j1), t(j, j1), t(j1, j), t(j, j)};
+                    const W br[2] = {W(re[j1]), W(re[j])};
+                    const W bi[2] = {pair ? W(im[j1]) : W(0), pair ? W(im[j]) : W(0)};
+                    x = solve2<W, C>(blk, sh.wr, sh.wi, pair, br, bi, sh.smini);
+                    if (x.failed) return zelStsErrGeneric;
+                }
+                // growth guard against the columns above the block
+                const W cs = blk2 ? std::max(W(colsum[j1]), W(colsum[j])) : W(colsum[j]);
+                if (x.xnorm > 1 && cs > bignum() / x.xnorm) {
+                    for (int i = 0; i < 2; ++i) {
+                        x.xr[i] /= x.xnorm;
+                        x.xi[i] /= x.xnorm;
+                    }
+                    x.scale /= x.xnorm;
+                }
+                if (std::fabs(x.scale - 1) > safmin) scale_vector(0, ki, x.scale, pair);
+                for (int b = 0; b <= j - j1; ++b) {
+                    const int jj = j1 + b;
+                    re[jj] = T(x.xr[b]);
+                    if (pair) im[jj] = T(x.xi[b]);
+                    for (int k = 0; k < j1; ++k) {
+                        re[k] = T(W(re[k]) - x.xr[b] * t(k, jj));
+                        if (pair) im[k] = T(W(im[k]) - x.xi[b] * t(k, jj));
+                    }
+                }
+                j = j1 - 1;
+            }
+            // back-transform over columns 0..top of V
+            if (!pair) {
+                transform(v, ki, 0, top, re, W(re[ki]));
+            } else {
+                transform(v, ki - 1, 0, top, re, W(re[ki - 1]));
+                transform(v, ki, 0, top, im, W(im[ki]));
+                if (!scale_pair(v, ki - 1, true)) return zelStsErrNoConvergence;
+                --ki;
+            }
+        }
+        return zelStsOk;
+    }
+
+    // Second set: y^H H = lambda y^H, ki ascending, back-transformed by the
+    // columns of V to the right of the vector's block.
+    zelStatus second_set(E<T>* v) const {
+        const int n = this->n();
+        const W safmin = W(C::safmin);
+        for (int ki = 0; ki < n; ++ki) {
+            const bool pair = ki < n - 1 && std::fabs(t(ki + 1, ki)) > safmin;
+            const W wi = pair ? std::sqrt(std::fabs(t(ki + 1, ki))) * std::sqrt(std::fabs(t(ki, ki + 1))) : W(0);
+            // the solves use the shift wr - i wi
+            const Shift sh = shift_of(t(ki, ki), wi);
+            int first;  // the first position below the vector's own block
+            if (!pair) {
+                re[ki] = T(1);
+                for (int k = ki + 1; k < n; ++k) re[k] = T(-t(ki, k));
+                first = ki + 1;
+            } else {
+                W r1, i2;
+                if (std::fabs(t(ki, ki + 1)) >= std::fabs(t(ki + 1, ki))) {
+                    r1 = wi / t(ki, ki + 1);
+                    i2 = 1;
+                } else {
+                    r1 = 1;
+                    i2 = -wi / t(ki + 1, ki);
+                }
+                re[ki] = T(r1);
+                im[ki + 1] = T(i2);
+                re[ki + 1] = T(0);
+                im[ki] = T(0);
+                for (int k = ki + 2; k < n; ++k) {
+                    re[k] = T(-W(re[ki]) * t(ki, k));
+                    im[k] = T(-W(im[ki + 1]) * t(ki + 1, k));
+                }
+                first = ki + 2;
+            }
+            for (int j = first; j < n;) {
+                const bool blk2 = j < n - 1 && std::fabs(t(j + 1, j)) > safmin;
+                const int j2 = blk2 ? j + 1 : j;
+                // the right-hand side less the part solved so far
+                W br[2], bi[2] = {0, 0};
+                for (int b = 0; b <= j2 - j; ++b) {
+                    const int jj = j + b;
+                    W sr = 0, si = 0;
+                    for (int k = first; k < j; ++k) {
+                        sr += t(k, jj) * W(re[k]);
+                        if (pair) si += t(k, jj) * W(im[k]);
+                    }
+                    br[b] = W(re[jj]) - sr;
+                    if (pair) bi[b] = W(im[jj]) - si;
+                }
+                Solved<W> x;
+                if (!blk2) {
+                    x = solve1<W, C>(t(j, j), sh.wr, -sh.wi, pair, br[0], bi[0], sh.smini);
+                } else {
+                    // the transposed block
+                    const W blk[4] = {t(j, j), t(j, j2), t(j2, j), t(j2, j2)};
+                    x = solve2<W, C>(blk, sh.wr, -sh.wi, pair, br, bi, sh.smini);
+                    if (x.failed) return zelStsErrGeneric;
+                }
+                if (std::fabs(x.scale - 1) > safmin) scale_vector(ki, n - 1, x.scale, pair);
+                for (int b = 0; b <= j2 - j; ++b) {
+                    re[j + b] = T(x.xr[b]);
+                    if (pair) im[j + b] = T(x.xi[b]);
+                }
+                j = j2 + 1;
+            }
+            if (!pair) {
+                transform(v, ki, first, n - 1, re, W(re[ki]));
+            } else {
+                transform(v, ki, first, n - 1, re, W(re[ki]));
+                transform(v, ki + 1, first, n - 1, im, W(im[ki + 1]));
+                scale_pair(v, ki, false);
+                ++ki;
+            }
+        }
+        return zelStsOk;
+    }
+
+    // Column c of V becomes V[:, lo..hi] x[lo..hi] + x_c V[:, c].
+    void transform(E<T>* v, int c, int lo, int hi, const E<T>* x, W xc) const {
+        const int n = this->n();
+        for (int r = 0; r < n; ++r) {
+            W s = 0;
+            for (int k = lo; k <= hi; ++k) s += W(at<T>(v, n, r, k)) * W(x[k]);
+            at<T>(v, n, r, c) = T(s + xc * W(at<T>(v, n, r, c)));
+        }
+    }
+
+    // A complex vector in columns c, c+1 divided by its largest |re| + |im|.
+    // The first set fails on a vector that small; the second leaves it.
+    bool scale_pair(E<T>* v, int c, bool first) const {
+        const int n = this->n();
+        W emax = 0;
+        for (int r = 0; r < n; ++r)
+            emax = std::max(emax, std::fabs(W(at<T>(v, n, r, c))) + std::fabs(W(at<T>(v, n, r, c + 1))));
+        if (first ? emax <= W(C::eps) : emax <= W(C::safmin)) return !first;
+        const W f = W(1) / emax;
+        for (int r = 0; r < n; ++r) {
+            at<T>(v, n, r, c) = T(W(at<T>(v, n, r, c)) * f);
+            at<T>(v, n, r, c + 1) = T(W(at<T>(v, n, r, c + 1)) * f);
+        }
+        return true;
+    }
+
+    // Unit 2-norm for each vector; a complex one turned so that its largest
+    // component is real.
+    void normalise(E<T>* v, const T* val_im) const {
+        const int n = this->n();
+        const W safmin = W(C::safmin);
+        for (int j = 0; j < n; ++j) {
+            if (!(std::fabs(W(load(val_im + j))) < safmin) && j + 1 < n) {
+                W q = 0;
+                for (int r = 0; r < n; ++r) {
+                    const W a = W(at<T>(v, n, r, j)), b = W(at<T>(v, n, r, j + 1));
+                    q += a * a + b * b;
+                }
+                const W f = W(1) / std::sqrt(q);
+                W big = -1;
+                int kb = 0;
+                for (int r = 0; r < n; ++r) {
+                    const W a = W(at<T>(v, n, r, j)) * f, b = W(at<T>(v, n, r, j + 1)) * f;
+                    at<T>(v, n, r, j) = T(a);
+                    at<T>(v, n, r, j + 1) = T(b);
+                    const W a2 = W(T(a)), b2 = W(T(b));
+                    if (a2 * a2 + b2 * b2 > big) {
+                        big = a2 * a2 + b2 * b2;
+                        kb = r;
+                    }
+                }
+                const W a = W(at<T>(v, n, kb, j)), b = W(at<T>(v, n, kb, j + 1));
+                const W rr = std::sqrt(a * a + b * b);
+                W cs = a / rr, sn = b / rr;
+                if (std::fabs(a) > std::fabs(b) && cs < 0) {
+                    cs = -cs;
+                    sn = -sn;
+                }
+                for (int r = 0; r < n; ++r) {
+                    const W x = W(at<T>(v, n, r, j)), y = W(at<T>(v, n, r, j + 1));
+                    at<T>(v, n, r, j) = T(cs * x + sn * y);
+                    at<T>(v, n, r, j + 1) = T(cs * y - sn * x);
+                }
+                ++j;
+            } else {
+                W q = 0;
+                for (int r = 0; r < n; ++r) q += W(at<T>(v, n, r, j)) * W(at<T>(v, n, r, j));
+                if (q > safmin) {
+                    const W f = W(1) / std::sqrt(q);
+                    for (int r = 0; r < n; ++r) at<T>(v, n, r, j) = T(W(at<T>(v, n, r, j)) * f);
+                }
+            }
+        }
+    }
+};
+
+// ---------------------------------------------------------------------------
+// One object of family F whose source is already in pBuffer (row by row):
+// values to re/im, vectors left in their blocks.
+template <Family F, class T, class W, int N>
+__attribute__((noinline)) zelStatus solve_object(E<T>* buf, int n_rt, T* re, T* im) {
+    const Object<T, W, N> o{buf, n_rt};
+    const int n = o.n();
+    const int nn = n * n;
+    E<T>* work = o.block(F.work_block);
+    E<T>* tau = F.sets ? work + 3 * n : work;
+    reduce(o, tau);
+    if constexpr (F.sets != kNoSet) {
+        form_q(o, o.block(F.z_block), tau);
+    }
+    clear_below_subdiagonal(o);
+    const zelStatus st = qr<F, T, W, N>(o, re, im);
+    if (st != zelStsOk || F.sets == kNoSet) return st;
+
+    const Vectors<T, W, N> vec{o, work, work + n, work + 2 * n};
+    vec.column_sums();
+    E<T>* z = o.block(F.z_block);
+    E<T>* second = F.copy_block ? o.block(F.copy_block) : z;
+    if (F.copy_block)
+        for (int i = 0; i < nn; ++i) second[i] = z[i];
+    if constexpr ((F.sets & kFirst) != 0) {
+        const zelStatus s1 = vec.first_set(z);
+        if (s1 != zelStsOk) return s1;
+        vec.normalise(z, im);
+    }
+    if constexpr ((F.sets & kSecond) != 0) {
+        const zelStatus s2 = vec.second_set(second);
+        if (s2 != zelStsOk) return s2;
+        vec.normalise(second, im);
+    }
+    return zelStsOk;
+}
+
+}  // namespace zel::eigengen

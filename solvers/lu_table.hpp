@@ -1,0 +1,67 @@
+// LU decomposition and back-substitution: their quirks as data. Which orders
+// run straight-line code, the pivot thresholds of each path, when a kernel
+// stores a finished row, where the back-substitution divides and where it
+// multiplies by reciprocals, how the generic paths sum, and when an array
+// call goes to the parallel wrapper. solvers/lu.hpp reads these tables; the
+// tests iterate them.
+#pragma once
+
+#include <string_view>
+
+#include "solvers/triangular.hpp"
+
+namespace zel::lu {
+
+using tri::Kern;
+
+// Orders with straight-line code from a local copy, in every kernel of both
+// operations; every other order (1, 2, 7 and up) runs the generic path.
+inline constexpr int kFixedLo = 3, kFixedHi = 6;
+constexpr bool fixed_order(int n) { return n >= kFixedLo && n <= kFixedHi; }
+
+// The pivot tests. The fixed-order paths fail when the pivot's magnitude is
+// below twice the smallest normal number (so equality passes) and test after
+// the table exchange; the generic path fails at or below the unit roundoff
+// and tests before it. Neither scales with the order or the entries, and a
+// NaN magnitude passes both.
+template <class T>
+struct Pivot;
+template <>
+struct Pivot<float> {
+    static constexpr float fixed = 0x1p-125f;   // singular when below
+    static constexpr float generic = 0x1p-23f;  // singular when at or below
+};
+template <>
+struct Pivot<double> {
+    static constexpr double fixed = 0x1p-1021;
+    static constexpr double generic = 0x1p-52;
+};
+
+// When the fixed-order decomposition stores a finished row: the rows of the
+// standard and list kernels go to memory as their stage ends (a failure
+// leaves the finished pivot rows behind), the pointer kernels store nothing
+// until the last pivot has passed.
+enum class Store : std::uint8_t { AsFinished, AfterLastTest };
+constexpr Store store_of(Kern k) { return k == Kern::P ? Store::AfterLastTest : Store::AsFinished; }
+
+// The back-substitution's diagonal: a division per element, or the n
+// reciprocals computed once per call and a multiplication per element (the
+// fixed orders of one matrix with many vectors).
+enum class Diag : std::uint8_t { Divide, Reciprocal };
+constexpr Diag diag_of(std::string_view sig, bool fixed) {
+    return sig == "mva" && fixed ? Diag::Reciprocal : Diag::Divide;
+}
+
+// The generic back-substitution sums each row's products in two interleaved
+// partial sums, in eight from eight terms on, and subtracts the sum once.
+inline constexpr tri::Partial kBackSum{2, 8, 8};
+
+// The parallel wrapper: estimate and per-kernel limits.
+inline constexpr tri::LimitRow kLimits[] = {
+    // decomposition: n*n*count
+    {"ma", {20001, 20001, 40001, 20001, 20001}, {20001, 20001, 20001, 20001, 20001}},
+    // back-substitution: (n + 2*count)*n, (n + 2)*n*count
+    {"mva mava", {1701, 1701, 1701, 1701, 1701}, {1701, 1701, 1701, 1701, 1701}},
+};
+
+}  // namespace zel::lu

@@ -1,0 +1,85 @@
+// Shared by the QR, inversion and determinant tests: the layouts every export
+// runs in, random matrices, Eigen views of them, bitwise comparison, and the
+// calls that show whether an array call entered the parallel wrapper.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Dense>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "forms_harness.hpp"
+#include "substitutes.hpp"
+
+namespace sq {
+
+using Mat = Eigen::MatrixXd;
+
+// Objects of an array case: more than one batch of the widest lanes (8) and
+// a remainder, so that the lanes and the object loop both run; a failing
+// object goes in the middle of the second batch of four.
+inline constexpr int kCount = 11;
+inline constexpr int kBad = 5;
+
+// The layouts of every case: dense (contiguous rows, objects back to back,
+// 16-byte aligned where the allocator gives it), and one with gaps
+// everywhere: an element stride of 2 (3 in the destination), padded rows,
+// gaps between objects, a shift, interleaved pointer-form objects.
+inline std::vector<lay::Layout> layouts() {
+    lay::Layout dense;
+    dense.scramble = false;
+    lay::Layout gaps;
+    gaps.k2 = 2;
+    gaps.dst_k2 = 3;
+    gaps.pad1 = 1;
+    gaps.pad0 = 2;
+    gaps.lead = 1;
+    gaps.shift = 3;
+    gaps.soa = false;
+    gaps.label = "gaps";
+    return {dense, gaps};
+}
+
+template <class T>
+std::vector<T> random_matrix(std::mt19937& g, int rows, int cols) {
+    std::vector<T> v(std::size_t(rows) * cols);
+    for (auto& x : v) x = lay::random_value<T>(g) / T(8);
+    return v;
+}
+
+template <class T>
+Mat to_eigen(const std::vector<T>& v, int rows, int cols) {
+    Mat m(rows, cols);
+    for (int i = 0; i < rows; ++i)
+        for (int j = 0; j < cols; ++j) m(i, j) = double(v[std::size_t(i) * cols + j]);
+    return m;
+}
+
+template <class T>
+bool same_bits(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+}
+
+template <class T>
+constexpr double eps() {
+    return sizeof(T) == 4 ? 1.1920928955078125e-07 : 2.220446049250313e-16;
+}
+
+inline std::string where(const reg::ExportRow& r, const lay::Layout& L, int n) {
+    return std::string(r.name) + " " + L.label + " order " + std::to_string(n);
+}
+
+// Calls `run` once with `threads` forced and returns how often the thread
+// count was asked for: 0 on the direct path, 1 in a wrapper that does not
+// fork, 2 in one that forks.
+template <class F>
+int thread_queries(int threads, F&& run) {
+    subst::Scope scope(threads);
+    run();
+    return subst::thread_queries;
+}
+
+}  // namespace sq

@@ -1,0 +1,235 @@
+// Cholesky decomposition and back-substitution: every export, order 1 to 9,
+// every form and layout, bit for bit against the factorisation written out
+// (reciprocal diagonal, the 32f estimate with its Newton step), which also
+// says what stands after a matrix that is not positive definite; L L^T = A;
+// solutions against Eigen; the radicand tests; the documented examples;
+// in-place operands; the fan-out. Above the diagonal every source holds NaN
+// and, in the pointer form, null element pointers: reading there shows.
+#include <gtest/gtest.h>
+#include <xmmintrin.h>
+
+#include "solvers/cholesky_table.hpp"
+#include "triangular_harness.hpp"
+
+namespace {
+
+using namespace tri_test;
+
+template <class T>
+T rsqrt_ref(T d) {
+    if constexpr (sizeof(T) == 8) {
+        return 1.0 / std::sqrt(d);
+    } else {
+        const float r0 = _mm_cvtss_f32(_mm_rsqrt_ss(_mm_set_ss(d)));
+        return (r0 * -0.5f) * (d * r0 * r0 - 3.0f);
+    }
+}
+
+// Row by row; each element stored as computed, or (pointer form, orders 3
+// to 6) each row once its radicand has passed the test: at or below 0, at
+// or below 2^-23 in the pointer form at order 3.
+template <class T>
+Expect<T> chol_ref(const Vec<T>& A, int n, bool pointer_form) {
+    const T bound = pointer_form && n == 3 ? T(0x1p-23) : T(0);
+    Expect<T> e{Vec<T>(n * n, T(0)), std::vector<char>(n * n, 0)};
+    auto F = [&](int i, int j) -> T& { return e.f[i * n + j]; };
+    auto minus = [&](T v, int i, int j, int K) {
+        Vec<T> t;
+        for (int k = 0; k < K; ++k) t.push_back(F(i, k) * F(j, k));
+        return partial(t, v, -1, 1);
+    };
+    for (int i = 0; i < n; ++i) {
+        for (int j = 0; j < i; ++j) {
+            F(i, j) = minus(A[i * n + j], i, j, j) * F(j, j);
+            e.stored[i * n + j] = !(pointer_form && n >= 3 && n <= 6);
+        }
+        const T d = minus(A[i * n + i], i, i, i);
+        if (d <= bound) return e.st = zelStsErrNotPosDefinite, e;
+        F(i, i) = rsqrt_ref(d);
+        std::fill_n(e.stored.begin() + i * n, i + 1, 1);
+    }
+    return e;
+}
+
+// Forward and backward passes, multiplying by the stored reciprocals:
+// successive subtraction at orders 3 to 6, partial sums elsewhere.
+template <class T>
+Vec<T> solve_ref(const Expect<T>& F, const Vec<T>& b, const std::string&) {
+    const int n = int(b.size());
+    Vec<T> x(b);
+    auto f = [&](int i, int j) { return F.f[i * n + j]; };
+    auto minus = [&](T v, const Vec<T>& t) {
+        if (n < 3 || n > 6) return v - partial(t, T(0), 1, 2);
+        for (T p : t) v -= p;
+        return v;
+    };
+    for (int i = 0; i < n; ++i) {
+        Vec<T> t;
+        for (int j = 0; j < i; ++j) t.push_back(f(i, j) * x[j]);
+        x[i] = minus(x[i], t) * f(i, i);
+    }
+    for (int i = n - 1; i >= 0; --i) {
+        Vec<T> t;
+        for (int j = i + 1; j < n; ++j) t.push_back(f(j, i) * x[j]);
+        x[i] = minus(x[i], t) * f(i, i);
+    }
+    return x;
+}
+
+// M M^T + n I with rows scaled apart.
+template <class T>
+Vec<T> spd_matrix(std::mt19937& g, int n) {
+    Vec<double> M(n * n), s(n);
+    for (auto& v : M) v = rand_in<double>(g, -1, 1);
+    for (auto& v : s) v = rand_in<double>(g, 0.25, 4);
+    Vec<T> A(n * n);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            double v = i == j ? n : 0;
+            for (int k = 0; k < n; ++k) v += M[i * n + k] * M[j * n + k];
+            A[i * n + j] = T(v * s[i] * s[j]);
+        }
+    return A;
+}
+
+// NaN above the diagonal of a group's objects; in the pointer form those
+// element pointers null.
+template <class T>
+void hide_upper(Laid<T>& l, const std::string& g, int n) {
+    for (int o = 0; o < l.objects(g); ++o)
+        for (int k = 0; k < n * n; ++k)
+            if (k % n > k / n) l.at(g, o, k / n, k % n) = std::nan("");
+    if (l.form() == 'P')
+        for (int k = 0; k < n * n; ++k)
+            if (k % n > k / n) static_cast<T**>(l.args.ptrs.at("pp" + g))[k] = nullptr;
+}
+
+// max |(L L^T)(i, j) - A(i, j)| relative, L through the reciprocals.
+template <class T>
+double residual(const Vec<T>& A, Laid<T>& l, int o, int n) {
+    double worst = 0, scale = 0;
+    for (T v : A) scale = std::max(scale, double(std::fabs(v)));
+    auto L = [&](int i, int j) { return i == j ? 1.0 / l.at("Dst", o, i, i) : double(l.at("Dst", o, i, j)); };
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j <= i; ++j) {
+            double s = 0;
+            for (int k = 0; k <= j; ++k) s += L(i, k) * L(j, k);
+            worst = std::max(worst, std::fabs(s - A[i * n + j]) / scale);
+        }
+    return worst;
+}
+
+// 19 objects (whole batches of lanes and a rest), object 10 failing at row
+// i (A(i, i) = -1, or the 1x1 zero), or none failing (i = -1, also in
+// place).
+TEST(Cholesky, DecompositionAndWhatStandsAfterAMatrixThatIsNotPositiveDefinite) {
+    unsigned seed = 1;
+    for (const auto* row : fh::exports_of({"CholeskyDecomp"}))
+        for (int n = 1; n <= 9; ++n)
+            for (int i = -1; i < n; ++i)
+                fh::with_type(*row, [&](auto t) {
+                    using T = decltype(t);
+                    std::mt19937 g(seed++);
+                    std::vector<Vec<T>> mats;
+                    for (int o = 0; o < 19; ++o) mats.push_back(spd_matrix<T>(g, n));
+                    if (i >= 0) mats[10][i * n + i] = n == 1 ? 0 : -1;
+                    if (!is_array(*row)) mats = {mats[10]};
+                    for (bool in_place : {false, i < 0})
+                        check_decomp<T>(*row, n, mats, layouts()[(i + 2) % 2], in_place, chol_ref<T>,
+                                        [&](Laid<T>& l) {
+                                            if (!in_place) hide_upper(l, "Dst", n);
+                                            hide_upper(l, "Src", n);
+                                        },
+                                        [&](Laid<T>& l, int o) { return residual(mats[o], l, o, n); });
+                });
+}
+
+// Status of 16 matrices diag(1, ..., 1, d) by the last radicand d: zero
+// fails everywhere; the pointer kernels at order 3 fail at or below 2^-23 in
+// both types.
+TEST(Cholesky, RadicandTests) {
+    const struct {
+        int n;
+        double d;
+        bool fails, fails_p;
+    } cases[] = {
+        {3, 1e-9, false, true}, {3, 0x1p-23, false, true}, {3, 0x1.000002p-23, false, false},
+        {4, 1e-9, false, false}, {2, 1e-30, false, false}, {7, 1e-30, false, false}, {6, 0, true, true},
+        {3, -1e-30, true, true}, {8, 0, true, true}, {3, std::nan(""), false, false},
+    };
+    for (const auto* row : fh::exports_of({"CholeskyDecomp"}))
+        for (const auto& k : cases)
+            fh::with_type(*row, [&](auto t) {
+                using T = decltype(t);
+                auto l = laid<T>(*row, k.n, 16);
+                l.fill("Src", [&](int, int r, int c) { return r != c ? 0.0 : r == k.n - 1 ? k.d : 1.0; });
+                const bool fails = row->form[0] == 'P' ? k.fails_p : k.fails;
+                EXPECT_EQ(l.call(), fails ? zelStsErrNotPosDefinite : zelStsOk) << row->name << " n=" << k.n << " " << k.d;
+            });
+}
+
+TEST(Cholesky, DocumentedExamples) {
+    // rows (4, 2), (2, 5): F = 0.5, 1, 0.5, the element above the diagonal kept; b = (8, 11): x = (1.125, 1.75)
+    double a[4] = {4, 2, 2, 5}, f[4] = {0, -7, 0, 0}, b[2] = {8, 11}, x[2];
+    ASSERT_EQ(zelmCholeskyDecomp_m_64f(a, 16, 8, f, 16, 8, 2), zelStsOk);
+    EXPECT_EQ(std::vector<double>(f, f + 4), std::vector<double>({0.5, -7, 1, 0.5}));
+    ASSERT_EQ(zelmCholeskyBackSubst_mv_64f(f, 16, 8, b, 8, x, 8, 2), zelStsOk);
+    EXPECT_EQ(std::vector<double>(x, x + 2), std::vector<double>({1.125, 1.75}));
+    // (4) in 32f: 0.5 within the Newton step, and x = 0.5 for b = 2
+    float a1 = 4, f1, b1 = 2, x1;
+    ASSERT_EQ(zelmCholeskyDecomp_m_32f(&a1, 4, 4, &f1, 4, 4, 1), zelStsOk);
+    ASSERT_EQ(zelmCholeskyBackSubst_mv_32f(&f1, 4, 4, &b1, 4, &x1, 4, 1), zelStsOk);
+    EXPECT_NEAR(f1, 0.5f, 1e-6f);
+    EXPECT_NEAR(x1, 0.5f, 2e-6f);
+}
+
+// From reference factors (NaN and null pointers above the diagonal); b may
+// be the destination at every order.
+TEST(Cholesky, BackSubstitution) {
+    unsigned seed = 500;
+    for (const auto* row : fh::exports_of({"CholeskyBackSubst"}))
+        for (int n = 1; n <= 9; ++n)
+            for (int k = 0; k < 3; ++k)
+                fh::with_type(*row, [&](auto t) {
+                    using T = decltype(t);
+                    auto factor = [&](Laid<T>& l, int o, const Vec<T>& A) {
+                        const Expect<T> e = chol_ref(A, n, false);
+                        l.set("Src1", o, e.f);
+                        if (o + 1 == mats_of(*row, l.count())) hide_upper(l, "Src1", n);
+                        return e;
+                    };
+                    check_solve<T>(*row, n, layouts()[k % 2], k == 2, seed++, spd_matrix<T>, factor, solve_ref<T>);
+                });
+}
+
+// The wrapper at the limits of the table; four threads against one, at
+// order 30 with 11 objects and at order 4 with 4001 (lanes in every slice):
+// a failing object stops its own slice only.
+TEST(Cholesky, FanOut) {
+    expect_limits({"CholeskyDecomp", "CholeskyBackSubst"}, zel::cholesky::kLimits, [](const reg::ExportRow& row, auto& l) {
+        l.fill(is_decomp(row) ? "Src" : "Src1", [](int o, int r, int c) { return r == c ? 2.0 + o % 3 : 0.5; });
+        if (!is_decomp(row)) l.fill("Src2", [](int, int, int c) { return c; });
+    });
+    for (auto [n, count, bad] : {std::tuple{30, 11, 4}, std::tuple{4, 4001, 1500}}) {
+        std::vector<Vec<double>> A;
+        std::mt19937 g(9);
+        for (int o = 0; o < count; ++o) A.push_back(spd_matrix<double>(g, n));
+        auto fill = [&](const reg::ExportRow& row, auto& l) {
+            using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
+            for (int o = 0; o < mats_of(row, count); ++o) {
+                Vec<T> a(A[o].begin(), A[o].end());
+                if (is_decomp(row) && o == bad) a[n / 2 * (n + 1)] = -1;
+                l.set(is_decomp(row) ? "Src" : "Src1", o, is_decomp(row) ? a : chol_ref(a, n, false).f);
+            }
+            if (!is_decomp(row)) l.fill("Src2", [&](int o, int, int c) { return std::sin(o + 3.0 * c); });
+        };
+        auto done = [&](auto& l, int o) {
+            using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
+            return residual(Vec<T>(A[o].begin(), A[o].end()), l, o, n) < 1e-5;
+        };
+        auto untouched = [&](auto& l, int o) { return std::isnan(l.at("Dst", o, 0, 0)); };
+        expect_threads({"CholeskyDecomp", "CholeskyBackSubst"}, n, count, bad, zelStsErrNotPosDefinite, fill, done, untouched);
+    }
+}
+
+}  // namespace

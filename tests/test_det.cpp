@@ -1,0 +1,207 @@
+// Determinants: every export in every form at the orders 1 to 9 against
+// Eigen and bit for bit against the standard call of the same method, the
+// method of each kernel shown by a matrix on which 80-bit and element-type
+// arithmetic differ, the worked examples, and the parallel wrapper.
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "square_harness.hpp"
+
+namespace {
+
+using sq::Mat;
+
+// The method of each kernel by order, as documented.
+enum class Method { Generic, Extended, Scalar, Pairs };
+Method method_of(const reg::ExportRow& r, bool unit, int n) {
+    if (n < 3 || n > 6) return Method::Generic;
+    if (!unit || *r.form == 'P') return Method::Scalar;
+    if (!fh::is64(r) && std::string(r.sig) == "ma" && *r.form == 'S')
+        return n == 3 ? Method::Scalar : n == 4 ? Method::Pairs : Method::Extended;
+    return Method::Extended;
+}
+
+// The single standard call, contiguous or with an element stride of 2.
+template <class T>
+T det(const std::vector<T>& a, int n, bool strided = false) {
+    const int k = strided ? 2 : 1, e = int(sizeof(T));
+    std::vector<T> s(a.size() * k), buf(std::size_t(n) * n + n);
+    for (std::size_t i = 0; i < a.size(); ++i) s[i * k] = a[i];
+    T d = T(-7);
+    zelStatus st;
+    if constexpr (sizeof(T) == 4) st = zelmDet_m_32f(s.data(), n * k * e, k * e, n, buf.data(), &d);
+    else st = zelmDet_m_64f(s.data(), n * k * e, k * e, n, buf.data(), &d);
+    EXPECT_EQ(st, zelStsOk);
+    return d;
+}
+
+template <class T>
+fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
+    fh::Laid<T> l(row, count, {{"Src", {n, n}}}, {{"pBuffer", n * n + n}, {"pDst", count}}, L);
+    l.num("widthHeight", n);
+    return l;
+}
+// Pairs need pSrc, srcStride0 and srcStride1 on 16-byte boundaries.
+template <class T>
+bool aligned(fh::Laid<T>& l, int count) {
+    const auto p = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 0, 0));
+    const auto row1 = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 1, 0));
+    const auto next = reinterpret_cast<std::uintptr_t>(&l.at("Src", count > 1 ? 1 : 0, 0, 0));
+    return p % 16 == 0 && (row1 - p) % 16 == 0 && (next - p) % 16 == 0;
+}
+// The method object k of a call runs: pairs leave an odd last object to the
+// extended method.
+Method method_at(Method m, bool paired, int k, int count) {
+    if (m != Method::Pairs) return m;
+    return paired && k < count / 2 * 2 ? Method::Scalar : Method::Extended;
+}
+
+TEST(Det, EveryFormAgreesWithEigen) {
+    for (const auto* row : fh::exports_of({"Det"}))
+        fh::with_type(*row, [&](auto t) {
+            using T = decltype(t);
+            for (int n = 1; n <= 9; ++n)
+                for (const auto& L : sq::layouts()) {
+                    auto l = laid<T>(*row, sq::kCount, n, L);
+                    std::mt19937 g{unsigned(n)};
+                    std::vector<std::vector<T>> src;
+                    for (int k = 0; k < l.count(); ++k) l.set("Src", k, src.emplace_back(sq::random_matrix<T>(g, n, n)));
+                    const auto at = sq::where(*row, L, n);
+                    ASSERT_EQ(l.call(), zelStsOk) << at;
+                    EXPECT_TRUE(l.guards_intact()) << at;
+                    const Method m = method_of(*row, L.k2 == 1, n);
+                    const bool paired = aligned(l, l.count());
+                    for (int k = 0; k < l.count(); ++k) {
+                        const T got = l.block("pDst")[k];
+                        EXPECT_EQ(got, det(src[k], n, method_at(m, paired, k, l.count()) == Method::Scalar)) << at;
+                        const Mat A = sq::to_eigen(src[k], n, n);
+                        EXPECT_NEAR(got, A.determinant(), 64 * n * sq::eps<T>() * A.rowwise().norm().prod()) << at;
+                    }
+                }
+        });
+}
+
+// Identity with the block ((p, q), (q, p)) in the top left corner, p = q + 1
+// and q a power of 2 whose square p^2 needs more bits than the type has: its
+// determinant 2q + 1 comes out exactly from the extended method, as 2q from
+// the element type's arithmetic.
+TEST(Det, MethodOfEachKernel) {
+    for (const auto* row : fh::exports_of({"Det"}))
+        fh::with_type(*row, [&](auto t) {
+            using T = decltype(t);
+            const T q = std::ldexp(T(1), fh::is64(*row) ? 27 : 12), p = q + 1;
+            for (int n = 3; n <= 6; ++n)
+                for (const auto& L : sq::layouts()) {
+                    auto l = laid<T>(*row, sq::kCount, n, L);
+                    std::vector<T> a(std::size_t(n) * n, T(0));
+                    for (int i = 0; i < n; ++i) a[std::size_t(i) * (n + 1)] = 1;
+                    a[0] = a[std::size_t(n) + 1] = p;
+                    a[1] = a[std::size_t(n)] = q;
+                    for (int k = 0; k < l.count(); ++k) l.set("Src", k, a);
+                    ASSERT_EQ(l.call(), zelStsOk);
+                    const Method m = method_of(*row, L.k2 == 1, n);
+                    const bool paired = aligned(l, l.count());
+                    for (int k = 0; k < l.count(); ++k)
+                        EXPECT_EQ(l.block("pDst")[k], method_at(m, paired, k, l.count()) == Method::Scalar ? 2 * q : 2 * q + 1)
+                            << sq::where(*row, L, n) << " object " << k;
+                }
+        });
+}
+
+template <class T>
+void worked_examples() {
+    const T tiny = std::numeric_limits<T>::min();
+    // exactly 0 in extended precision: all products are exact
+    EXPECT_EQ(det<T>({1, 2, 3, 4, 5, 6, 7, 8, 9}, 3), T(0));
+    // generic path: pivot 2 from row 1, sign -1, l = 0, the result 0
+    EXPECT_EQ(det<T>({1, 2, 2, 4}, 2), T(0));
+    // a first pivot below T(2) = 16 times the smallest normal
+    EXPECT_EQ(det<T>({8 * tiny, 0, 0, 8 * tiny}, 2), T(0));
+    // order 1: the element, or 0 when not above T(1)
+    EXPECT_EQ(det<T>({2 * tiny}, 1), T(0));
+    EXPECT_EQ(det<T>({1}, 1), T(1));
+    // one exchange of rows negates the result
+    EXPECT_EQ(det<T>({0, 1, 1, 0}, 2), T(-1));
+    std::vector<T> id(49, T(0));
+    for (int i = 0; i < 7; ++i) id[i * 8] = 1;
+    EXPECT_EQ(det(id, 7), T(1));
+    if constexpr (sizeof(T) == 4) {
+        EXPECT_EQ(det<T>({1e-37f, 0, 0, 1e-37f}, 2), 0.0f);
+    }
+}
+TEST(Det, WorkedExamples) {
+    worked_examples<float>();
+    worked_examples<double>();
+}
+
+// A singular matrix in the middle of an array of order 5: status 0, every
+// other object filled.
+TEST(Det, SingularObjectsDoNotStopTheArray) {
+    for (const auto* row : fh::exports_of({"Det"}))
+        fh::with_type(*row, [&](auto t) {
+            using T = decltype(t);
+            for (int n : {5, 7}) {
+                auto l = laid<T>(*row, sq::kCount, n);
+                std::mt19937 g(8);
+                std::vector<std::vector<T>> src;
+                for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
+                if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0));
+                for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
+                ASSERT_EQ(l.call(), zelStsOk) << row->name;
+                for (int k = 0; k < l.count(); ++k) EXPECT_EQ(l.block("pDst")[k], det(src[k], n, *row->form == 'P')) << row->name;
+            }
+        });
+}
+
+// ---------------------------------------------------------------------------
+// The parallel wrapper: estimate n count against 20001, 40001 in the 32f
+// list form with contiguous elements; no status to merge; the wrapper's
+// scratch in place of pBuffer.
+struct Boundary {
+    const char* name;
+    int n, below, at;
+    bool strided;
+};
+const Boundary kBoundaries[] = {
+    {"zelmDet_ma_32f", 4, 5000, 5001, false},    {"zelmDet_ma_64f", 4, 5000, 5001, true},
+    {"zelmDet_ma_32f_L", 4, 10000, 10001, false}, {"zelmDet_ma_32f_L", 4, 5000, 5001, true},
+    {"zelmDet_ma_64f_P", 7, 2857, 2858, false},
+};
+
+TEST(Det, FanOut) {
+    for (const auto& b : kBoundaries)
+        fh::with_type(fh::row_named(b.name), [&](auto t) {
+            using T = decltype(t);
+            const auto& row = fh::row_named(b.name);
+            lay::Layout L;
+            L.k2 = b.strided ? 2 : 1;
+            auto filled = [&](int count) {
+                auto l = laid<T>(row, count, b.n, L);
+                std::mt19937 g(4);
+                for (int k = 0; k < count; ++k) l.set("Src", k, sq::random_matrix<T>(g, b.n, b.n));
+                l.set("Src", count / 2, std::vector<T>(std::size_t(b.n) * b.n, T(0)));
+                return l;
+            };
+            for (int count : {b.below, b.at}) {
+                auto l = filled(count);
+                EXPECT_EQ(sq::thread_queries(2, [&] { l.call(); }), count == b.at ? 2 : 0) << b.name << " " << count;
+            }
+            std::vector<T> out[3];
+            for (int k = 0; k < 3; ++k) {
+                auto l = filled(b.at + 1);
+                subst::Scope scope(k ? 4 : 1, -1, k == 2);
+                ASSERT_EQ(l.call(), zelStsOk) << b.name;
+                EXPECT_EQ(subst::mallocs.load(), k ? 1 : 0) << b.name;
+                EXPECT_EQ(subst::frees.load(), k == 1 ? 1 : 0) << b.name;
+                if (k == 1) {
+                    EXPECT_TRUE(fh::Laid<T>::same(l.block("pBuffer")[0], lay::sentinel<T>())) << b.name;
+                }
+                out[k].assign(l.block("pDst"), l.block("pDst") + l.count());
+            }
+            EXPECT_TRUE(sq::same_bits(out[0], out[1])) << b.name;
+            EXPECT_TRUE(sq::same_bits(out[0], out[2])) << b.name;
+        });
+}
+
+}  // namespace

@@ -1,0 +1,598 @@
+// Fixed-size geometry against glm (which stores column-major: the same memory
+// as this row-major, row-vector layout) where the formulas agree, against the
+// written formulas where the order of operations is the result, and against
+// identities: inverse times matrix, Unproject(Project(p)), the array forms
+// equal to the single ones. Failure states with sentinel-filled destinations.
+#define GLM_ENABLE_EXPERIMENTAL
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <glm/glm.hpp>
+#include <glm/gtc/matrix_transform.hpp>
+#include <glm/gtc/type_ptr.hpp>
+#include <glm/gtx/euler_angles.hpp>
+#include <glm/gtx/spline.hpp>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "geometry/transform3dh.hpp"
+#include "substitutes.hpp"
+#include "zelm.h"
+
+namespace {
+
+constexpr float kSentinel = -777.25f;
+std::mt19937 rng;
+float rnd(float lo = -2.0f, float hi = 2.0f) { return std::uniform_real_distribution<float>(lo, hi)(rng); }
+void fill(float* p, int n, float lo = -2.0f, float hi = 2.0f) {
+    for (int i = 0; i < n; ++i) p[i] = rnd(lo, hi);
+}
+bool same_bits(float a, float b) { return std::memcmp(&a, &b, 4) == 0; }
+
+// Element-wise |got - want| <= tol * (1 + |want|); tol 0: the same bits;
+// kEqual: equal values (-0 == +0).
+constexpr float kEqual = -1.0f;
+::testing::AssertionResult close(const float* got, const float* want, int n, float tol) {
+    for (int i = 0; i < n; ++i) {
+        const bool ok = tol == 0 ? same_bits(got[i], want[i])
+                        : tol < 0 ? got[i] == want[i]
+                                  : std::fabs(got[i] - want[i]) <= tol * (1.0f + std::fabs(want[i]));
+        if (!ok) return ::testing::AssertionFailure() << "element " << i << ": " << got[i] << " vs " << want[i];
+    }
+    return ::testing::AssertionSuccess();
+}
+
+// Every test draws the same numbers, whichever tests run before it.
+class Geometry : public ::testing::Test {
+protected:
+    void SetUp() override { rng.seed(20240611); }
+};
+
+// ---------------------------------------------------------------------------
+// Small vectors, each length against glm or the written formula.
+struct VArgs {
+    const float *a, *b, *c, *d;
+    float s, t;
+};
+struct VecRow {
+    const char* name;
+    void (*ours)(const VArgs&, float*);
+    void (*ref)(const VArgs&, float*);
+    int outs;   // values written (0: the length)
+    float tol;  // 0: the same bits
+};
+
+template <int N>
+glm::vec<N, float> gv(const float* p) {
+    glm::vec<N, float> v;
+    for (int i = 0; i < N; ++i) v[i] = p[i];
+    return v;
+}
+template <int N>
+void put(const glm::vec<N, float>& v, float* o) {
+    for (int i = 0; i < N; ++i) o[i] = v[i];
+}
+void put(float v, float* o) { *o = v; }
+template <int N, class F2, class F3, class F4>
+auto pick(F2 f2, F3 f3, F4 f4) {
+    if constexpr (N == 2) return f2;
+    else if constexpr (N == 3) return f3;
+    else return f4;
+}
+
+// A row: the export of length N called with `args`, glm's `expr` on the same
+// values (A, B, C, D the glm vectors of x.a .. x.d; s, t the scalars).
+#define ZEL_VROW(Op, args, expr, outs, tol)                                                                    \
+    {#Op, [](const VArgs& x, float* o) { pick<N>(zelm##Op##_v2_32f, zelm##Op##_v3_32f, zelm##Op##_v4_32f) args; }, \
+     [](const VArgs& x, float* o) {                                                                            \
+         [[maybe_unused]] const G A = gv<N>(x.a), B = gv<N>(x.b), C = gv<N>(x.c), D = gv<N>(x.d);             \
+         [[maybe_unused]] const float s = x.s, t = x.t;                                                        \
+         put(expr, o);                                                                                         \
+     },                                                                                                        \
+     outs, tol}
+
+template <int N>
+std::vector<VecRow> vec_rows() {
+    using G = glm::vec<N, float>;
+    return {
+        ZEL_VROW(Add, (x.a, x.b, o), A + B, 0, 0),
+        ZEL_VROW(Sub, (x.a, x.b, o), A - B, 0, 0),
+        ZEL_VROW(Min, (x.a, x.b, o), glm::min(A, B), 0, 0),
+        ZEL_VROW(Max, (x.a, x.b, o), glm::max(A, B), 0, 0),
+        ZEL_VROW(MulC, (x.a, x.s, o), A * s, 0, 0),
+        ZEL_VROW(DotProduct, (x.a, x.b, o), glm::dot(A, B), 1, 1e-6f),
+        ZEL_VROW(LenSqr, (x.a, o), glm::dot(A, A), 1, 1e-6f),
+        ZEL_VROW(Len, (x.a, o), glm::length(A), 1, 1e-6f),
+        ZEL_VROW(Normalize, (x.a, o), glm::normalize(A), 0, 1e-6f),
+        ZEL_VROW(InterpolationLinear, (x.a, x.b, x.s, o), glm::mix(A, B, s), 0, 1e-5f),
+        ZEL_VROW(BaryCentric, (x.a, x.b, x.c, x.s, x.t, o), A + (B - A) * s + (C - A) * t, 0, 1e-5f),
+        ZEL_VROW(Hermite, (x.a, x.b, x.c, x.d, x.s, o), glm::hermite(A, B, C, D, s), 0, 1e-5f),
+        ZEL_VROW(InterpolationCatmullRom, (x.a, x.b, x.c, x.d, x.s, o), glm::catmullRom(A, B, C, D, s), 0, 1e-5f),
+    };
+}
+
+template <int N>
+void run_vec_rows() {
+    for (const auto& row : vec_rows<N>()) {
+        SCOPED_TRACE(std::string(row.name) + " v" + std::to_string(N));
+        for (int trial = 0; trial < 200; ++trial) {
+            float a[4], b[4], c[4], d[4], got[5], want[4];
+            fill(a, 4), fill(b, 4), fill(c, 4), fill(d, 4);
+            const VArgs x{a, b, c, d, rnd(0, 1), rnd(0, 1)};
+            const int outs = row.outs ? row.outs : N;
+            std::fill(got, got + 5, kSentinel);
+            row.ours(x, got);
+            row.ref(x, want);
+            ASSERT_TRUE(close(got, want, outs, row.tol)) << "trial " << trial;
+            ASSERT_EQ(got[outs], kSentinel) << "wrote past its result";
+        }
+    }
+}
+
+TEST_F(Geometry, AgreeWithGlmAtEveryLength) {
+    run_vec_rows<2>();
+    run_vec_rows<3>();
+    run_vec_rows<4>();
+}
+
+// The written formulas where the order is the result: Hermite's weights in
+// 64 bits, the length's root in 64 bits, ties and NaN going to b.
+TEST_F(Geometry, WrittenOrderAndEdgeCases) {
+    for (int trial = 0; trial < 500; ++trial) {
+        float a[3], b[3], c[3], d[3], got[3];
+        fill(a, 3), fill(b, 3), fill(c, 3), fill(d, 3);
+        const float s = rnd(-0.5f, 1.5f), s2 = s * s, s3 = s2 * s;
+        const double S = s, S2 = s2, S3 = s3;
+        const float w1 = float(S - S2 - S2 + S3), w2 = float(S3 - 3.0 * S2 + S3), w3 = float(S3 - S2);
+        zelmHermite_v3_32f(a, b, c, d, s, got);
+        for (int i = 0; i < 3; ++i)
+            ASSERT_TRUE(same_bits(got[i], (a[i] - c[i]) * w2 + ((a[i] + b[i] * w1) + d[i] * w3))) << trial;
+        zelmLen_v3_32f(a, got);
+        ASSERT_TRUE(same_bits(got[0], float(std::sqrt(double((a[0] * a[0] + a[1] * a[1]) + a[2] * a[2])))));
+    }
+    const float p[4] = {0.0f, -0.0f, NAN, 1.0f}, q[4] = {-0.0f, 0.0f, 1.0f, NAN};
+    float mn[4], mx[4];
+    zelmMin_v4_32f(p, q, mn);
+    zelmMax_v4_32f(p, q, mx);
+    for (int i = 0; i < 4; ++i) EXPECT_TRUE(same_bits(mn[i], q[i]) && same_bits(mx[i], q[i])) << i;
+    const float zero[3] = {0, 0, 0}, e[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+    float n3[3], x4[4];
+    EXPECT_EQ(zelmNormalize_v3_32f(zero, n3), zelStsOk);
+    EXPECT_TRUE(std::isnan(n3[0]) && std::isnan(n3[1]) && std::isnan(n3[2]));
+    zelmCrossProduct_v4_32f(e[0], e[1], e[2], x4);
+    const float minus_e4[4] = {0, 0, 0, -1};
+    EXPECT_TRUE(close(x4, minus_e4, 4, kEqual));
+    // the v4 cross product is orthogonal to its three sources; the v2 one the z of the v3 one
+    float a[4], b[4], c[4], v[3];
+    fill(a, 4), fill(b, 4), fill(c, 4);
+    zelmCrossProduct_v4_32f(a, b, c, x4);
+    for (const float* s : {a, b, c}) EXPECT_NEAR(glm::dot(gv<4>(s), gv<4>(x4)), 0.0f, 1e-4f);
+    const float a3[3] = {a[0], a[1], 0}, b3[3] = {b[0], b[1], 0};
+    zelmCrossProduct_v3_32f(a3, b3, v);
+    EXPECT_TRUE(close(v, glm::value_ptr(glm::cross(gv<3>(a3), gv<3>(b3))), 3, 0));
+    float two[2] = {kSentinel, kSentinel};
+    zelmCrossProduct_v2_32f(a, b, two);
+    EXPECT_TRUE(same_bits(two[0], v[2]) && two[1] == kSentinel);
+}
+
+// ---------------------------------------------------------------------------
+// Constructors against glm's left- and right-handed functions. glm's view
+// and projection matrices (depth 0..1, "_ZO") are these; the width/height
+// forms are glm's centred frustum and box.
+using M = glm::mat4;
+struct CtorRow {
+    const char* name;
+    std::function<void(float*)> ours;
+    std::function<M()> ref;
+    float tol;
+};
+
+TEST_F(Geometry, AgreeWithGlm) {
+    for (int trial = 0; trial < 50; ++trial) {
+        const float x = rnd(), y = rnd(), z = rnd(), ang = rnd(-3, 3), p = rnd(-3, 3), r = rnd(-3, 3);
+        const float l = rnd(-3, -1), rt = rnd(1, 3), b = rnd(-3, -1), t = rnd(1, 3), n = rnd(0.1f, 1), f = rnd(5, 50);
+        const float w = rt - l, h = t - b, fov = rnd(0.3f, 2.5f), asp = rnd(0.5f, 2);
+        float axis[3], eye[3], at[3], up[3] = {0, 1, 0};
+        fill(axis, 3), fill(eye, 3, -5, 5), fill(at, 3, -5, 5);
+// The constructor Name called with `args`, glm's `ref` on the same values.
+#define ZEL_CTOR(Name, sig, args, ref, tol) {#Name, [&](float* o) { zelm##Name##_##sig##_32f args; }, [&] { return ref; }, tol}
+        const float hw = w / 2, hh = h / 2;
+        const CtorRow rows[] = {
+            ZEL_CTOR(Identity, m4, (o), M(1), kEqual),
+            ZEL_CTOR(Scaling, m4, (x, y, z, o), glm::scale(M(1), {x, y, z}), kEqual),
+            ZEL_CTOR(Translation, m4, (x, y, z, o), glm::translate(M(1), {x, y, z}), kEqual),
+            ZEL_CTOR(RotationX, m4, (ang, o), glm::eulerAngleX(ang), kEqual),
+            ZEL_CTOR(RotationY, m4, (ang, o), glm::eulerAngleY(ang), kEqual),
+            ZEL_CTOR(RotationZ, m4, (ang, o), glm::eulerAngleZ(ang), kEqual),
+            ZEL_CTOR(RotationAxis, v3m4, (axis, ang, o), glm::rotate(M(1), ang, gv<3>(axis)), 2e-6f),
+            ZEL_CTOR(RotationYawPitchRoll, m4, (ang, p, r, o), glm::yawPitchRoll(ang, p, r), 2e-6f),
+            ZEL_CTOR(LookAtLH, m4, (eye, at, up, o), glm::lookAtLH(gv<3>(eye), gv<3>(at), gv<3>(up)), 1e-5f),
+            ZEL_CTOR(LookAtRH, m4, (eye, at, up, o), glm::lookAtRH(gv<3>(eye), gv<3>(at), gv<3>(up)), 1e-5f),
+            ZEL_CTOR(OrthoLH, m4, (w, h, n, f, o), glm::orthoLH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
+            ZEL_CTOR(OrthoRH, m4, (w, h, n, f, o), glm::orthoRH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
+            ZEL_CTOR(OrthoOffCenterLH, m4, (l, rt, b, t, n, f, o), glm::orthoLH_ZO(l, rt, b, t, n, f), kEqual),
+            ZEL_CTOR(OrthoOffCenterRH, m4, (l, rt, b, t, n, f, o), glm::orthoRH_ZO(l, rt, b, t, n, f), kEqual),
+            ZEL_CTOR(PerspectiveLH, m4, (w, h, n, f, o), glm::frustumLH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
+            ZEL_CTOR(PerspectiveRH, m4, (w, h, n, f, o), glm::frustumRH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
+            // glm's left-handed frustum shifts x and y the other way; with w = z the
+            // centre of the near plane goes to x = y = 0 by (l + r) / (0 - (r - l))
+            ZEL_CTOR(PerspectiveOffCenterLH, m4, (l, rt, b, t, n, f, o),
+                     [&] {
+                         M g = glm::frustumLH_ZO(l, rt, b, t, n, f);
+                         g[2][0] = (l + rt) / (0 - (rt - l));
+                         g[2][1] = (b + t) / (0 - (t - b));
+                         return g;
+                     }(),
+                     kEqual),
+            ZEL_CTOR(PerspectiveOffCenterRH, m4, (l, rt, b, t, n, f, o), glm::frustumRH_ZO(l, rt, b, t, n, f), kEqual),
+            ZEL_CTOR(PerspectiveFovLH, m4, (fov, asp, n, f, o), glm::perspectiveLH_ZO(fov, asp, n, f), 1e-6f),
+            ZEL_CTOR(PerspectiveFovRH, m4, (fov, asp, n, f, o), glm::perspectiveRH_ZO(fov, asp, n, f), 1e-6f),
+        };
+        for (const auto& row : rows) {
+            float got[17];
+            std::fill(got, got + 17, kSentinel);
+            row.ours(got);
+            const M want = row.ref();
+            ASSERT_TRUE(close(got, glm::value_ptr(want), 16, row.tol)) << row.name;
+            ASSERT_EQ(got[16], kSentinel) << row.name;
+        }
+    }
+}
+
+// The written edge cases: 0 - (f - n) keeps an infinite depth term positive,
+// the exact identity test.
+TEST_F(Geometry, EdgeCasesAndIdentityTest) {
+    float m[16];
+    zelmOrthoLH_m4_32f(2, 2, 1, 1, m);
+    EXPECT_TRUE(std::isinf(m[10]) && m[10] > 0 && std::isinf(m[14]) && m[14] > 0);
+    zelmPerspectiveFovRH_m4_32f(1, 1, 1, 10, m);
+    EXPECT_EQ(m[11], -1.0f);
+    EXPECT_EQ(m[15], 0.0f);
+    zelmRotationZ_m4_32f(float(M_PI / 2), m);
+    const glm::vec4 v = glm::vec4(1, 0, 0, 1) * glm::transpose(glm::make_mat4(m));  // the row vector times M
+    EXPECT_NEAR(v.x, 0, 1e-6);
+    EXPECT_NEAR(v.y, 1, 1e-6);
+    unsigned int res = 7;
+    zelmIdentity_m4_32f(m);
+    zelmIsIdentity_m4_32f(m, &res);
+    EXPECT_EQ(res, 1u);
+    m[4] = -0.0f;
+    zelmIsIdentity_m4_32f(m, &res);
+    EXPECT_EQ(res, 1u);
+    for (const float bad : {std::nextafter(1.0f, 2.0f), FLT_MIN, NAN}) {
+        for (const int at : {0, 7}) {
+            zelmIdentity_m4_32f(m);
+            m[at] = at == 0 && bad == FLT_MIN ? 0.0f : bad;
+            zelmIsIdentity_m4_32f(m, &res);
+            EXPECT_EQ(res, 0u) << bad << " at " << at;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// 4x4 operations.
+void random_m4(float* m) {
+    // well conditioned: a random matrix plus 4 on the diagonal, rows shuffled
+    // so that the pivots move
+    fill(m, 16);
+    for (int i = 0; i < 4; ++i) m[5 * i] += (i & 1) ? -4.0f : 4.0f;
+    for (int i = 3; i > 0; --i) std::swap_ranges(m + 4 * i, m + 4 * i + 4, m + 4 * (rng() % (i + 1)));
+}
+
+TEST_F(Geometry, ProductsTransposeAndDeterminant) {
+    for (int trial = 0; trial < 200; ++trial) {
+        float a[16], b[16], d[16], t[16], mt[16], det;
+        random_m4(a), random_m4(b);
+        const M ga = glm::make_mat4(a), gb = glm::make_mat4(b);
+        // row-major a * b is column-major gb * ga, with glm's sums in the same order of k
+        ASSERT_EQ(zelmMul_mm4x4_32f(a, b, d), zelStsOk);
+        ASSERT_TRUE(close(d, glm::value_ptr(gb * ga), 16, 0));
+        zelmMulTranspose_m4_32f(a, b, mt);
+        zelmTranspose_m4_32f(d, t);
+        ASSERT_TRUE(close(mt, t, 16, 0));
+        ASSERT_TRUE(close(t, glm::value_ptr(glm::transpose(gb * ga)), 16, 0));
+        zelmDet_m4_32f(a, &det);
+        ASSERT_NEAR(det, glm::determinant(ga), 1e-5f * std::fabs(det));
+        // in place on either source
+        float a2[16], b2[16];
+        std::memcpy(a2, a, sizeof a), std::memcpy(b2, b, sizeof b);
+        zelmMul_mm4x4_32f(a2, b, a2);
+        zelmMul_mm4x4_32f(a, b2, b2);
+        ASSERT_TRUE(close(a2, d, 16, 0) && close(b2, d, 16, 0));
+    }
+    float m[16] = {}, det = 1;
+    zelmDet_m4_32f(m, &det);
+    EXPECT_EQ(det, 0.0f);
+}
+
+// A permutation of `order` rows of the identity.
+void permutation(const int (&order)[4], float* m) {
+    std::fill(m, m + 16, 0.0f);
+    for (int i = 0; i < 4; ++i) m[4 * i + order[i]] = 1.0f;
+}
+
+TEST_F(Geometry, InverseTimesMatrixIsIdentity) {
+    for (int trial = 0; trial < 200; ++trial) {
+        float a[16], inv[16], det = 0, det2 = 0, prod[16];
+        random_m4(a);
+        ASSERT_EQ(zelmInvert_m4_32f(a, &det, inv), zelStsOk);
+        zelmMul_mm4x4_32f(inv, a, prod);
+        ASSERT_TRUE(close(prod, glm::value_ptr(M(1)), 16, 1e-4f)) << trial;
+        ASSERT_TRUE(close(inv, glm::value_ptr(glm::inverse(glm::make_mat4(a))), 16, 1e-4f));
+        zelmDet_m4_32f(a, &det2);
+        ASSERT_NEAR(det, det2, 1e-5f * std::fabs(det2));
+        // no determinant asked for, and in place: the same inverse
+        ASSERT_EQ(zelmInvert_m4_32f(a, nullptr, a), zelStsOk);
+        ASSERT_TRUE(close(a, inv, 16, 0));
+    }
+    // permutations: the inverse is the transpose, the determinant the sign
+    const struct {
+        int order[4];
+        float det;
+    } perms[] = {{{0, 1, 2, 3}, 1}, {{1, 0, 2, 3}, -1}, {{1, 2, 3, 0}, -1}, {{3, 2, 1, 0}, 1}, {{2, 0, 3, 1}, -1}};
+    for (const auto& p : perms) {
+        float m[16], inv[16], t[16], det = 0;
+        permutation(p.order, m);
+        ASSERT_EQ(zelmInvert_m4_32f(m, &det, inv), zelStsOk);
+        zelmTranspose_m4_32f(m, t);
+        EXPECT_TRUE(close(inv, t, 16, kEqual));
+        EXPECT_EQ(det, p.det);
+    }
+}
+
+// Singular by the absolute pivot threshold 12 * 2^-23: the destination is
+// untouched, the determinant 0, with or without pDet.
+TEST_F(Geometry, SingularLeavesTheDestination) {
+    const float thr = std::ldexp(12.0f, -23);
+    float at[16], below[16], zero_row[16], tiny[16];
+    zelmScaling_m4_32f(thr, thr, thr, at);
+    at[15] = thr;
+    zelmScaling_m4_32f(std::nextafter(thr, 0.0f), 1, 1, below);
+    random_m4(zero_row);
+    std::fill(zero_row + 8, zero_row + 12, 0.0f);
+    zelmScaling_m4_32f(1e-7f, 1e-7f, 1e-7f, tiny);
+    tiny[15] = 1e-7f;
+    float d = 0;
+    zelmDet_m4_32f(tiny, &d);
+    EXPECT_NE(d, 0.0f);
+    for (const float* m : {below, zero_row, tiny}) {
+        for (float* pdet : {static_cast<float*>(nullptr), &d}) {
+            float dst[16];
+            std::fill(dst, dst + 16, kSentinel);
+            d = kSentinel;
+            EXPECT_EQ(zelmInvert_m4_32f(m, pdet, dst), zelStsErrSingular);
+            EXPECT_TRUE(std::all_of(dst, dst + 16, [](float v) { return v == kSentinel; }));
+            if (pdet) {
+                EXPECT_EQ(d, 0.0f);
+            }
+        }
+    }
+    float inv[16];
+    EXPECT_EQ(zelmInvert_m4_32f(at, &d, inv), zelStsOk);
+}
+
+// ---------------------------------------------------------------------------
+// Point transforms: each against its written formula, bit for bit (and the
+// full transform against glm), the array forms equal to the single ones.
+using Ref = void (*)(const float (*m)[4], const float* v, float* o);
+struct TransformRow {
+    const char* name;
+    int n, outs;
+    zelStatus (*single)(const float*, const float*, float*);
+    zelStatus (*array)(const float*, const float*, int, float*, int, int);
+    Ref ref;
+    int dense_in, dense_out;  // the strides of a dense loop, if any
+};
+// The written formula of component j (x, y, z, w the source, W the
+// transformed w of the Coord forms).
+#define ZEL_REF(outs, W, expr)                                                      \
+    [](const float(*M)[4], const float* v, float* o) {                                \
+        [[maybe_unused]] const float x = v[0], y = v[1], z = v[2], w = v[3], W_ = W; \
+        for (int j = 0; j < outs; ++j) o[j] = expr;                                   \
+    }
+#define ZEL_TRANSFORM(Op, sig, n, outs) #Op "_" #sig, n, outs, zelm##Op##_##sig##_32f, zelm##Op##_##sig##a_32f
+const TransformRow kTransforms[] = {
+    {ZEL_TRANSFORM(AffineTransform, m4v2, 2, 4), ZEL_REF(4, 0, (M[0][j] * x + M[1][j] * y) + M[3][j]), 0, 0},
+    {ZEL_TRANSFORM(AffineTransform, m4v3, 3, 4), ZEL_REF(4, 0, ((M[3][j] + M[0][j] * x) + M[1][j] * y) + M[2][j] * z),
+     12, 16},
+    {ZEL_TRANSFORM(AffineTransform, m4v4, 4, 4),
+     ZEL_REF(4, 0, ((M[0][j] * x + M[1][j] * y) + M[2][j] * z) + M[3][j] * w), 0, 0},
+    {ZEL_TRANSFORM(AffineTransformCoord, m4v2, 2, 2),
+     ZEL_REF(2, (M[0][3] * x + M[3][3]) + M[1][3] * y, ((M[0][j] * x + M[3][j]) + M[1][j] * y) / W_), 0, 0},
+    {ZEL_TRANSFORM(AffineTransformCoord, m4v3, 3, 3),
+     ZEL_REF(3, (M[3][3] + M[2][3] * z) + (M[0][3] * x + M[1][3] * y),
+             ((M[3][j] + M[2][j] * z) + (M[0][j] * x + M[1][j] * y)) / W_),
+     12, 12},
+    {ZEL_TRANSFORM(AffineTransformNormal, m4v2, 2, 2), ZEL_REF(2, 0, M[0][j] * x + M[1][j] * y), 0, 0},
+    {ZEL_TRANSFORM(AffineTransformNormal, m4v3, 3, 3), ZEL_REF(3, 0, (M[0][j] * x + M[1][j] * y) + M[2][j] * z), 0, 0},
+};
+
+TEST_F(Geometry, SingleAndArrayFormsFollowTheWrittenFormulas) {
+    for (const auto& t : kTransforms) {
+        SCOPED_TRACE(t.name);
+        float m[16];
+        fill(m, 16);
+        const auto M = reinterpret_cast<const float(*)[4]>(m);
+        // single points, in place too
+        for (int trial = 0; trial < 100; ++trial) {
+            float v[5], got[5], want[4];
+            fill(v, 4);
+            std::fill(got, got + 5, kSentinel);
+            ASSERT_EQ(t.single(m, v, got), zelStsOk);
+            t.ref(M, v, want);
+            ASSERT_TRUE(close(got, want, t.outs, 0) && got[t.outs] == kSentinel);
+            t.single(m, v, v);
+            ASSERT_TRUE(close(v, want, t.outs, 0));
+        }
+        // arrays: tight, dense, padded strides; count 0 and -1 write nothing
+        const std::pair<int, int> strides[] = {{4 * t.n, 4 * t.outs}, {t.dense_in, t.dense_out}, {4 * t.n + 8, 28}};
+        for (const auto& [ss, ds] : strides) {
+            if (!ss) continue;
+            for (const int count : {-1, 0, 1, 2, 7, 64}) {
+                const int cnt = count < 0 ? 0 : count;
+                std::vector<float> src(std::size_t(cnt) * ss / 4 + 4), dst(std::size_t(cnt) * ds / 4 + 4, kSentinel);
+                fill(src.data(), int(src.size()));
+                std::vector<float> want = dst;
+                for (int i = 0; i < cnt; ++i) t.single(m, &src[std::size_t(i) * ss / 4], &want[std::size_t(i) * ds / 4]);
+                ASSERT_EQ(t.array(m, src.data(), ss, dst.data(), ds, count), zelStsOk);
+                ASSERT_TRUE(close(dst.data(), want.data(), int(dst.size()), 0)) << ss << "/" << ds << " count " << count;
+                // in place: one buffer as source and destination, point by point
+                std::vector<float> buf(std::max(src.size(), dst.size()));
+                fill(buf.data(), int(buf.size()));
+                std::vector<float> seq = buf;
+                for (int i = 0; i < cnt; ++i) t.single(m, &seq[std::size_t(i) * ss / 4], &seq[std::size_t(i) * ds / 4]);
+                t.array(m, buf.data(), ss, buf.data(), ds, count);
+                ASSERT_TRUE(close(buf.data(), seq.data(), int(buf.size()), 0)) << "in place " << ss << "/" << ds;
+            }
+        }
+    }
+    // the layout is glm's: v * M here is M * v there
+    float m[16], v[4], got[4];
+    fill(m, 16), fill(v, 4);
+    zelmAffineTransform_m4v4_32f(m, v, got);
+    EXPECT_TRUE(close(got, glm::value_ptr(glm::make_mat4(m) * gv<4>(v)), 4, 1e-5f));
+}
+
+// A camera: world, view and projection matrices of a scene in front of it.
+struct Camera {
+    float world[16], view[16], proj[16];
+    Camera() {
+        float rot[16], tr[16];
+        const float eye[3] = {1, 2, -10}, at[3] = {0, 0, 0}, up[3] = {0, 1, 0};
+        zelmRotationYawPitchRoll_m4_32f(0.3f, -0.2f, 0.1f, rot);
+        zelmTranslation_m4_32f(0.5f, -0.25f, 1, tr);
+        zelmMul_mm4x4_32f(rot, tr, world);
+        zelmLookAtLH_m4_32f(eye, at, up, view);
+        zelmPerspectiveFovLH_m4_32f(1.0f, 4.0f / 3.0f, 0.5f, 100.0f, proj);
+    }
+};
+
+TEST_F(Geometry, UnprojectUndoesProject) {
+    const Camera c;
+    const float vp[4] = {640, 480, 0.25f, 1};
+    float pts[30], screen[30], back[30], one[3];
+    fill(pts, 30, -3, 3);
+    ASSERT_EQ(zelmProject_m4v3a_32f(c.proj, c.view, c.world, pts, 12, vp[0], vp[1], vp[2], vp[3], screen, 12, 10),
+              zelStsOk);
+    ASSERT_EQ(zelmUnproject_m4v3a_32f(c.proj, c.view, c.world, screen, 12, vp[0], vp[1], vp[2], vp[3], back, 12, 10),
+              zelStsOk);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(close(back + 3 * i, pts + 3 * i, 3, 2e-3f)) << i;
+        zelmProject_m4v3_32f(c.proj, c.view, c.world, pts + 3 * i, vp[0], vp[1], vp[2], vp[3], one);
+        EXPECT_TRUE(close(one, screen + 3 * i, 3, 0));
+        EXPECT_TRUE(screen[3 * i] > 0 && screen[3 * i] < 640 && screen[3 * i + 2] > 0.25f && screen[3 * i + 2] < 1);
+        zelmUnproject_m4v3_32f(c.proj, c.view, c.world, screen + 3 * i, vp[0], vp[1], vp[2], vp[3], one);
+        EXPECT_TRUE(close(one, back + 3 * i, 3, 0));
+    }
+    // identity matrices: the origin to the middle of the viewport at the near depth
+    float id[16];
+    const float origin[3] = {0, 0, 0};
+    zelmIdentity_m4_32f(id);
+    zelmProject_m4v3_32f(id, id, id, origin, 640, 480, 0.25f, 1, one);
+    const float middle[3] = {320, 240, 0.25f};
+    EXPECT_TRUE(close(one, middle, 3, 0));
+}
+
+TEST_F(Geometry, UnprojectOfASingularProduct) {
+    const Camera c;
+    float flat[16];
+    zelmScaling_m4_32f(1, 1, 0, flat);  // projects every depth to 0
+    const float s[3] = {160, 360, 0.5f};
+    float one[4] = {kSentinel, kSentinel, kSentinel, kSentinel}, arr[6];
+    EXPECT_EQ(zelmUnproject_m4v3_32f(flat, c.view, c.world, s, 640, 480, 0, 2, one), zelStsErrSingular);
+    // the device coordinates of step one stay, the fourth float untouched
+    const float device[4] = {2 * 160.0f / 640 - 1, 1 + -2 * 360.0f / 480, 0.5f / 2, kSentinel};
+    EXPECT_TRUE(close(one, device, 4, 0));
+    std::fill(arr, arr + 6, kSentinel);
+    EXPECT_EQ(zelmUnproject_m4v3a_32f(flat, c.view, c.world, s, 0, 640, 480, 0, 2, arr, 12, 2), zelStsErrSingular);
+    EXPECT_TRUE(std::all_of(arr, arr + 6, [](float v) { return v == kSentinel; }));
+}
+
+// ---------------------------------------------------------------------------
+// The homogeneous transform of column vectors with the full frame.
+namespace h3d = zel::geometry::h3d;
+
+// A call laid out with element steps (in floats) for the matrix, the vectors
+// and the destination, so that a step other than 1 selects the S2 kernel.
+struct H3D {
+    int ms, vs, ds, count;
+    std::vector<float> m, v, d;
+    H3D(int ms_, int vs_, int ds_, int count_) : ms(ms_), vs(vs_), ds(ds_), count(count_) {
+        m.resize(16 * ms), v.resize(std::size_t(count) * 4 * vs), d.assign(std::size_t(count) * 4 * ds, kSentinel);
+        fill(m.data(), int(m.size())), fill(v.data(), int(v.size()));
+    }
+    float& M(int i, int j) { return m[std::size_t(4 * i + j) * ms]; }
+    float& X(int n, int j) { return v[std::size_t(n) * 4 * vs + std::size_t(j) * vs]; }
+    float& D(int n, int j) { return d[std::size_t(n) * 4 * ds + std::size_t(j) * ds]; }
+    zelStatus call() {
+        return zelmAffineTransform3DH_mva_32f(m.data(), 16 * ms, 4 * ms, v.data(), 16 * vs, 4 * vs, d.data(), 16 * ds,
+                                              4 * ds, count);
+    }
+    // The written formula of vector n in the association of its kernel; the
+    // largest float where |w| is at most 2^-126.
+    void expect(int n) {
+        const bool pairs = h3d::assoc_of(ms == 1 && vs == 1 && ds == 1) == h3d::Assoc::Pairs;
+        const float x = X(n, 0), y = X(n, 1), z = X(n, 2);
+        float r[4];
+        for (int i = 0; i < 4; ++i)
+            r[i] = pairs ? (M(i, 0) * x + M(i, 1) * y) + (M(i, 2) * z + M(i, 3))
+                         : ((M(i, 0) * x + M(i, 3)) + M(i, 1) * y) + M(i, 2) * z;
+        const bool ok = std::fabs(r[3]) > FLT_MIN;
+        for (int i = 0; i < 3; ++i)
+            ASSERT_TRUE(same_bits(D(n, i), ok ? r[i] * (1.0f / r[3]) : FLT_MAX)) << "vector " << n << " " << i;
+        ASSERT_EQ(D(n, 3), kSentinel);
+    }
+};
+
+TEST_F(Geometry, EachKernelInItsOrderAndTheDivisionFailure) {
+    const int steps[][3] = {{1, 1, 1}, {2, 1, 1}, {1, 3, 1}, {1, 1, 2}};
+    for (const auto& st : steps) {
+        H3D c(st[0], st[1], st[2], 40);
+        // w = x for some vectors, on both sides of 2^-126, a NaN among them
+        c.M(3, 0) = 1, c.M(3, 1) = c.M(3, 2) = c.M(3, 3) = 0;
+        const float xs[] = {0.0f, FLT_MIN, -FLT_MIN, std::nextafter(FLT_MIN, 1.0f), NAN};
+        for (int k = 0; k < 5; ++k) c.X(5 * k + 3, 0) = xs[k];
+        EXPECT_EQ(c.call(), zelStsErrDivByZero);
+        for (int n = 0; n < c.count; ++n) c.expect(n);
+        c.M(3, 3) = 8;  // now no w is small
+        c.X(23, 0) = 1;
+        EXPECT_EQ(c.call(), zelStsOk);
+        for (int n = 0; n < c.count; ++n) c.expect(n);
+    }
+    H3D zero(1, 1, 1, 1);
+    std::fill(zero.m.begin() + 12, zero.m.end(), 0.0f);
+    EXPECT_EQ(zero.call(), zelStsErrDivByZero);
+    EXPECT_TRUE(zero.D(0, 0) == FLT_MAX && zero.D(0, 1) == FLT_MAX && zero.D(0, 2) == FLT_MAX);
+}
+
+// count * 6 above 1984 goes to the wrapper (ownGetNumThreads asked, and
+// asked again to fork); the results and the merged status are those of the
+// direct path.
+TEST_F(Geometry, ThresholdAndWrapper) {
+    EXPECT_EQ(h3d::estimate(330), 1980);
+    EXPECT_FALSE(h3d::fans_out(330));
+    EXPECT_TRUE(h3d::fans_out(331));
+    for (const int count : {330, 331, 1000}) {
+        for (const bool failing : {false, true}) {
+            H3D c(1, 2, 1, count);
+            c.M(3, 3) = 8;
+            if (failing) c.X(count - 2, 0) = std::numeric_limits<float>::quiet_NaN();
+            int queries;
+            zelStatus st;
+            {
+                subst::Scope scope(4);
+                st = c.call();
+                queries = subst::thread_queries;
+            }
+            EXPECT_EQ(queries, count > 330 ? 2 : 0) << count;
+            EXPECT_EQ(st, failing ? zelStsErrDivByZero : zelStsOk) << count;
+            for (int n = 0; n < count; ++n) c.expect(n);
+        }
+    }
+}
+
+}  // namespace

@@ -1,0 +1,285 @@
+// LU decomposition and back-substitution: every export, order 1 to 9, every
+// form and layout, bit for bit against the elimination written out as each
+// path does it, which also says what stands in the destination and the table
+// when a singular matrix stops it; P*A = L*U; solutions against Eigen; the
+// pivot thresholds at their boundaries; the documented examples; overlapping
+// and in-place operands; the fan-out.
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+#include "solvers/lu_table.hpp"
+#include "triangular_harness.hpp"
+
+namespace {
+
+using namespace tri_test;
+
+bool fixed_order(int n) { return n >= 3 && n <= 6; }
+
+// The elimination on a row-major copy as the path of order n does it: at
+// orders 3 to 6 the exchange before a strict test against 2^-125 (2^-1021),
+// a division at the last stage, rows stored as they finish (in the pointer
+// form only at the end); elsewhere the test at or below 2^-23 (2^-52) before
+// the exchange, in the destination from the start.
+template <class T>
+Expect<T> lu_ref(const Vec<T>& A, int n, bool pointer_form) {
+    const bool fixed = fixed_order(n);
+    const T thr = fixed ? (sizeof(T) == 4 ? T(0x1p-125) : T(0x1p-1021)) : (sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-52));
+    Expect<T> e{A, std::vector<char>(n * n, !fixed), std::vector<int>(n)};
+    std::iota(e.p.begin(), e.p.end(), 0);
+    auto a = [&](int r, int c) -> T& { return e.f[r * n + c]; };
+    auto bad = [&](T m) { return fixed ? m < thr : m <= thr; };
+    auto keep = [&](int r) { std::fill_n(e.stored.begin() + r * n, n, 1); };
+    for (int k = 0; k + 1 < n; ++k) {
+        int best = k;
+        for (int i = k + 1; i < n; ++i)
+            if (std::fabs(a(e.p[i], k)) > std::fabs(a(e.p[best], k))) best = i;
+        const T big = std::fabs(a(e.p[best], k));
+        if (!fixed && bad(big)) return e.st = zelStsErrSingular, e;
+        std::swap(e.p[k], e.p[best]);
+        if (bad(big)) return e.st = zelStsErrSingular, e;
+        const int pk = e.p[k];
+        const T r = T(1) / a(pk, k);
+        for (int i = k + 1; i < n; ++i) {
+            T& m = a(e.p[i], k);
+            m = fixed && k == n - 2 ? m / a(pk, k) : m * r;
+            for (int j = k + 1; j < n; ++j) a(e.p[i], j) -= m * a(pk, j);
+        }
+        if (fixed && !pointer_form) keep(pk);
+    }
+    if (bad(std::fabs(a(e.p[n - 1], n - 1)))) return e.st = zelStsErrSingular, e;
+    for (int r = 0; fixed && r < n; ++r) keep(r);
+    return e;
+}
+
+// x from the factors and table: successive subtraction and a division (the
+// reciprocal in mva) at orders 3 to 6, partial sums and a division elsewhere.
+template <class T>
+Vec<T> solve_ref(const Expect<T>& F, const Vec<T>& b, const std::string& sig) {
+    const int n = int(b.size());
+    const bool fixed = fixed_order(n);
+    Vec<T> x(n);
+    auto f = [&](int i, int j) { return F.f[F.p[i] * n + j]; };
+    auto minus = [&](T v, int i, int lo, int hi) {
+        Vec<T> t;
+        for (int j = lo; j < hi; ++j) t.push_back(f(i, j) * x[j]);
+        if (!fixed) return v - partial(t, T(0), 1, 2);
+        for (T p : t) v -= p;
+        return v;
+    };
+    for (int i = 0; i < n; ++i) x[i] = minus(b[F.p[i]], i, 0, i);
+    for (int i = n - 1; i >= 0; --i) {
+        const T v = minus(x[i], i, i + 1, n);
+        x[i] = fixed && sig == "mva" ? v * (T(1) / f(i, i)) : v / f(i, i);
+    }
+    return x;
+}
+
+// Full mantissas; or, for odd k, the rows of L U in random order with
+// multipliers -1, 0, 1 and pivots powers of two: exact elimination, ties for
+// the largest magnitude at every stage.
+template <class T>
+Vec<T> random_matrix(std::mt19937& g, int n, int k) {
+    Vec<T> A(n * n), L(n * n), U(n * n);
+    for (auto& v : A) v = lay::random_value<T>(g);
+    if (k % 2 == 0) return A;
+    std::uniform_int_distribution<int> d(-3, 3);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            L[i * n + j] = i == j ? 1 : j < i ? d(g) % 2 : 0;
+            U[i * n + j] = i == j ? T(1 << (d(g) + 3) / 2) * (d(g) < 0 ? -1 : 1) : j > i ? d(g) : 0;
+        }
+    std::vector<int> perm(n);
+    std::iota(perm.begin(), perm.end(), 0);
+    std::shuffle(perm.begin(), perm.end(), g);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) {
+            T v = 0;
+            for (int m = 0; m < n; ++m) v += L[i * n + m] * U[m * n + j];
+            A[perm[i] * n + j] = v;
+        }
+    return A;
+}
+
+// Well conditioned, the large entries off the diagonal: pivoting works.
+template <class T>
+Vec<T> system_matrix(std::mt19937& g, int n) {
+    Vec<T> A(n * n);
+    for (auto& v : A) v = rand_in<T>(g, -1, 1);
+    std::vector<int> perm(n);
+    std::iota(perm.begin(), perm.end(), 0);
+    std::shuffle(perm.begin(), perm.end(), g);
+    for (int i = 0; i < n; ++i) A[i * n + perm[i]] += T(3 * n) * (i % 2 ? -1 : 1);
+    return A;
+}
+
+// max |A(p[k], .) - (L U)(k, .)| relative to max |A|.
+template <class T>
+double residual(const Vec<T>& A, const Vec<T>& F, const int* p, int n) {
+    double worst = 0, scale = 1e-300;
+    for (T v : A) scale = std::max(scale, double(std::fabs(v)));
+    for (int k = 0; k < n; ++k)
+        for (int j = 0; j < n; ++j) {
+            double s = 0;
+            for (int m = 0; m <= std::min(k, j); ++m) s += (m == k ? 1.0 : double(F[p[k] * n + m])) * F[p[m] * n + j];
+            worst = std::max(worst, std::fabs(s - A[p[k] * n + j]) / scale);
+        }
+    return worst;
+}
+
+template <class T>
+void check(const reg::ExportRow& row, int n, const std::vector<Vec<T>>& mats, const lay::Layout& L, bool in_place) {
+    check_decomp<T>(row, n, mats, L, in_place, lu_ref<T>, [](auto&) {}, [&](Laid<T>& l, int o) {
+        return residual(mats[o], l.get("Dst", o), l.index("pDstIndex") + o * n, n);
+    });
+}
+
+// 19 objects (whole batches of lanes and a rest), object 10 with column c
+// zero, so that it fails at stage c (at the last pivot for c = n-1), or no
+// column zero (c = -1, also in place).
+TEST(LU, DecompositionAndWhatStandsAfterASingularMatrix) {
+    unsigned seed = 1;
+    for (const auto* row : fh::exports_of({"LUDecomp"}))
+        for (int n = 1; n <= 9; ++n)
+            for (int c = -1; c < n; ++c)
+                fh::with_type(*row, [&](auto t) {
+                    using T = decltype(t);
+                    std::mt19937 g(seed++);
+                    std::vector<Vec<T>> mats;
+                    for (int o = 0; o < 19; ++o) mats.push_back(random_matrix<T>(g, n, o + n));
+                    for (int r = 0; r < n && c >= 0; ++r) mats[10][r * n + c] = 0;
+                    if (!is_array(*row)) mats = {mats[10]};
+                    check<T>(*row, n, mats, layouts()[(c + 2) % 2], false);
+                    if (c < 0) check<T>(*row, n, mats, layouts()[1], true);
+                });
+}
+
+// Status of 16 identities with element (0, 0) replaced, by path and type.
+TEST(LU, PivotThresholdsAtTheirBoundaries) {
+    const double nan = std::nan("");
+    const struct {
+        bool is64;
+        int n;
+        double v;
+        zelStatus st;
+    } cases[] = {
+        {false, 3, 0x1p-125, 0}, {false, 6, 0x1p-125, 0}, {false, 4, 0x1p-126, -195}, {true, 5, 0x1p-1021, 0},
+        {true, 3, 0x1p-1022, -195}, {false, 7, 0x1p-23, -195}, {false, 2, 0x1.000002p-23, 0}, {false, 1, 0x1p-23, -195},
+        {false, 1, 1e-8, -195}, {true, 8, 0x1p-52, -195}, {true, 7, 0x1.0000000000001p-52, 0}, {false, 3, nan, 0},
+        {false, 7, nan, 0}, {true, 2, nan, 0},
+        // 1e-8 I (32f) and 1e-20 I (64f): the fixed order 6 factors, order 7 does not
+        {false, 6, -1e-8, 0}, {false, 7, -1e-8, -195}, {true, 6, -1e-20, 0}, {true, 7, -1e-20, -195},
+    };
+    for (const auto* row : fh::exports_of({"LUDecomp"}))
+        for (const auto& k : cases)
+            if (k.is64 == fh::is64(*row))
+                fh::with_type(*row, [&](auto t) {
+                    using T = decltype(t);
+                    auto l = laid<T>(*row, k.n, 16);
+                    l.fill("Src", [&](int, int r, int c) { return k.v < 0 ? (r == c) * -k.v : r + c == 0 ? k.v : r == c; });
+                    EXPECT_EQ(l.call(), k.st) << row->name << " n=" << k.n << " " << k.v;
+                });
+}
+
+TEST(LU, DocumentedExamples) {
+    // rows (1,2), (3,4): table 1, 0; row 1 the first factor row, row 0 1/3 and U(1,1) = 2/3
+    float a[4] = {1, 2, 3, 4}, f[4], x[2], b[2] = {5, 11};
+    int p[3];
+    ASSERT_EQ(zelmLUDecomp_m_32f(a, 8, 4, p, f, 8, 4, 2), zelStsOk);
+    EXPECT_EQ(std::vector<int>(p, p + 2), std::vector<int>({1, 0}));
+    EXPECT_EQ(std::vector<float>(f, f + 4), std::vector<float>({1.0f / 3, 2 - 4 * (1.0f / 3), 3, 4}));
+    ASSERT_EQ(zelmLUBackSubst_mv_32f(f, 8, 4, p, b, 4, x, 4, 2), zelStsOk);
+    EXPECT_NEAR(x[0], 1.0f, 1e-6);
+    EXPECT_NEAR(x[1], 2.0f, 1e-6);
+    // first column 1, -1, 1: the first maximum stays the pivot; the identity: table and factors as given
+    double m[9] = {1, 2, 3, -1, 5, 1, 1, 0, 4}, id[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1}, d[9];
+    ASSERT_EQ(zelmLUDecomp_m_64f(m, 24, 8, p, d, 24, 8, 3), zelStsOk);
+    EXPECT_EQ(p[0], 0);
+    ASSERT_EQ(zelmLUDecomp_m_64f(id, 24, 8, p, d, 24, 8, 3), zelStsOk);
+    EXPECT_EQ(std::memcmp(id, d, sizeof d), 0);
+    EXPECT_EQ(std::vector<int>(p, p + 3), std::vector<int>({0, 1, 2}));
+    // order 1: x = b / a
+    ASSERT_EQ(zelmLUDecomp_m_32f(a + 3, 4, 4, p, f, 4, 4, 1), zelStsOk);
+    ASSERT_EQ(zelmLUBackSubst_mv_32f(f, 4, 4, p, b, 4, x, 4, 1), zelStsOk);
+    EXPECT_EQ(p[0], 0);
+    EXPECT_EQ(x[0], 1.25f);
+}
+
+// From factors of system_matrix; pDst == pSrc2 at the exact orders, where all
+// of b is read before the first store.
+TEST(LU, BackSubstitution) {
+    unsigned seed = 500;
+    for (const auto* row : fh::exports_of({"LUBackSubst"}))
+        for (int n = 1; n <= 9; ++n)
+            for (int k = 0; k < (fixed_order(n) ? 3 : 2); ++k)
+                fh::with_type(*row, [&](auto t) {
+                    using T = decltype(t);
+                    auto factor = [&](Laid<T>& l, int o, const Vec<T>& A) {
+                        const Expect<T> e = lu_ref(A, n, false);
+                        l.set("Src1", o, e.f);
+                        std::copy(e.p.begin(), e.p.end(), l.index("pSrcIndex") + o * n);
+                        return e;
+                    };
+                    check_solve<T>(*row, n, layouts()[k % 2], k == 2, seed++, system_matrix<T>, factor, solve_ref<T>);
+                });
+}
+
+// Destinations that reach the next object's source: the objects are taken
+// one after the other, as single-object calls in order take them.
+TEST(LU, OverlappingObjectsInOrder) {
+    const int n = 4, e = n * n, count = 24;
+    std::mt19937 g(3);
+    Vec<float> mem((count + 1) * e), ref;
+    for (auto& v : mem) v = rand_in<float>(g, -4, 4);
+    ref = mem;
+    const Vec<float> start = mem;
+    std::vector<int> p(count * n), q(count * n), id(count * n);
+    for (int o = 0; o < count; ++o) ASSERT_EQ(zelmLUDecomp_m_32f(&ref[o * e], 16, 4, &q[o * n], &ref[(o + 1) * e], 16, 4, n), 0);
+    EXPECT_EQ(zelmLUDecomp_ma_32f(&mem[0], 4 * e, 16, 4, p.data(), &mem[e], 4 * e, 16, 4, n, count), zelStsOk);
+    EXPECT_TRUE(mem == ref && p == q);
+    std::vector<const float*> src(count);
+    std::vector<float*> dst(count);
+    for (int o = 0; o < count; ++o) src[o] = &mem[o * e], dst[o] = &mem[(o + 1) * e];
+    mem = start;
+    EXPECT_EQ(zelmLUDecomp_ma_32f_L(src.data(), 0, 16, 4, p.data(), dst.data(), 0, 16, 4, n, count), zelStsOk);
+    EXPECT_TRUE(mem == ref);
+    // x of each system on the next one's b: factors 2 I plus 0.5 to the right, table the identity
+    Vec<float> f(e * count);
+    for (int k = 0; k < e * count; ++k) f[k] = k % e % (n + 1) == 0 ? 2 : k % e % (n + 1) == 1 ? 0.5f : 0;
+    for (int k = 0; k < count * n; ++k) id[k] = k % n;
+    mem = start, ref = start;
+    for (int o = 0; o < count; ++o) zelmLUBackSubst_mv_32f(&f[0], 16, 4, &id[0], &ref[o * n], 4, &ref[(o + 1) * n], 4, n);
+    EXPECT_EQ(zelmLUBackSubst_mava_32f(&f[0], 4 * e, 16, 4, &id[0], &mem[0], 16, 4, &mem[n], 16, 4, n, count), zelStsOk);
+    EXPECT_TRUE(mem == ref);
+}
+
+// The wrapper at the limits of the table; four threads against one, at
+// order 61 with 11 objects and at order 4 with 4001 (lanes in every slice):
+// a singular object stops its own slice only.
+TEST(LU, FanOut) {
+    expect_limits({"LUDecomp", "LUBackSubst"}, zel::lu::kLimits, [](const reg::ExportRow& row, auto& l) {
+        const int n = l.args.nums.at("widthHeight");
+        l.fill(is_decomp(row) ? "Src" : "Src1", [](int o, int r, int c) { return r == c ? 2.0 + o % 3 : 0.5; });
+        if (is_decomp(row)) return;
+        l.fill("Src2", [](int, int, int c) { return c; });
+        for (int k = 0; k < n * mats_of(row, l.count()); ++k) l.index("pSrcIndex")[k] = k % n;
+    });
+    for (auto [n, count, bad] : {std::tuple{61, 11, 4}, std::tuple{4, 4001, 1500}}) {
+        auto fill = [&](const reg::ExportRow& row, auto& l) {
+            std::mt19937 g(9);
+            const bool dec = is_decomp(row);
+            l.fill(dec ? "Src" : "Src1", [&](int o, int r, int c) {
+                return dec && o == bad && c == n / 2 ? 0.0 : (r == c ? 30.0 : 0.0) + rand_in<double>(g, -1, 1);
+            });
+            if (dec) return;
+            l.fill("Src2", [&](int, int, int) { return rand_in<double>(g, -1, 1); });
+            for (int i = 0; i < n * mats_of(row, count); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % n;
+        };
+        auto done = [&](auto& l, int o) { return residual(l.get("Src", o), l.get("Dst", o), l.index("pDstIndex") + o * n, n) < 1e-5; };
+        auto untouched = [&](auto& l, int o) { return l.index("pDstIndex")[o * n] == 0x5A5A5A5A; };
+        expect_threads({"LUDecomp", "LUBackSubst"}, n, count, bad, zelStsErrSingular, fill, done, untouched);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,555 @@
+// Vector-lane paths of the vector algebra: several objects at once, object i
+// of a group in lane i, each lane doing exactly its object's operations in
+// its kernel's association (the Trees of vectors/table.hpp evaluated on
+// vectors), so the results are the bits of the scalar routines.
+//
+// Objects are loaded whole, in the layout they have in memory, multiplied
+// there (a product per element does not care where its lanes are), and then
+// transposed so that lane i of vector k holds term k of object i. Standard-
+// form objects other than the last of a call are read 16 bytes wide even
+// where they are shorter: the bytes past such an object lie before the last
+// object's end, inside the caller's array, and their lanes are never used.
+// List-form objects may lie anywhere and are read exactly.
+#pragma once
+
+// The vector types pass through the association templates as values only.
+#pragma GCC diagnostic ignored "-Wignored-attributes"
+// 256-bit vectors pass through the association templates only inlined into
+// functions built for AVX.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+#include <immintrin.h>
+
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+#include "frame/cpu.hpp"
+#include "frame/frame.hpp"
+#include "frame/simd.hpp"
+#include "vectors/assoc.hpp"
+
+namespace zel::vectors::lanes {
+
+template <class T>
+using X = simd::V128<T>;
+template <class T>
+using Vec = typename X<T>::V;
+
+ZEL_INLINE __m128 vsqrt(__m128 v) { return _mm_sqrt_ps(v); }
+ZEL_INLINE __m128d vsqrt(__m128d v) { return _mm_sqrt_pd(v); }
+
+// The first `Cnt` elements of p, or a whole vector where reading past them
+// is allowed (`Wide`).
+template <class T, int Cnt, bool Wide>
+ZEL_INLINE Vec<T> load_part(const T* p) {
+    if constexpr (Wide || Cnt == X<T>::n) return X<T>::load(p);
+    else return X<T>::template load<Cnt>(p);
+}
+
+// Object i's vectors v[i][j] (elements j*n .. j*n + n-1) to term vectors
+// t[k] (lane i: element k of object i).
+ZEL_INLINE void transpose(const __m128 (*v)[2], int j, __m128* t, int N) {
+    const __m128 lo01 = _mm_unpacklo_ps(v[0][j], v[1][j]), lo23 = _mm_unpacklo_ps(v[2][j], v[3][j]);
+    const __m128 hi01 = _mm_unpackhi_ps(v[0][j], v[1][j]), hi23 = _mm_unpackhi_ps(v[2][j], v[3][j]);
+    const int k = 4 * j;
+    t[k] = _mm_movelh_ps(lo01, lo23);
+    if (k + 1 < N) t[k + 1] = _mm_movehl_ps(lo23, lo01);
+    if (k + 2 < N) t[k + 2] = _mm_movelh_ps(hi01, hi23);
+    if (k + 3 < N) t[k + 3] = _mm_movehl_ps(hi23, hi01);
+}
+ZEL_INLINE void transpose(const __m128d (*v)[3], int j, __m128d* t, int N) {
+    const int k = 2 * j;
+    t[k] = _mm_unpacklo_pd(v[0][j], v[1][j]);
+    if (k + 1 < N) t[k + 1] = _mm_unpackhi_pd(v[0][j], v[1][j]);
+}
+
+// The vectors of one object of N elements.
+template <class T, int N>
+struct Obj {
+    static constexpr int n = X<T>::n;
+    static constexpr int C = (N + n - 1) / n;  // vectors per object
+    template <bool Wide>
+    static ZEL_INLINE void load(const T* p, Vec<T>* v) {
+        [&]<int... J>(std::integer_sequence<int, J...>) {
+            ((v[J] = load_part<T, (N - J * n < n ? N - J * n : n), Wide>(p + J * n)), ...);
+        }(std::make_integer_sequence<int, C>{});
+    }
+};
+
+// ---------------------------------------------------------------------------
+// DotProduct and L2Norm at lengths 3 to 6, contiguous elements, standard and
+// list forms.
+template <Op O, class T, int N>
+constexpr bool has_reduce() {
+    return (O == Op::DotProduct || O == Op::L2Norm) && N >= 3 && N <= 6;
+}
+
+// The objects of an operand in the standard or list form: object n's first
+// element.
+template <class T, Form F>
+struct Objs {
+    const char* p;
+    std::ptrdiff_t s0;
+    int shift;
+    explicit Objs(const Opd& o) : p(static_cast<const char*>(o.p)), s0(o.s0), shift(o.shift) {}
+    ZEL_INLINE const T* at(int n) const {
+        if constexpr (F == Form::S) return reinterpret_cast<const T*>(p + std::ptrdiff_t(n) * s0);
+        else return byte_add<const T>(reinterpret_cast<const void* const*>(p)[n], shift);
+    }
+};
+
+// Terms of objects o .. o+W-1 summed in association A, lane i object o+i
+// (objects past `last` repeat it). Wide: every object may be read 16 bytes
+// wide.
+template <Op O, bool Single2, bool Wide, class T, int N, Assoc A, class S>
+ZEL_INLINE Vec<T> group(const S& a, const S& b, const Vec<T>* held, int o, int last) {
+    using V = Vec<T>;
+    using Ob = Obj<T, N>;
+    constexpr int W = X<T>::n, C = Ob::C;
+    constexpr bool dot = O == Op::DotProduct;
+    V v[W][sizeof(T) == 4 ? 2 : 3];
+    for (int i = 0; i < W; ++i) {
+        const int n = Wide || o + i <= last ? o + i : last;
+        V x[C], y[C];
+        Ob::template load<Wide>(a.at(n), x);
+        if constexpr (dot && !Single2) Ob::template load<Wide>(b.at(n), y);
+        for (int j = 0; j < C; ++j) v[i][j] = X<T>::mul(x[j], dot ? (Single2 ? held[j] : y[j]) : x[j]);
+    }
+    V t[N];
+    for (int j = 0; j < C; ++j) transpose(v, j, t, N);
+    const V s = sum<A, N, V>([&](int k) { return t[k]; });
+    if constexpr (dot) return s;
+    else return vsqrt(s);
+}
+
+// ---------------------------------------------------------------------------
+// The same groups in 256-bit lanes, for objects of 3 or 4 elements read wide
+// (standard form): 8 float objects, object i and i+4 in the two halves of a
+// vector and transposed within the halves, so that the results come out in
+// order; or 4 double objects transposed across the halves.
+template <class T>
+struct Avx;
+template <>
+struct Avx<float> {
+    using V = __m256;
+    static constexpr int W = 8;
+    static ZEL_INLINE __attribute__((target("avx"))) V load2(const float* p, const float* q) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(p)), _mm_loadu_ps(q), 1);
+    }
+    template <class S, class Held>
+    static ZEL_INLINE __attribute__((target("avx"))) void products(const S& a, const S& b, const Held& held,
+                                                                   bool dot, bool single2, int o, V* v) {
+        const V h = held;
+        for (int i = 0; i < 4; ++i) {
+            const V x = load2(a.at(o + i), a.at(o + i + 4));
+            v[i] = _mm256_mul_ps(x, dot ? (single2 ? h : load2(b.at(o + i), b.at(o + i + 4))) : x);
+        }
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) void transpose(const V* v, V* t, int N) {
+        const __m256d l01 = _mm256_castps_pd(_mm256_unpacklo_ps(v[0], v[1]));
+        const __m256d l23 = _mm256_castps_pd(_mm256_unpacklo_ps(v[2], v[3]));
+        const __m256d h01 = _mm256_castps_pd(_mm256_unpackhi_ps(v[0], v[1]));
+        const __m256d h23 = _mm256_castps_pd(_mm256_unpackhi_ps(v[2], v[3]));
+        t[0] = _mm256_castpd_ps(_mm256_unpacklo_pd(l01, l23));
+        t[1] = _mm256_castpd_ps(_mm256_unpackhi_pd(l01, l23));
+        t[2] = _mm256_castpd_ps(_mm256_unpacklo_pd(h01, h23));
+        if (N > 3) t[3] = _mm256_castpd_ps(_mm256_unpackhi_pd(h01, h23));
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) V held(const __m128* h) { return held2(h[0]); }
+    static ZEL_INLINE __attribute__((target("avx"))) V held2(__m128 h) {
+        return _mm256_insertf128_ps(_mm256_castps128_ps256(h), h, 1);
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) void store2(float* p, float* q, V x) {
+        _mm_storeu_ps(p, _mm256_castps256_ps128(x));
+        _mm_storeu_ps(q, _mm256_extractf128_ps(x, 1));
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) V root(V x) { return _mm256_sqrt_ps(x); }
+    static ZEL_INLINE __attribute__((target("avx"))) V load(const float* p) { return _mm256_loadu_ps(p); }
+    static ZEL_INLINE __attribute__((target("avx"))) V splat(float x) { return _mm256_set1_ps(x); }
+    static ZEL_INLINE __attribute__((target("avx"))) void store(float* p, V x) { _mm256_storeu_ps(p, x); }
+};
+template <>
+struct Avx<double> {
+    using V = __m256d;
+    static constexpr int W = 4;
+    template <class S, class Held>
+    static ZEL_INLINE __attribute__((target("avx"))) void products(const S& a, const S& b, const Held& held,
+                                                                   bool dot, bool single2, int o, V* v) {
+        const V h = held;
+        for (int i = 0; i < 4; ++i) {
+            const V x = _mm256_loadu_pd(a.at(o + i));
+            v[i] = _mm256_mul_pd(x, dot ? (single2 ? h : _mm256_loadu_pd(b.at(o + i))) : x);
+        }
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) void transpose(const V* v, V* t, int N) {
+        const V l01 = _mm256_unpacklo_pd(v[0], v[1]), h01 = _mm256_unpackhi_pd(v[0], v[1]);
+        const V l23 = _mm256_unpacklo_pd(v[2], v[3]), h23 = _mm256_unpackhi_pd(v[2], v[3]);
+        t[0] = _mm256_permute2f128_pd(l01, l23, 0x20);
+        t[1] = _mm256_permute2f128_pd(h01, h23, 0x20);
+        t[2] = _mm256_permute2f128_pd(l01, l23, 0x31);
+        if (N > 3) t[3] = _mm256_permute2f128_pd(h01, h23, 0x31);
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) V held(const __m128d* h) {
+        return _mm256_insertf128_pd(_mm256_castpd128_pd256(h[0]), h[1], 1);
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) V held2(__m128d h) {
+        return _mm256_insertf128_pd(_mm256_castpd128_pd256(h), h, 1);
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) V load2(const double* p, const double* q) {
+        return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(p)), _mm_loadu_pd(q), 1);
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) void store2(double* p, double* q, V x) {
+        _mm_storeu_pd(p, _mm256_castpd256_pd128(x));
+        _mm_storeu_pd(q, _mm256_extractf128_pd(x, 1));
+    }
+    static ZEL_INLINE __attribute__((target("avx"))) V root(V x) { return _mm256_sqrt_pd(x); }
+    static ZEL_INLINE __attribute__((target("avx"))) V load(const double* p) { return _mm256_loadu_pd(p); }
+    static ZEL_INLINE __attribute__((target("avx"))) V splat(double x) { return _mm256_set1_pd(x); }
+    static ZEL_INLINE __attribute__((target("avx"))) void store(double* p, V x) { _mm256_storeu_pd(p, x); }
+};
+
+// Groups of objects [from, to) while none is the call's last; returns the
+// first object not done.
+template <Op O, bool Single2, class T, int N, Assoc A>
+__attribute__((target("avx"), noinline)) int reduce_avx(const Call<T>& c, int from, int to, const Vec<T>* held) {
+    using K = Avx<T>;
+    using V = typename K::V;
+    constexpr bool dot = O == Op::DotProduct;
+    const Objs<T, Form::S> a(c.src[0]), b(c.src[1]);
+    T* const out = c.out;
+    const int end = to < c.count ? to : c.count - 1;  // the last object read exactly
+    const V h = Single2 ? K::held(held) : V{};
+    int o = from;
+#pragma GCC unroll 2
+    for (; o + K::W <= end; o += K::W) {
+        V v[4], t[4];
+        K::products(a, b, h, dot, Single2, o, v);
+        K::transpose(v, t, N);
+        V s = sum<A, N, V>([&](int k) { return t[k]; });
+        if constexpr (!dot) s = K::root(s);
+        K::store(out + o, s);
+    }
+    return o;
+}
+
+// Objects [from, to) in association A: groups of the lane count, read wide
+// while no object of the group is the call's last (standard form).
+template <Op O, Form F, bool Single2, class T, int N, Assoc A>
+ZEL_INLINE void reduce_range(const Call<T>& c, int from, int to, const Vec<T>* held) {
+    constexpr int W = X<T>::n;
+    const Objs<T, F> a(c.src[0]), b(c.src[1]);
+    T* const out = c.out;
+    const int count = c.count;
+    int o = from;
+    if constexpr (F == Form::S && N <= 4) {
+        if (cpu::avx && to - from >= 2 * W) o = reduce_avx<O, Single2, T, N, A>(c, from, to, held);
+    }
+    if constexpr (F == Form::S) {
+        for (; o + W <= to && o + W < count; o += W)
+            X<T>::store(out + o, group<O, Single2, true, T, N, A>(a, b, held, o, 0));
+    }
+    for (; o < to; o += W) {
+        const Vec<T> s = group<O, Single2, false, T, N, A>(a, b, held, o, to - 1);
+        if (to - o >= W) {
+            X<T>::store(out + o, s);
+        } else {
+            alignas(16) T r[W];
+            X<T>::store_aligned(r, s);
+            for (int i = 0; i < to - o; ++i) out[o + i] = r[i];
+        }
+    }
+}
+
+template <Op O, Str Sig, class T, Form F, int N, Assoc Own, Assoc Block>
+bool reduce(const Call<T>& c, int blocked) {
+    static constexpr Operands ops = parse<Sig>();
+    constexpr bool single2 = O == Op::DotProduct && !ops.l[1].array;
+    constexpr int C = Obj<T, N>::C;
+    Vec<T> held[C];
+    if constexpr (single2) Obj<T, N>::template load<false>(static_cast<const T*>(c.src[1].p), held);
+    // a single object is not worth the lanes
+    if (c.count < 2) return false;
+    reduce_range<O, F, single2, T, N, Block>(c, 0, blocked, held);
+    reduce_range<O, F, single2, T, N, Own>(c, blocked, c.count, held);
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// ---------------------------------------------------------------------------
+// FrobNorm of N x N objects whose rows split into whole vectors: the squares
+// of an object in vectors Q(m) (elements m*n .. m*n + n-1), so that where
+// every chain starts at a multiple of the lane count n, one chain evaluated
+// on the Q gives the chains c(0) .. c(n-1) of the object in lanes; the
+// objects' chains transposed, the combination gives one object per lane.
+template <class T, int N>
+constexpr bool has_frob() {
+    return N % X<T>::n == 0 && N <= 4;
+}
+template <Assoc A, int n>
+constexpr bool frob_fits() {
+    if (A.sequential() || A.stride != 1 || A.combine.leaves != n) return false;
+    for (int i = 0; i < A.chain.nodes; ++i)
+        if (A.chain.leaf[i] > 0 && A.chain.leaf[i] % n) return false;
+    for (int i = 0; i < A.combine.nodes; ++i)
+        if (A.combine.leaf[i] >= n) return false;
+    return true;
+}
+
+template <class T, int N, Assoc A, class V, class Load>
+ZEL_INLINE V frob_chains(const Load& row_part) {
+    constexpr int n = X<T>::n, M = N * N / n;
+    V q[M];
+    for (int m = 0; m < M; ++m) {
+        const V x = row_part(m * n / N, m * n % N);
+        q[m] = x * x;
+    }
+    return eval<A.chain, N * N, V>([&](int k) { return q[k / n]; });
+}
+
+template <class T, int N, Assoc A>
+ZEL_INLINE void frob_range(const Objs<T, Form::S>& a, std::ptrdiff_t s1, T* out, int o, int to) {
+    using V = Vec<T>;
+    constexpr int W = X<T>::n;
+    for (; o + W <= to; o += W) {
+        V v[W][sizeof(T) == 4 ? 2 : 3];
+        for (int i = 0; i < W; ++i) {
+            const char* base = reinterpret_cast<const char*>(a.at(o + i));
+            v[i][0] = frob_chains<T, N, A, V>([&](int r, int col) {
+                return X<T>::load(reinterpret_cast<const T*>(base + r * s1) + col);
+            });
+        }
+        V t[W];
+        transpose(v, 0, t, W);
+        X<T>::store(out + o, vsqrt(eval<A.combine, W, V>([&](int k) { return t[k]; })));
+    }
+}
+
+template <int N, Assoc A>
+__attribute__((target("avx"), noinline)) int frob_avx(const Call<float>& c, int o, int to) {
+    const Objs<float, Form::S> a(c.src[0]);
+    const std::ptrdiff_t s1 = c.src[0].s1;
+    for (; o + 8 <= to; o += 8) {
+        __m256 v[4], t[4];
+        for (int i = 0; i < 4; ++i) {
+            const char* p = reinterpret_cast<const char*>(a.at(o + i));
+            const char* q = reinterpret_cast<const char*>(a.at(o + i + 4));
+            v[i] = frob_chains<float, N, A, __m256>([&](int r, int col) __attribute__((target("avx"))) {
+                return Avx<float>::load2(reinterpret_cast<const float*>(p + r * s1) + col,
+                                         reinterpret_cast<const float*>(q + r * s1) + col);
+            });
+        }
+        Avx<float>::transpose(v, t, 4);
+        _mm256_storeu_ps(c.out + o, _mm256_sqrt_ps(eval<A.combine, 4, __m256>([&](int k) { return t[k]; })));
+    }
+    return o;
+}
+
+// Objects below `blocked` in the block association, the others in Own, as
+// far as they fill groups; returns the first object not done.
+template <Str Sig, class T, Form F, int N, Assoc Own, Assoc Block>
+int frob(const Call<T>& c, int blocked) {
+    constexpr int W = X<T>::n;
+    if constexpr (F != Form::S || !frob_fits<Own, W>() || !frob_fits<Block, W>()) {
+        return 0;
+    } else {
+        if (blocked % W) return 0;
+        const int end = blocked + (c.count - blocked) / W * W;
+        const Objs<T, Form::S> a(c.src[0]);
+        auto range = [&](auto assoc, int o, int to) {
+            constexpr Assoc A = decltype(assoc)::value;
+            if constexpr (sizeof(T) == 4)
+                if (cpu::avx) o = frob_avx<N, A>(c, o, to);
+            frob_range<T, N, A>(a, c.src[0].s1, c.out, o, to);
+        };
+        range(std::integral_constant<Assoc, Block>{}, 0, blocked);
+        range(std::integral_constant<Assoc, Own>{}, blocked, end);
+        return end;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// CrossProduct of objects packed back to back (stride0 three elements) in the
+// standard form: n objects (n the lane count) are three vectors, taken apart
+// into the element vectors a0, a1, a2 (lane i: object i), computed, and put
+// back. With AVX two such groups ride in the halves of a vector. Shuffles are
+// written as generic shuffles within each 128-bit half, so that they compile
+// for either width.
+template <class V>
+using Elem = std::remove_cvref_t<decltype(V{}[0])>;
+
+// floats: [a(I0), a(I1), b(I2), b(I3)]; doubles: [a(I0), b(I1)]
+template <int I0, int I1, int I2 = 0, int I3 = 0, class V>
+ZEL_INLINE V shuf(V a, V b) {
+    if constexpr (sizeof(Elem<V>) == 4 && sizeof(V) == 16) {
+        typedef int M __attribute__((vector_size(16)));
+        return __builtin_shuffle(a, b, M{I0, I1, 4 + I2, 4 + I3});
+    } else if constexpr (sizeof(Elem<V>) == 4) {
+        typedef int M __attribute__((vector_size(32)));
+        return __builtin_shuffle(a, b, M{I0, I1, 8 + I2, 8 + I3, 4 + I0, 4 + I1, 12 + I2, 12 + I3});
+    } else if constexpr (sizeof(V) == 16) {
+        typedef long long M __attribute__((vector_size(16)));
+        return __builtin_shuffle(a, b, M{I0, 2 + I1});
+    } else {
+        typedef long long M __attribute__((vector_size(32)));
+        return __builtin_shuffle(a, b, M{I0, 4 + I1, 2 + I0, 6 + I1});
+    }
+}
+// floats: [a0 a1 a2 b0] [b1 b2 c0 c1] [c2 d0 d1 d2] -> [a0 b0 c0 d0] [a1 b1 c1 d1] [a2 b2 c2 d2]
+// doubles: [a0 a1] [a2 b0] [b1 b2] -> [a0 b0] [a1 b1] [a2 b2]
+template <class V>
+ZEL_INLINE void apart3(const V* x, V* t) {
+    if constexpr (sizeof(Elem<V>) == 4) {
+        t[0] = shuf<0, 3, 0, 3>(x[0], shuf<2, 3, 0, 1>(x[1], x[2]));
+        t[1] = shuf<0, 2, 0, 2>(shuf<1, 1, 0, 0>(x[0], x[1]), shuf<3, 3, 2, 2>(x[1], x[2]));
+        t[2] = shuf<0, 2, 0, 2>(shuf<2, 2, 1, 1>(x[0], x[1]), shuf<0, 0, 3, 3>(x[2], x[2]));
+    } else {
+        t[0] = shuf<0, 1>(x[0], x[1]);
+        t[1] = shuf<1, 0>(x[0], x[2]);
+        t[2] = shuf<0, 1>(x[1], x[2]);
+    }
+}
+template <class V>
+ZEL_INLINE void together3(const V* t, V* x) {
+    if constexpr (sizeof(Elem<V>) == 4) {
+        x[0] = shuf<0, 2, 0, 2>(shuf<0, 0, 0, 0>(t[0], t[1]), shuf<0, 0, 1, 1>(t[2], t[0]));
+        x[1] = shuf<0, 2, 0, 2>(shuf<1, 1, 1, 1>(t[1], t[2]), shuf<2, 2, 2, 2>(t[0], t[1]));
+        x[2] = shuf<0, 2, 0, 2>(shuf<2, 2, 3, 3>(t[2], t[0]), shuf<3, 3, 3, 3>(t[1], t[2]));
+    } else {
+        x[0] = shuf<0, 0>(t[0], t[1]);
+        x[1] = shuf<0, 1>(t[2], t[0]);
+        x[2] = shuf<1, 1>(t[1], t[2]);
+    }
+}
+// one group: element vectors of the arrays taken apart, the single operands'
+// elements spread across the lanes (sa, sb)
+template <bool A1, bool A2, class V>
+ZEL_INLINE void cross_group(const V* xa, const V* xb, const V* sa, const V* sb, V* xd) {
+    V ta[3], tb[3], td[3];
+    if constexpr (A1) apart3(xa, ta);
+    if constexpr (A2) apart3(xb, tb);
+    const V* a = A1 ? ta : sa;
+    const V* b = A2 ? tb : sb;
+    td[0] = a[1] * b[2] - a[2] * b[1];
+    td[1] = a[2] * b[0] - a[0] * b[2];
+    td[2] = a[0] * b[1] - a[1] * b[0];
+    together3(td, xd);
+}
+
+template <bool A1, bool A2, class T>
+__attribute__((target("avx"), noinline)) int cross_avx(const T* a, const T* b, T* d, const Vec<T>* ha,
+                                                       const Vec<T>* hb, int count) {
+    using K = Avx<T>;
+    constexpr int h = X<T>::n;  // objects in a half
+    typename K::V sa[3], sb[3], xa[3], xb[3], xd[3];
+    for (int k = 0; k < 3; ++k) sa[k] = K::held2(ha[k]), sb[k] = K::held2(hb[k]);
+    int o = 0;
+    for (; o + 2 * h <= count; o += 2 * h, d += 6 * h) {
+        for (int k = 0; k < 3; ++k) {
+            if constexpr (A1) xa[k] = K::load2(a + h * k, a + 3 * h + h * k);
+            if constexpr (A2) xb[k] = K::load2(b + h * k, b + 3 * h + h * k);
+        }
+        cross_group<A1, A2>(xa, xb, sa, sb, xd);
+        for (int k = 0; k < 3; ++k) K::store2(d + h * k, d + 3 * h + h * k, xd[k]);
+        if constexpr (A1) a += 6 * h;
+        if constexpr (A2) b += 6 * h;
+    }
+    return o;
+}
+
+template <Str Sig, class T, Form F>
+bool cross(const Call<T>& c) {
+    static constexpr Operands ops = parse<Sig>();
+    constexpr bool A1 = ops.l[0].array, A2 = ops.l[1].array;
+    constexpr int esz = int(sizeof(T)), n = X<T>::n;
+    if constexpr (F != Form::S) {
+        return false;
+    } else {
+        if ((A1 && c.src[0].s0 != 3 * esz) || (A2 && c.src[1].s0 != 3 * esz) || c.dst[0].s0 != 3 * esz ||
+            c.count < n)
+            return false;
+        const T* a = static_cast<const T*>(c.src[0].p);
+        const T* b = static_cast<const T*>(c.src[1].p);
+        T* d = static_cast<T*>(const_cast<void*>(c.dst[0].p));
+        const T x0 = a[0], x1 = a[1], x2 = a[2], y0 = b[0], y1 = b[1], y2 = b[2];
+        // a single operand's elements, each across the lanes
+        const Vec<T> sa[3] = {X<T>::splat(x0), X<T>::splat(x1), X<T>::splat(x2)};
+        const Vec<T> sb[3] = {X<T>::splat(y0), X<T>::splat(y1), X<T>::splat(y2)};
+        int o = 0;
+        if (cpu::avx) {
+            o = cross_avx<A1, A2>(a, b, d, sa, sb, c.count);
+            if (A1) a += 3 * o;
+            if (A2) b += 3 * o;
+            d += 3 * o;
+        }
+        for (; o + n <= c.count; o += n, d += 3 * n) {
+            Vec<T> xa[3], xb[3], xd[3];
+            for (int k = 0; k < 3; ++k) {
+                if constexpr (A1) xa[k] = X<T>::load(a + n * k);
+                if constexpr (A2) xb[k] = X<T>::load(b + n * k);
+            }
+            cross_group<A1, A2>(xa, xb, sa, sb, xd);
+            for (int k = 0; k < 3; ++k) X<T>::store(d + n * k, xd[k]);
+            if (A1) a += 3 * n;
+            if (A2) b += 3 * n;
+        }
+        // the last objects one by one
+        for (; o < c.count; ++o, d += 3) {
+            const T p0 = A1 ? a[0] : x0, p1 = A1 ? a[1] : x1, p2 = A1 ? a[2] : x2;
+            const T q0 = A2 ? b[0] : y0, q1 = A2 ? b[1] : y1, q2 = A2 ? b[2] : y2;
+            d[0] = p1 * q2 - p2 * q1;
+            d[1] = p2 * q0 - p0 * q2;
+            d[2] = p0 * q1 - p1 * q0;
+            if (A1) a += 3;
+            if (A2) b += 3;
+        }
+        return true;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Saxpy and LComb: every element stands alone. Arrays packed back to back
+// (and a single object) are one run of len * count elements, in 256-bit
+// lanes where the processor has them.
+template <class T, class Fn>
+__attribute__((target("avx"), noinline)) std::ptrdiff_t combine_avx(const T* a, const T* b, T* d, std::ptrdiff_t n,
+                                                                    const Fn& f) {
+    using K = Avx<T>;
+    const typename K::V v1 = K::splat(f.v1), v2 = K::splat(f.v2);
+    // single elements up to a 32-byte boundary of the destination, so that
+    // no store straddles two cache lines
+    const auto da = reinterpret_cast<std::uintptr_t>(d);
+    std::ptrdiff_t j = da % sizeof(T) ? 0 : std::ptrdiff_t((32 - da % 32) % 32 / sizeof(T));
+    for (std::ptrdiff_t k = 0; k < j; ++k) d[k] = f(a[k], b[k]);
+    for (; j + 2 * K::W <= n; j += 2 * K::W) {
+        const typename K::V r0 = f.lanes(K::load(a + j), K::load(b + j), v1, v2);
+        const typename K::V r1 = f.lanes(K::load(a + j + K::W), K::load(b + j + K::W), v1, v2);
+        K::store(d + j, r0);
+        K::store(d + j + K::W, r1);
+    }
+    return j;
+}
+
+template <Op O, Str Sig, class T, Form F, class Fn>
+bool combine(const Call<T>& c, const Fn& f) {
+    static constexpr Operands ops = parse<Sig>();
+    if constexpr (F != Form::S || !ops.l[0].array || !ops.l[1].array) {
+        return false;
+    } else {
+        const std::ptrdiff_t len = c.len, bytes = len * std::ptrdiff_t(sizeof(T));
+        if (c.count > 1 && (c.src[0].s0 != bytes || c.src[1].s0 != bytes || c.dst[0].s0 != bytes)) return false;
+        const T* a = static_cast<const T*>(c.src[0].p);
+        const T* b = static_cast<const T*>(c.src[1].p);
+        T* d = static_cast<T*>(const_cast<void*>(c.dst[0].p));
+        const std::ptrdiff_t n = len * c.count;
+        std::ptrdiff_t j = cpu::avx && n >= 16 ? combine_avx(a, b, d, n, f) : 0;
+        using V = Vec<T>;
+        const V v1 = X<T>::splat(f.v1), v2 = X<T>::splat(f.v2);
+        for (; j + X<T>::n <= n; j += X<T>::n)
+            X<T>::store(d + j, f.lanes(X<T>::load(a + j), X<T>::load(b + j), v1, v2));
+        for (; j < n; ++j) d[j] = f(a[j], b[j]);
+        return true;
+    }
+}
+
+}  // namespace zel::vectors::lanes
