@@ -381,19 +381,15 @@ using Elem = std::remove_cvref_t<decltype(V{}[0])>;
 // floats: [a(I0), a(I1), b(I2), b(I3)]; doubles: [a(I0), b(I1)]
 template <int I0, int I1, int I2 = 0, int I3 = 0, class V>
 ZEL_INLINE V shuf(V a, V b) {
-    if constexpr (sizeof(Elem<V>) == 4 && sizeof(V) == 16) {
-        typedef int M __attribute__((vector_size(16)));
-        return __builtin_shuffle(a, b, M{I0, I1, 4 + I2, 4 + I3});
-    } else if constexpr (sizeof(Elem<V>) == 4) {
-        typedef int M __attribute__((vector_size(32)));
-        return __builtin_shuffle(a, b, M{I0, I1, 8 + I2, 8 + I3, 4 + I0, 4 + I1, 12 + I2, 12 + I3});
-    } else if constexpr (sizeof(V) == 16) {
-        typedef long long M __attribute__((vector_size(16)));
-        return __builtin_shuffle(a, b, M{I0, 2 + I1});
-    } else {
-        typedef long long M __attribute__((vector_size(32)));
-        return __builtin_shuffle(a, b, M{I0, 4 + I1, 2 + I0, 6 + I1});
-    }
+    // __builtin_shufflevector: g++ 12 and clang both have it
+    if constexpr (sizeof(Elem<V>) == 4 && sizeof(V) == 16)
+        return __builtin_shufflevector(a, b, I0, I1, 4 + I2, 4 + I3);
+    else if constexpr (sizeof(Elem<V>) == 4)
+        return __builtin_shufflevector(a, b, I0, I1, 8 + I2, 8 + I3, 4 + I0, 4 + I1, 12 + I2, 12 + I3);
+    else if constexpr (sizeof(V) == 16)
+        return __builtin_shufflevector(a, b, I0, 2 + I1);
+    else
+        return __builtin_shufflevector(a, b, I0, 4 + I1, 2 + I0, 6 + I1);
 }
 // floats: [a0 a1 a2 b0] [b1 b2 c0 c1] [c2 d0 d1 d2] -> [a0 b0 c0 d0] [a1 b1 c1 d1] [a2 b2 c2 d2]
 // doubles: [a0 a1] [a2 b0] [b1 b2] -> [a0 b0] [a1 b1] [a2 b2]
