@@ -175,7 +175,8 @@ TEST(EigenSym, SpectraAgainstEigenAndFormsAgainstStandard) {
                     // objects in vector lanes as one object alone, bit for bit
                     for (std::size_t o = 0; f.array && o < mats.size(); ++o) {
                         const Out<T> one = run<T>(standard_of(f), n, {mats[o]});
-                        EXPECT_TRUE(same_bits(one.vals, std::vector<T>(&ref.vals[o * n], &ref.vals[o * n + n])));
+                        const auto v0 = ref.vals.begin() + std::ptrdiff_t(o * n);
+                        EXPECT_TRUE(same_bits(one.vals, std::vector<T>(v0, v0 + n)));
                         EXPECT_TRUE(!f.vectors || same_bits(one.vecs[0], ref.vecs[o]));
                         EXPECT_TRUE(o + 1 < mats.size() || same_bits(one.buf, ref.buf));
                     }
