@@ -1,13 +1,14 @@
 // Factor plus solve, one right-hand side per object: zelmLUDecomp_ma with
 // zelmLUBackSubst_mava, and zelmCholeskyDecomp_ma with
 // zelmCholeskyBackSubst_mava, at orders 3, 4 and 6, 1000 objects (in cache)
-// and 200,000 (streaming), both types, against an Eigen fixed-size loop
-// (PartialPivLU, LLT on Matrix<T, N, N>) and a loop of per-object LAPACKE
-// calls (?getrf + ?getrs, ?potrf + ?potrs). The second argument is the
+// and 200,000 (streaming; at order 4 also 1,000,000), both types, against an
+// Eigen fixed-size loop (PartialPivLU, LLT on Matrix<T, N, N>) and a loop of
+// per-object LAPACKE calls (?getrf + ?getrs, ?potrf + ?potrs). The second argument is the
 // library's thread count (1: the direct path; 2: the fan-out).
 //
-// Ratios to read off: items_per_second (objects solved) of
-// Zelm/<N>/<count>/1 over Eigen/<N>/<count> and Lapacke/<N>/<count>.
+// Ratios to read off: items_per_second (objects solved, by wall time, so
+// that the fan-out's other threads count) of Zelm/<N>/<count>/<threads> over
+// Eigen/<N>/<count>/1 and Lapacke/<N>/<count>/1.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -176,18 +177,19 @@ void BM_solve(benchmark::State& st) {
     zelSetNumThreads(0);
 }
 
-void zelm_args(benchmark::internal::Benchmark* b) {
-    for (int count : {1000, 200000})
-        for (int t : {1, 2}) b->Args({count, t});
-}
-void peer_args(benchmark::internal::Benchmark* b) {
-    for (int count : {1000, 200000}) b->Args({count, 1});
+// 1000 objects stay in cache, 200,000 stream (order 4 also 1,000,000,
+// far beyond the last-level cache); peers run on one thread.
+template <int N, int Threads>
+void args(benchmark::internal::Benchmark* b) {
+    for (int count : {1000, 200000, N == 4 ? 1000000 : 0})
+        for (int t = 1; count && t <= Threads; ++t) b->Args({count, t});
+    b->UseRealTime();
 }
 
 #define ZEL_BENCH_ORDER(T, N, K)                                               \
-    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Zelm)->Apply(zelm_args);             \
-    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Eigen)->Apply(peer_args);            \
-    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Lapacke)->Apply(peer_args);
+    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Zelm)->Apply(args<N, 2>);            \
+    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Eigen)->Apply(args<N, 1>);           \
+    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Lapacke)->Apply(args<N, 1>);
 #define ZEL_BENCH_KIND(T, K) ZEL_BENCH_ORDER(T, 3, K) ZEL_BENCH_ORDER(T, 4, K) ZEL_BENCH_ORDER(T, 6, K)
 
 ZEL_BENCH_KIND(float, LU)

@@ -27,6 +27,7 @@ struct View {
         }
     }
     ZEL_INLINE T get(int r, int c) const { return load(ptr(r, c)); }
+    ZEL_INLINE void put(int r, int c, T v) const { store(ptr(r, c), v); }
 };
 
 // Object n of an operand in form F (the operand's own form: a single operand

@@ -14,6 +14,7 @@
 #include <limits>
 
 #include "frame/frame.hpp"
+#include "frame/view.hpp"
 
 // Loops over the rows and columns of the fixed orders, unrolled whole where
 // the sizes are constants (and by 8 where they are not), so that local
@@ -23,48 +24,15 @@
 namespace zel::objects {
 
 // ---------------------------------------------------------------------------
-// One object of an operand. Standard and list objects are regular in memory
-// (base, row stride, element stride; Unit: the element stride is the element
-// size); a pointer-form object is a table of element pointers in row-major
-// order (row length `rowlen`) plus a byte offset. A vector is row 0.
+// One object of an operand in its own form F (frame/view.hpp): a single
+// operand of a list call is standard, and a single operand has stride0 0 so
+// it never advances. A pointer-form object's table is row-major with row
+// length `rowlen`; a vector is row 0.
 template <class T, Form F, bool Unit>
-struct Obj {
-    const char* base;
-    std::ptrdiff_t s1, s2;
-    const void* const* tab;
-    std::ptrdiff_t off;
-    int rowlen;
-    ZEL_INLINE T* ptr(int r, int c) const {
-        if constexpr (F == Form::P) {
-            return byte_add<T>(tab[std::ptrdiff_t(r) * rowlen + c], off);
-        } else {
-            const std::ptrdiff_t step = Unit ? std::ptrdiff_t(sizeof(T)) : s2;
-            return byte_add<T>(base, std::ptrdiff_t(r) * s1 + std::ptrdiff_t(c) * step);
-        }
-    }
-    ZEL_INLINE T get(int r, int c) const { return load(ptr(r, c)); }
-    ZEL_INLINE void put(int r, int c, T v) const { store(ptr(r, c), v); }
-};
-
-// Object n of an operand in its own form F (a single operand of a list call
-// is standard, and a single operand has stride0 0 so it never advances).
+using Obj = View<T, F == Form::P, Unit>;
 template <class T, Form F, bool Unit>
 ZEL_INLINE Obj<T, F, Unit> obj(const Opd& o, int n, int rowlen) {
-    Obj<T, F, Unit> v{};
-    if constexpr (F == Form::S) {
-        v.base = static_cast<const char*>(o.p) + std::ptrdiff_t(n) * o.s0;
-        v.s1 = o.s1;
-        v.s2 = o.s2;
-    } else if constexpr (F == Form::L) {
-        v.base = static_cast<const char*>(static_cast<const void* const*>(o.p)[n]) + o.shift;
-        v.s1 = o.s1;
-        v.s2 = o.s2;
-    } else {
-        v.tab = static_cast<const void* const*>(o.p);
-        v.off = std::ptrdiff_t(o.shift) + std::ptrdiff_t(n) * o.s0;
-        v.rowlen = rowlen;
-    }
-    return v;
+    return view_of<T, F, Unit>(o, n, rowlen);
 }
 
 // A matrix held in local storage with the interface of Obj.

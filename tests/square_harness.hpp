@@ -82,4 +82,41 @@ int thread_queries(int threads, F&& run) {
     return subst::thread_queries;
 }
 
+// The parallel wrapper of one export. `make(count)` lays out and fills a call
+// of `count` objects, `results(l)` reads all its destinations as one vector.
+// Below the limit the direct path, at it the wrapper; 1 thread, 4 threads and
+// 4 threads whose scratch allocation fails give the same bits, with one block
+// per forking call freed once and the caller's pBuffer left alone.
+template <class T, class Make, class Results>
+void fan_out_checks(const std::string& name, int below, int at, int count, Make make, Results results) {
+    for (int c : {below, at}) {
+        auto l = make(c);
+        EXPECT_EQ(thread_queries(2, [&] { l.call(); }), c == at ? 2 : 0) << name << " " << c;
+    }
+    std::vector<T> out[3];
+    for (int k = 0; k < 3; ++k) {
+        auto l = make(count);
+        subst::Scope scope(k ? 4 : 1, -1, k == 2);
+        ASSERT_EQ(l.call(), zelStsOk) << name;
+        EXPECT_EQ(subst::mallocs.load(), k ? 1 : 0) << name;
+        EXPECT_EQ(subst::frees.load(), k == 1 ? 1 : 0) << name;
+        if (k == 1) {
+            EXPECT_TRUE(fh::Laid<T>::same(l.block("pBuffer")[0], lay::sentinel<T>())) << name;
+        }
+        out[k] = results(l);
+    }
+    EXPECT_TRUE(same_bits(out[0], out[1])) << name;
+    EXPECT_TRUE(same_bits(out[0], out[2])) << name;
+}
+// All destination objects of a call, one after the other.
+template <class T>
+std::vector<T> all_of(fh::Laid<T>& l, const char* operand = "Dst") {
+    std::vector<T> v;
+    for (int n = 0; n < l.count(); ++n) {
+        const auto o = l.get(operand, n);
+        v.insert(v.end(), o.begin(), o.end());
+    }
+    return v;
+}
+
 }  // namespace sq

@@ -173,34 +173,18 @@ TEST(Det, FanOut) {
     for (const auto& b : kBoundaries)
         fh::with_type(fh::row_named(b.name), [&](auto t) {
             using T = decltype(t);
-            const auto& row = fh::row_named(b.name);
             lay::Layout L;
             L.k2 = b.strided ? 2 : 1;
-            auto filled = [&](int count) {
-                auto l = laid<T>(row, count, b.n, L);
-                std::mt19937 g(4);
-                for (int k = 0; k < count; ++k) l.set("Src", k, sq::random_matrix<T>(g, b.n, b.n));
-                l.set("Src", count / 2, std::vector<T>(std::size_t(b.n) * b.n, T(0)));
-                return l;
-            };
-            for (int count : {b.below, b.at}) {
-                auto l = filled(count);
-                EXPECT_EQ(sq::thread_queries(2, [&] { l.call(); }), count == b.at ? 2 : 0) << b.name << " " << count;
-            }
-            std::vector<T> out[3];
-            for (int k = 0; k < 3; ++k) {
-                auto l = filled(b.at + 1);
-                subst::Scope scope(k ? 4 : 1, -1, k == 2);
-                ASSERT_EQ(l.call(), zelStsOk) << b.name;
-                EXPECT_EQ(subst::mallocs.load(), k ? 1 : 0) << b.name;
-                EXPECT_EQ(subst::frees.load(), k == 1 ? 1 : 0) << b.name;
-                if (k == 1) {
-                    EXPECT_TRUE(fh::Laid<T>::same(l.block("pBuffer")[0], lay::sentinel<T>())) << b.name;
-                }
-                out[k].assign(l.block("pDst"), l.block("pDst") + l.count());
-            }
-            EXPECT_TRUE(sq::same_bits(out[0], out[1])) << b.name;
-            EXPECT_TRUE(sq::same_bits(out[0], out[2])) << b.name;
+            sq::fan_out_checks<T>(
+                b.name, b.below, b.at, b.at + 1,
+                [&](int count) {
+                    auto l = laid<T>(fh::row_named(b.name), count, b.n, L);
+                    std::mt19937 g(4);
+                    for (int k = 0; k < count; ++k) l.set("Src", k, sq::random_matrix<T>(g, b.n, b.n));
+                    l.set("Src", count / 2, std::vector<T>(std::size_t(b.n) * b.n, T(0)));
+                    return l;
+                },
+                [](fh::Laid<T>& l) { return std::vector<T>(l.block("pDst"), l.block("pDst") + l.count()); });
         });
 }
 
