@@ -265,7 +265,7 @@ ZEL_INLINE void reduce_range(const Call<T>& c, int from, int to, const Vec<T>* h
         } else {
             alignas(16) T r[W];
             X<T>::store_aligned(r, s);
-            for (int i = 0; i < to - o; ++i) out[o + i] = r[i];
+            for (int i = 0; i < to - o; ++i) zel::store(out + o + i, r[i]);
         }
     }
 }
