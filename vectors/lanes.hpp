@@ -279,6 +279,13 @@ bool reduce(const Call<T>& c, int blocked) {
     if constexpr (single2) Obj<T, N>::template load<false>(static_cast<const T*>(c.src[1].p), held);
     // a single object is not worth the lanes
     if (c.count < 2) return false;
+    if constexpr (F == Form::S) {
+        // Objects but the last are read C whole vectors wide, past their N
+        // elements into the next object; objects that overlap more closely
+        // than that would have the last wide read leave the array.
+        constexpr int over = C * 16 - N * int(sizeof(T));
+        if (c.src[0].s0 < over || (O == Op::DotProduct && ops.l[1].array && c.src[1].s0 < over)) return false;
+    }
     reduce_range<O, F, single2, T, N, Block>(c, 0, blocked, held);
     reduce_range<O, F, single2, T, N, Own>(c, blocked, c.count, held);
     return true;
