@@ -22,24 +22,13 @@ ZEL_INTERNAL zelStatus w7_zelmEigenValuesVectorsGetBufSize_64f(int widthHeight, 
 
 namespace zel::eigengen {
 
-template <Family F, class T, class W>
-zelStatus solve_at_order(E<T>* buf, int n, T* re, T* im) {
-    switch (n) {
-        case 3: return solve_object<F, T, W, 3>(buf, n, re, im);
-        case 4: return solve_object<F, T, W, 4>(buf, n, re, im);
-        case 5: return solve_object<F, T, W, 5>(buf, n, re, im);
-        case 6: return solve_object<F, T, W, 6>(buf, n, re, im);
-        default: return solve_object<F, T, W, 0>(buf, n, re, im);
-    }
-}
-
-// The kernel of one export: any stride2, `count` objects (1 for the single
-// forms), stopping at the first object that fails.
-template <Op O, class T, Form F, bool Array>
-zelStatus kernel(const Call<T>& c) {
+// The kernel of one export at order N (0: any order): any stride2, `count`
+// objects (1 for the single forms), stopping at the first object that fails.
+template <Op O, class T, Form F, bool Array, int N>
+zelStatus kernel_at(const Call<T>& c) {
     static constexpr Family fam = family(O);
     using W = Wide<O, T, Array>;
-    const int n = c.widthHeight;
+    const int n = N ? N : c.widthHeight;
     const int count = Array ? c.count : 1;
     const Ref<T, F> src{&c.src[0], n};
     const Ref<T, F> d0{&c.dst[0], n}, d1{&c.dst[1], n};
@@ -48,7 +37,7 @@ zelStatus kernel(const Call<T>& c) {
         for (int i = 0; i < n; ++i)
             for (int j = 0; j < n; ++j) buf[i * n + j] = load(src.at(k, i, j));
         const std::ptrdiff_t first = std::ptrdiff_t(k) * n;
-        const zelStatus st = solve_at_order<fam, T, W>(buf, n, c.out + first, c.out2 + first);
+        const zelStatus st = solve_object<fam, T, W, N>(buf, n, c.out + first, c.out2 + first);
         if (st != zelStsOk) return st;
         if constexpr (fam.sets != kNoSet) {
             // element (r, c) of a destination is component r of vector c
@@ -63,6 +52,18 @@ zelStatus kernel(const Call<T>& c) {
         }
     }
     return zelStsOk;
+}
+
+// Orders 3 to 6 run the kernel instantiated at their order.
+template <Op O, class T, Form F, bool Array>
+zelStatus kernel(const Call<T>& c) {
+    switch (c.widthHeight) {
+        case 3: return kernel_at<O, T, F, Array, 3>(c);
+        case 4: return kernel_at<O, T, F, Array, 4>(c);
+        case 5: return kernel_at<O, T, F, Array, 5>(c);
+        case 6: return kernel_at<O, T, F, Array, 6>(c);
+        default: return kernel_at<O, T, F, Array, 0>(c);
+    }
 }
 
 // The entry of every export of the four families, behind its argument

@@ -17,9 +17,11 @@
 #include <algorithm>
 #include <cmath>
 #include <type_traits>
+#include <utility>
 
 #include "eigen/eigengen_table.hpp"
 #include "frame/frame.hpp"
+#include "frame/simd.hpp"
 
 namespace zel::eigengen {
 
@@ -264,6 +266,116 @@ ZEL_INLINE void reflect(Entry e, W v1, W v2, W t1, W t2, W t3) {
     if constexpr (R == 3) e(2) = T(W(e(2)) - s * t3);
 }
 
+// reflect<R> on rows 0..cnt-1 of the R columns that start at c and follow
+// at stride n. The rows are independent and contiguous: with double
+// scalars and Lanes, pairs of them go through the two lanes of a vector,
+// each lane doing exactly its row's operations. (The values family's short
+// active rows gain nothing from it.)
+template <int R, class T, class W, bool Lanes>
+ZEL_INLINE void reflect_rows(E<T>* c, int n, int cnt, W v1, W v2, W t1, W t2, W t3) {
+    int j = 0;
+    if constexpr (Lanes && std::is_same_v<W, double>) {
+        auto ld = [](const E<T>* p) __attribute__((always_inline)) {
+            if constexpr (std::is_same_v<T, float>) return _mm_cvtps_pd(_mm_castpd_ps(simd::load_sd(p)));
+            else return _mm_loadu_pd(p);
+        };
+        auto st = [](E<T>* p, __m128d v) __attribute__((always_inline)) {
+            if constexpr (std::is_same_v<T, float>) simd::store_sd(p, _mm_castps_pd(_mm_cvtpd_ps(v)));
+            else _mm_storeu_pd(p, v);
+        };
+        const __m128d w1 = _mm_set1_pd(v1), w2 = _mm_set1_pd(v2);
+        const __m128d s1 = _mm_set1_pd(t1), s2 = _mm_set1_pd(t2), s3 = _mm_set1_pd(t3);
+        for (; j + 2 <= cnt; j += 2) {
+            const __m128d e0 = ld(c + j), e1 = ld(c + n + j);
+            __m128d sum = _mm_add_pd(e0, _mm_mul_pd(w1, e1));
+            if constexpr (R == 3) {
+                const __m128d e2 = ld(c + 2 * n + j);
+                sum = _mm_add_pd(sum, _mm_mul_pd(w2, e2));
+                st(c + 2 * n + j, _mm_sub_pd(e2, _mm_mul_pd(sum, s3)));
+            }
+            st(c + j, _mm_sub_pd(e0, _mm_mul_pd(sum, s1)));
+            st(c + n + j, _mm_sub_pd(e1, _mm_mul_pd(sum, s2)));
+        }
+    }
+    for (; j < cnt; ++j)
+        reflect<R, T, W>([&](int i) -> E<T>& { return c[i * n + j]; }, v1, v2, t1, t2, t3);
+}
+
+// One double-shift sweep over the active block lo..hi from start row m.
+// Orders 3 and 4 call it with the block's bounds as compile-time constants
+// (see with_block), so that its loops unroll; the arithmetic is the same.
+template <Family F, class T, class W, int N, class Lo, class Hi, class M>
+ZEL_INLINE void sweep(const Object<T, W, N>& o, E<T>* z, Lo lo_, Hi hi_, M m_, W u1, W u2, W u3) {
+    using C = Consts<T>;
+    const int lo = lo_, hi = hi_, m = m_;
+    constexpr bool whole = F.reach == Reach::Whole;
+    const int n = o.n();
+#pragma GCC unroll 8
+    for (int k2 = m; k2 < hi; ++k2) {
+        const int nr = std::min(3, hi - k2 + 1);
+        W v0, x[2];
+        if (k2 == m) {
+            v0 = u1;
+            x[0] = u2;
+            x[1] = u3;
+        } else {
+            v0 = o.hw(k2, k2 - 1);
+            x[0] = o.hw(k2 + 1, k2 - 1);
+            x[1] = nr == 3 ? o.hw(k2 + 2, k2 - 1) : W(0);
+        }
+        const W t1 = reflector<W, C>(v0, x, nr - 1);
+        if (k2 > m) {
+            o.h(k2, k2 - 1) = T(v0);
+            o.h(k2 + 1, k2 - 1) = T(0);
+            if (k2 < hi - 1) o.h(k2 + 2, k2 - 1) = T(0);
+        } else if (m > lo) {
+            o.h(k2, k2 - 1) = T(-o.hw(k2, k2 - 1));
+        }
+        const W v1 = x[0], v2 = x[1];
+        const W t2 = t1 * v1, t3 = t1 * v2;
+        const int jend = whole ? n - 1 : hi;
+        const int rbeg = whole ? 0 : lo;
+        const int rend = std::min(k2 + 3, hi);
+        // rows k2.. of columns k2..jend, columns k2.. of rows rbeg..rend, and Z
+        auto apply = [&]<int R>() __attribute__((always_inline)) {
+            for (int j = k2; j <= jend; ++j)
+                reflect<R, T, W>([&](int i) -> E<T>& { return o.h(k2 + i, j); }, v1, v2, t1, t2, t3);
+            reflect_rows<R, T, W, whole>(&o.h(rbeg, k2), n, rend - rbeg + 1, v1, v2, t1, t2, t3);
+            if constexpr (whole) reflect_rows<R, T, W, whole>(&at<T>(z, n, 0, k2), n, n, v1, v2, t1, t2, t3);
+        };
+        if (nr == 3) apply.template operator()<3>();
+        else apply.template operator()<2>();
+    }
+}
+
+// Calls fn(lo, hi, m) with the three as std::integral_constant when the
+// order is 3 or 4 (one of the 1 or 4 blocks a sweep can meet), as ints
+// otherwise.
+template <int N, int I, class Fn>
+ZEL_INLINE bool try_block(int lo, int hi, int m, Fn& fn) {
+    constexpr int LO = I / (N * N), HI = I / N % N, M = I % N;
+    if constexpr (HI - LO < 2 || M < LO || M > HI - 2) {
+        return false;
+    } else {
+        if (lo != LO || hi != HI || m != M) return false;
+        fn(std::integral_constant<int, LO>{}, std::integral_constant<int, HI>{}, std::integral_constant<int, M>{});
+        return true;
+    }
+}
+
+template <int N, class Fn>
+ZEL_INLINE void with_block(int lo, int hi, int m, Fn&& fn) {
+    if constexpr (N == 3 || N == 4) {
+        const bool done = [&]<int... I>(std::integer_sequence<int, I...>) {
+            return (try_block<N, I>(lo, hi, m, fn) || ...);
+        }(std::make_integer_sequence<int, N * N * N>{});
+        // every block a sweep meets has lo <= m <= hi - 2 < n - 2: covered
+        if (!done) __builtin_unreachable();
+    } else {
+        fn(lo, hi, m);
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Phase 2: the double-shift QR iteration of family F. Values are stored as
 // they split off; for the vector families H ends as the Schur form T and Z
@@ -395,45 +507,9 @@ zelStatus qr(const Object<T, W, N>& o, T* re, T* im) {
             }
 
             // the sweep: chase the bulge from m down to hi
-            for (int k2 = m; k2 < hi; ++k2) {
-                const int nr = std::min(3, hi - k2 + 1);
-                W v0, x[2];
-                if (k2 == m) {
-                    v0 = u1;
-                    x[0] = u2;
-                    x[1] = u3;
-                } else {
-                    v0 = o.hw(k2, k2 - 1);
-                    x[0] = o.hw(k2 + 1, k2 - 1);
-                    x[1] = nr == 3 ? o.hw(k2 + 2, k2 - 1) : W(0);
-                }
-                const W t1 = reflector<W, C>(v0, x, nr - 1);
-                if (k2 > m) {
-                    o.h(k2, k2 - 1) = T(v0);
-                    o.h(k2 + 1, k2 - 1) = T(0);
-                    if (k2 < hi - 1) o.h(k2 + 2, k2 - 1) = T(0);
-                } else if (m > lo) {
-                    o.h(k2, k2 - 1) = T(-o.hw(k2, k2 - 1));
-                }
-                const W v1 = x[0], v2 = x[1];
-                const W t2 = t1 * v1, t3 = t1 * v2;
-                const int jend = whole ? n - 1 : hi;
-                const int rbeg = whole ? 0 : lo;
-                const int rend = std::min(k2 + 3, hi);
-                // rows k2.. of columns k2..jend, columns k2.. of rows rbeg..rend, and Z
-                auto apply = [&]<int R>() {
-                    for (int j = k2; j <= jend; ++j)
-                        reflect<R, T, W>([&](int i) -> E<T>& { return o.h(k2 + i, j); }, v1, v2, t1, t2, t3);
-                    for (int j = rbeg; j <= rend; ++j)
-                        reflect<R, T, W>([&](int i) -> E<T>& { return o.h(j, k2 + i); }, v1, v2, t1, t2, t3);
-                    if constexpr (whole)
-                        for (int j = 0; j < n; ++j)
-                            reflect<R, T, W>([&](int i) -> E<T>& { return at<T>(z, n, j, k2 + i); }, v1, v2, t1, t2,
-                                             t3);
-                };
-                if (nr == 3) apply.template operator()<3>();
-                else apply.template operator()<2>();
-            }
+            with_block<N>(lo, hi, m, [&](auto blo, auto bhi, auto bm) __attribute__((always_inline)) {
+                sweep<F, T, W, N>(o, z, blo, bhi, bm, u1, u2, u3);
+            });
         }
         if (lo < hi - 1) return zelStsErrNoConvergence;
 

@@ -15,11 +15,14 @@
 #include <string>
 #include <vector>
 
+#include "forms_harness.hpp"
 #include "layout.hpp"
 #include "registry_table.hpp"
 
 namespace ewt {
 
+using fh::row_named;
+using fh::with_type;
 using lay::build;
 using lay::Layout;
 using lay::Operand;
@@ -43,12 +46,6 @@ inline std::vector<const reg::ExportRow*> elementwise_exports() {
     for (const auto& r : reg::exports())
         if (is_elementwise(r)) out.push_back(&r);
     return out;
-}
-
-inline const reg::ExportRow& row_named(const std::string& name) {
-    for (const auto& r : reg::exports())
-        if (name == r.name) return r;
-    throw std::runtime_error("no export " + name);
 }
 
 struct Letter {
@@ -102,11 +99,9 @@ public:
             any_arr |= l.array;
             matrix |= l.kind == 'm' || l.kind == 't';
         }
-        matrix_ = matrix;
         W_ = w_or_len;
         H_ = matrix ? h : 1;
         count_ = any_arr ? count : 1;
-        array_ = any_arr;
         int nsrc = 0;
         for (auto l : letters_) nsrc += l.kind != 'c';
         // sources
@@ -285,16 +280,7 @@ public:
         return true;
     }
 
-    bool has_in_place_source() const {
-        for (std::size_t s = 0; s < srcs_.size(); ++s) {
-            const Letter l = letters_[src_letter_[s]];
-            if (l.kind != 't' && (l.array || !array_)) return true;
-        }
-        return false;
-    }
     const std::vector<T>& dst_mem() const { return dst_->mem; }
-    bool array() const { return array_; }
-    bool matrix() const { return matrix_; }
 
     reg::Args args;
 
@@ -305,7 +291,6 @@ private:
     char form_;
     std::vector<Letter> letters_;
     int W_ = 1, H_ = 1, count_ = 1;
-    bool array_ = false, matrix_ = false;
     std::vector<std::shared_ptr<Operand<T>>> srcs_;
     std::vector<std::string> names_;
     std::vector<int> src_letter_;
@@ -316,12 +301,5 @@ private:
     std::vector<T*> ctab_;
     int val_stride0_ = 0, val_shift_ = 0;
 };
-
-// Runs `f` with Case<float> or Case<double> as the export's type says.
-template <class F>
-void with_type(const reg::ExportRow& row, F&& f) {
-    if (std::string(row.type) == "64f") f(double());
-    else f(float());
-}
 
 }  // namespace ewt

@@ -19,6 +19,7 @@ struct Layout {
     int pad1 = 0;         // extra elements at the end of each stored row
     int pad0 = 0;         // extra elements after each object
     int lead = 0;         // elements before the first object
+    int dst_lead = 0;     // the destination's further ones (standard form)
     int shift = 0;        // shift in elements (list and pointer forms)
     bool repeat = false;  // list form: a source table names one object twice
     bool soa = true;      // pointer form: objects of an element position adjacent (else interleaved)
@@ -83,8 +84,9 @@ void build(Operand<T>& o, char call_form, const Layout& L, bool is_dst, std::mt1
         const int obj_elems = o.rows * row_elems + L.pad0;
         if (o.form == 'S') {
             o.s0 = o.array ? obj_elems * sz : 0;
-            o.mem.assign(std::size_t(L.lead) + std::size_t(obj_elems) * o.objs + 4, sentinel<T>());
-            o.base = o.mem.data() + L.lead;
+            const int lead = L.lead + (is_dst ? L.dst_lead : 0);
+            o.mem.assign(std::size_t(lead) + std::size_t(obj_elems) * o.objs + 4, sentinel<T>());
+            o.base = o.mem.data() + lead;
         } else {
             const int slot = obj_elems + L.shift;
             o.shift = L.shift * sz;

@@ -351,7 +351,7 @@ TEST(EigenGen, VectorExamples) {
 // Failure: a NaN, which the relative scan of the vector families never
 // deflates, runs out of sweeps. The values above the failing block stand,
 // the lower ones and every vector are untouched, later objects too.
-TEST(EigenGen, NoConvergenceLeavesTheSpecifiedState) {
+TEST(EigenGen, NoConvergenceLeavesItsDocumentedState) {
     for (const auto* row : fh::exports_of({"EigenValuesVectors", "EigenValuesVectorsLeft", "EigenValuesVectorsRight"})) {
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);

@@ -1,15 +1,16 @@
 // Add, Sub and multiplication by a constant on matrices, vectors and arrays of
 // them: every export, every storage form, against a reference loop, bit for
-// bit, with the memory around the results checked as well.
+// bit, with the memory around the results checked as well; in place; vectors
+// long enough for the unrolled runs; the documented examples.
 #include <gtest/gtest.h>
 
+#include <cfloat>
 #include <cmath>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "elementwise_harness.hpp"
-#include "substitutes.hpp"
 
 namespace {
 
@@ -21,179 +22,72 @@ struct Size {
 
 const std::vector<Size> kMatrixSizes = {{1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {7, 7},
                                         {3, 2}, {2, 3}, {4, 5}, {6, 1}, {1, 5}, {6, 4}};
-const std::vector<Size> kVectorSizes = {{1, 1}, {2, 1}, {3, 1}, {4, 1}, {5, 1},
-                                        {6, 1}, {7, 1}, {9, 1}, {17, 1}};
+// up to and past the runs of eight registers, with remainders
+const std::vector<Size> kVectorSizes = {{1, 1}, {2, 1}, {3, 1},  {4, 1},   {5, 1},   {6, 1},
+                                        {7, 1}, {9, 1}, {17, 1}, {33, 1}, {100, 1}, {1001, 1}};
 
 std::vector<Layout> layouts() {
-    std::vector<Layout> out;
-    Layout dense;  // contiguous, objects back to back
-    dense.label = "dense";
-    out.push_back(dense);
-
-    Layout strided;  // every stride larger than the element, tables scrambled and repeating
-    strided.k2 = 2;
-    strided.dst_k2 = 3;
-    strided.pad1 = 1;
-    strided.pad0 = 3;
-    strided.lead = 1;
-    strided.shift = 2;
-    strided.repeat = true;
-    strided.soa = false;
-    strided.label = "strided";
-    out.push_back(strided);
-
-    Layout mixed;  // contiguous sources, a destination with gaps; pointer form with stride0 of 3
-    mixed.dst_k2 = 2;
-    mixed.lead = 3;
-    mixed.shift = 1;
-    mixed.k0 = 3;
-    mixed.label = "mixed";
-    out.push_back(mixed);
-
-    Layout regular;  // tables in memory order: each object's elements one behind the other
-    regular.scramble = false;
-    regular.soa = false;
-    regular.shift = 1;
-    regular.label = "regular";
-    out.push_back(regular);
-    return out;
-}
-
-std::string describe(const Layout& L, Size s, int count) {
-    return std::string(L.label) + " " + std::to_string(s.w) + "x" + std::to_string(s.h) + " count " +
-           std::to_string(count);
+    std::vector<Layout> v(4);  // [0]: contiguous, objects back to back
+    // every stride larger than the element, tables scrambled and repeating
+    v[1].k2 = 2, v[1].dst_k2 = 3, v[1].pad1 = 1, v[1].pad0 = 3, v[1].lead = 1, v[1].shift = 2;
+    v[1].repeat = true, v[1].soa = false, v[1].label = "strided";
+    // contiguous sources, a destination with gaps; pointer form with stride0 of 3
+    v[2].dst_k2 = 2, v[2].lead = 3, v[2].shift = 1, v[2].k0 = 3, v[2].label = "mixed";
+    // tables in memory order (each object's elements one behind the other);
+    // the destination one element off the sources' alignment
+    v[3].scramble = false, v[3].soa = false, v[3].shift = 1, v[3].dst_lead = 1, v[3].label = "regular";
+    return v;
 }
 
 bool is_vector_sig(const char* sig) { return std::string(sig).find_first_of("mt") == std::string::npos; }
-
 bool is_array_sig(const char* sig) { return std::string(sig).find('a') != std::string::npos; }
 
-// Every element-wise export of the registry is covered here.
-TEST(ElementwiseExports, AllArePresent) {
+// Every export (with a source the destination can be, if `in_place`) in every
+// layout, at the sizes `sizes(row)` gives, `counts` objects for the arrays.
+template <class Sizes>
+void sweep(bool in_place, const std::vector<int>& counts, Sizes&& sizes) {
     const auto rows = ewt::elementwise_exports();
-    int matrix_or_array = 0;
-    for (const auto* r : rows)
-        if (!is_vector_sig(r->sig) || is_array_sig(r->sig)) ++matrix_or_array;
-    EXPECT_EQ(rows.size(), 288u);
-    EXPECT_EQ(matrix_or_array, 264);
-}
-
-TEST(ElementwiseExports, MatchReferenceInEveryFormSizeCountAndLayout) {
-    for (const auto* row : ewt::elementwise_exports()) {
-        const auto& sizes = is_vector_sig(row->sig) ? kVectorSizes : kMatrixSizes;
-        const std::vector<int> counts = is_array_sig(row->sig) ? std::vector<int>{1, 2, 5} : std::vector<int>{1};
+    ASSERT_EQ(rows.size(), 288u);
+    for (const auto* row : rows) {
+        if (in_place && !ewt::has_in_place_source(row->sig)) continue;
         unsigned seed = 1;
-        for (const Layout& L : layouts())
-            for (Size s : sizes)
-                for (int count : counts) {
+        for (Layout L : layouts()) {
+            // equal strides; a destination table naming an object twice is no in-place call
+            if (in_place) L.in_place = true, L.repeat = false, L.dst_k2 = L.k2;
+            for (Size s : sizes(*row))
+                for (int count : is_array_sig(row->sig) ? counts : std::vector<int>{1}) {
                     bool ok = true;
                     ewt::with_type(*row, [&](auto t) {
-                        using T = decltype(t);
-                        ewt::Case<T> c(*row, s.w, s.h, count, L, seed++);
-                        ok = c.run_and_check(describe(L, s, count));
+                        ewt::Case<decltype(t)> c(*row, s.w, s.h, count, L, seed++);
+                        ok = c.run_and_check(std::string(in_place ? "in place " : "") + L.label + " " +
+                                             std::to_string(s.w) + "x" + std::to_string(s.h) + " count " +
+                                             std::to_string(count));
                     });
                     if (!ok) return;  // one report per run is enough
                 }
-    }
-}
-
-TEST(ElementwiseExports, InPlaceOnASourceReadAsStored) {
-    for (const auto* row : ewt::elementwise_exports()) {
-        if (!ewt::has_in_place_source(row->sig)) continue;
-        const auto& sizes = is_vector_sig(row->sig) ? kVectorSizes : kMatrixSizes;
-        for (Layout L : layouts()) {
-            L.in_place = true;
-            L.repeat = false;  // a destination table naming an object twice is no in-place call
-            L.dst_k2 = L.k2;   // equal strides
-            for (Size s : sizes)
-                for (int count : {1, 5}) {
-                    bool ok = true;
-                    ewt::with_type(*row, [&](auto t) {
-                        using T = decltype(t);
-                        ewt::Case<T> c(*row, s.w, s.h, count, L, 7u + unsigned(count));
-                        ok = c.run_and_check("in place " + describe(L, s, count));
-                    });
-                    if (!ok) return;
-                }
         }
     }
 }
 
-// Counts large enough for the parallel wrapper (on four threads, with a
-// remainder) next to ones that stay on the calling thread.
-TEST(ElementwiseExports, LargeCountsMatchReference) {
-    subst::Scope four(4);
-    for (const auto* row : ewt::elementwise_exports()) {
-        if (!is_array_sig(row->sig)) continue;
-        const bool vec = is_vector_sig(row->sig);
-        const Size s = vec ? Size{5, 1} : Size{5, 5};
-        const int count = vec ? 4001 : 1001;
-        for (const Layout& L : layouts()) {
-            bool ok = true;
-            ewt::with_type(*row, [&](auto t) {
-                using T = decltype(t);
-                ewt::Case<T> c(*row, s.w, s.h, count, L, 99);
-                ok = c.run_and_check(describe(L, s, count));
-            });
-            if (!ok) return;
-        }
-    }
+const std::vector<Size>& sizes_of(const reg::ExportRow& r) {
+    return is_vector_sig(r.sig) ? kVectorSizes : kMatrixSizes;
 }
+
+TEST(ElementwiseExports, MatchReferenceInEveryFormSizeCountAndLayout) { sweep(false, {1, 2, 5}, sizes_of); }
+
+TEST(ElementwiseExports, InPlaceOnASourceReadAsStored) { sweep(true, {1, 5}, sizes_of); }
 
 // The order-6 and order-7 neighbours of the fast paths with a single operand
-// shared by many objects, in every layout, for the signatures that have one.
+// shared by many objects, for the signatures that have one.
 TEST(ElementwiseExports, SingleOperandSharedByManyObjects) {
-    for (const auto* row : ewt::elementwise_exports()) {
-        const std::string sig = row->sig;
-        if (!is_array_sig(row->sig)) continue;
-        bool has_single = false;
-        for (auto l : ewt::letters_of(sig)) has_single |= !l.array;
-        if (!has_single) continue;
-        const bool vec = is_vector_sig(row->sig);
-        for (const Layout& L : layouts())
-            for (int n : {3, 4, 5, 6, 7}) {
-                bool ok = true;
-                ewt::with_type(*row, [&](auto t) {
-                    using T = decltype(t);
-                    ewt::Case<T> c(*row, n, vec ? 1 : n, 37, L, unsigned(n));
-                    ok = c.run_and_check(describe(L, {n, vec ? 1 : n}, 37));
-                });
-                if (!ok) return;
-            }
-    }
-}
-
-// A failed argument test returns its status and leaves the destination as it
-// was, in every form.
-TEST(ElementwiseExports, FailedTestsLeaveTheDestinationAlone) {
-    for (const auto* row : ewt::elementwise_exports()) {
-        ewt::with_type(*row, [&](auto t) {
-            using T = decltype(t);
-            const bool vec = is_vector_sig(row->sig);
-            struct Breakage {
-                const char* what;
-                zelStatus want;
-            };
-            std::vector<Breakage> breaks = {{vec ? "len" : "width", zelStsErrSize},
-                                            {"dst pointer", zelStsErrNullPointer}};
-            if (is_array_sig(row->sig)) breaks.push_back({"count", zelStsErrCount});
-            for (const auto& b : breaks) {
-                Layout L = layouts()[1];
-                ewt::Case<T> c(*row, 3, 3, 2, L, 5);
-                const std::vector<T> before = c.dst_mem();
-                const std::string w = b.what;
-                if (w == "dst pointer") {
-                    c.args.ptrs["pDst"] = nullptr;
-                    c.args.ptrs["ppDst"] = nullptr;
-                } else {
-                    c.args.nums[w] = w == "count" ? 0 : -1;
-                }
-                EXPECT_EQ(c.call(), b.want) << row->name << " with bad " << w;
-                EXPECT_EQ(std::memcmp(before.data(), c.dst_mem().data(), before.size() * sizeof(T)), 0)
-                    << row->name << " wrote after failing on " << w;
-            }
-        });
-    }
+    sweep(false, {37}, [](const reg::ExportRow& r) {
+        bool single = false;
+        for (auto l : ewt::letters_of(r.sig)) single |= !l.array;
+        std::vector<Size> v;
+        if (single && is_array_sig(r.sig))
+            for (int n = 3; n <= 7; ++n) v.push_back({n, is_vector_sig(r.sig) ? 1 : n});
+        return v;
+    });
 }
 
 // Cases spelled out in the documentation of the operations.
@@ -254,13 +148,44 @@ TEST(ElementwiseExamples, ConstantArrayAddressingByForm) {
     }
 }
 
-TEST(ElementwiseExamples, InfiniteConstantTimesZeroIsNaN) {
-    const float src[3] = {0.0f, 1.0f, -2.0f};
-    float dst[3];
-    ASSERT_EQ(zelmMul_vc_32f(src, 4, INFINITY, dst, 4, 3), zelStsOk);
-    EXPECT_TRUE(std::isnan(dst[0]));
-    EXPECT_EQ(dst[1], INFINITY);
-    EXPECT_EQ(dst[2], -INFINITY);
+// Non-finite values and a constant of -0.0 as they stand on every path, the
+// long runs included: inf * 0 is NaN, max + max inf, 1 * -0 and -0 + -0 -0.
+template <class T>
+void non_finite() {
+    constexpr bool f = sizeof(T) == 4;
+    constexpr int E = sizeof(T);
+    const T inf = INFINITY, big = f ? T(FLT_MAX) : T(DBL_MAX);
+    auto mul_vc = [](const T* s, T v, T* d, int n) {
+        if constexpr (f) return zelmMul_vc_32f(s, E, v, d, E, n);
+        else return zelmMul_vc_64f(s, E, v, d, E, n);
+    };
+    auto add_vc = [](const T* s, T v, T* d, int n) {
+        if constexpr (f) return zelmAdd_vc_32f(s, E, v, d, E, n);
+        else return zelmAdd_vc_64f(s, E, v, d, E, n);
+    };
+    auto add_vv = [](const T* s, T* d, int n) {
+        if constexpr (f) return zelmAdd_vv_32f(s, E, s, E, d, E, n);
+        else return zelmAdd_vv_64f(s, E, s, E, d, E, n);
+    };
+    for (int len : {1, 3, 4, 9, 16, 17, 40, 65, 301}) {
+        std::vector<T> zero(len, T(0)), one(len, T(1)), nz(len, T(-0.0)), bigs(len, big), d(len, T(5));
+        ASSERT_EQ(mul_vc(zero.data(), inf, d.data(), len), zelStsOk);
+        for (T x : d) EXPECT_TRUE(std::isnan(x)) << len;
+        ASSERT_EQ(add_vv(bigs.data(), d.data(), len), zelStsOk);
+        for (T x : d) EXPECT_EQ(x, inf) << len;
+        ASSERT_EQ(mul_vc(one.data(), T(-0.0), d.data(), len), zelStsOk);
+        for (T x : d) EXPECT_TRUE(x == 0 && std::signbit(x)) << len;
+        ASSERT_EQ(add_vc(nz.data(), T(-0.0), d.data(), len), zelStsOk);
+        for (T x : d) EXPECT_TRUE(x == 0 && std::signbit(x)) << len;
+    }
+    const T src[3] = {0, 1, -2};
+    T d[3];
+    ASSERT_EQ(mul_vc(src, inf, d, 3), zelStsOk);
+    EXPECT_TRUE(std::isnan(d[0]) && d[1] == inf && d[2] == -inf);
+}
+TEST(ElementwiseExamples, NonFiniteValuesAndNegativeZeroConstants) {
+    non_finite<float>();
+    non_finite<double>();
 }
 
 }  // namespace
