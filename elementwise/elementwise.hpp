@@ -159,7 +159,7 @@ struct MatSrc {
     static constexpr bool single = !Arr;
     static constexpr bool lane_scalar = !Arr;
     Ref<T, F> ref;
-    ZEL_INLINE T get(int n, int i, int j) const { return Trans ? *ref.at(n, j, i) : *ref.at(n, i, j); }
+    ZEL_INLINE T get(int n, int i, int j) const { return load(Trans ? ref.at(n, j, i) : ref.at(n, i, j)); }
     ZEL_INLINE RowArg<T> row_of(int n, int i) const {
         const Opd& o = *ref.o;
         if (Trans) return {ref.at(n, 0, i), std::ptrdiff_t(o.s1 / int(sizeof(T))), T()};
@@ -173,7 +173,7 @@ struct MatSrc {
     }
     ZEL_INLINE RowArg<T> lane(int i, int j) const {
         const T* p = Trans ? ref.at(0, j, i) : ref.at(0, i, j);
-        if (!Arr) return {nullptr, 0, *p};
+        if (!Arr) return {nullptr, 0, load(p)};
         return {p, std::ptrdiff_t(ref.o->s0 / int(sizeof(T))), T()};
     }
 };
@@ -210,9 +210,9 @@ struct ConstArraySrc {
     const Opd* o;
     ZEL_INLINE T value(int n) const {
         if constexpr (F == Form::L)
-            return *byte_add<T>(static_cast<const void* const*>(o->p)[n], o->shift);
+            return load(byte_add<T>(static_cast<const void* const*>(o->p)[n], o->shift));
         else
-            return *byte_add<T>(o->p, std::ptrdiff_t(n) * o->s0);
+            return load(byte_add<T>(o->p, std::ptrdiff_t(n) * o->s0));
     }
     ZEL_INLINE T get(int n, int, int) const { return value(n); }
     ZEL_INLINE RowArg<T> row_of(int n, int) const { return {nullptr, 0, value(n)}; }

@@ -42,7 +42,7 @@ struct V128<float> {
     static ZEL_INLINE V load_aligned(const float* p) { return _mm_load_ps(p); }
     static ZEL_INLINE void store_aligned(float* p, V v) { _mm_store_ps(p, v); }
     static ZEL_INLINE V splat(float x) { return _mm_set1_ps(x); }
-    static ZEL_INLINE V bcast(const float* p) { return _mm_set1_ps(*p); }
+    static ZEL_INLINE V bcast(const float* p) { return _mm_set1_ps(zel::load(p)); }
     template <int K>
     static ZEL_INLINE V lane(V v) { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(K, K, K, K)); }
     static ZEL_INLINE V add(V a, V b) { return _mm_add_ps(a, b); }
@@ -67,7 +67,9 @@ struct V128<double> {
     static ZEL_INLINE V load_aligned(const double* p) { return _mm_load_pd(p); }
     static ZEL_INLINE void store_aligned(double* p, V v) { _mm_store_pd(p, v); }
     static ZEL_INLINE V splat(double x) { return _mm_set1_pd(x); }
-    static ZEL_INLINE V bcast(const double* p) { return _mm_set1_pd(*p); }
+    static ZEL_INLINE V bcast(const double* p) { return _mm_set1_pd(zel::load(p)); }
+    template <int K>
+    static ZEL_INLINE V lane(V v) { return _mm_shuffle_pd(v, v, K ? 3 : 0); }
     static ZEL_INLINE V add(V a, V b) { return _mm_add_pd(a, b); }
     static ZEL_INLINE V sub(V a, V b) { return _mm_sub_pd(a, b); }
     static ZEL_INLINE V mul(V a, V b) { return _mm_mul_pd(a, b); }

@@ -312,6 +312,14 @@ __attribute__((target("avx"), noinline)) inline int mm3_pairs_avx(const char* a,
     return o;
 }
 
+// fast_sum() of four 256-bit terms, its result through memory: a 256-bit
+// value may not cross a call between functions compiled with and without
+// AVX (clang refuses it; once inlined it costs nothing).
+template <class V>
+ZEL_INLINE void fast_sum_into(V* out, Fast f, const V* t) {
+    *out = fast_sum<V>(f, 4, 0, t);
+}
+
 // Matrix by vector at order 4 with AVX, each lane doing the operations of its
 // 128-bit counterpart above. float: two objects per vector, one in each 128-bit half
 // (x(k) broadcast within the half), both vectors loaded before the stores,
@@ -335,7 +343,8 @@ __attribute__((target("avx"), noinline)) int mv4_cols_avx(const Cols4<float>& co
                              _mm256_mul_ps(c[1], _mm256_permute_ps(xv, 0x55)),
                              _mm256_mul_ps(c[2], _mm256_permute_ps(xv, 0xaa)),
                              _mm256_mul_ps(c[3], _mm256_permute_ps(xv, 0xff))};
-        const __m256 r = fast_sum<__m256>(F, 4, 0, t);
+        __m256 r;
+        fast_sum_into(&r, F, t);
         if (packed) {
             _mm256_storeu_ps(d, r);
         } else {
@@ -359,7 +368,9 @@ __attribute__((target("avx"), noinline)) int mv4_cols_avx(const Cols4<double>& c
                               _mm256_mul_pd(c[1], _mm256_broadcast_sd(x + 1)),
                               _mm256_mul_pd(c[2], _mm256_broadcast_sd(x + 2)),
                               _mm256_mul_pd(c[3], _mm256_broadcast_sd(x + 3))};
-        _mm256_storeu_pd(reinterpret_cast<double*>(dp), fast_sum<__m256d>(F, 4, 0, t));
+        __m256d r;
+        fast_sum_into(&r, F, t);
+        _mm256_storeu_pd(reinterpret_cast<double*>(dp), r);
     }
     return count;
 }

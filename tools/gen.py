@@ -32,6 +32,7 @@ class Export:
         self.subsystem = subsystem
         self.ret = ret
         self.implemented = False
+        self.groups = []              # operand groups: (role, letter), role "Src1", "Dst", "Val" ...
 
     def proto(self, prefix=""):
         ps = ", ".join(f"{t} {n}" for t, n in self.params) or "void"
@@ -47,8 +48,11 @@ def operands_of(op, sig):
     return R.OPERANDS.get((op, sig)) or split_sig(sig)
 
 
-def group(letter, form, role, elem, src):
-    """The arguments of one operand group. role: 'Src', 'Src1', 'Dst', 'DstVectorsRight' ..."""
+def group(letter, form, role, elem, src, roles=None):
+    """The arguments of one operand group. role: 'Src', 'Src1', 'Dst', 'DstVectorsRight' ...
+    The group's role and letter are appended to `roles`, where given."""
+    if roles is not None and letter != "c":
+        roles.append((role, letter))
     if role.startswith("Dst") and role != "Dst":
         pname, low = role, "dst" + role[len("DstVectors"):] if role.startswith("DstVectors") else "dst"
     else:
@@ -85,7 +89,7 @@ def op_form(letter, form):
     return "S" if form == "L" and not letter.endswith("a") else form
 
 
-def elementwise_params(op, sig, typ, form):
+def elementwise_params(op, sig, typ, form, roles=None):
     elem = ELEM[typ]
     ops = split_sig(sig)
     srcs = [o for o in ops if o[0] != "c"]
@@ -93,18 +97,18 @@ def elementwise_params(op, sig, typ, form):
     params = []
     names = ["Src"] if len(srcs) == 1 else ["Src1", "Src2"]
     for o, nm in zip(srcs, names):
-        params += group(o, op_form(o, form), nm, elem, True)
+        params += group(o, op_form(o, form), nm, elem, True, roles)
     for o in consts:
-        params += group(o, form, "Val", elem, True)
+        params += group(o, form, "Val", elem, True, roles)
     d = dst_letter(ops)
-    params += group(d, op_form(d, form), "Dst", elem, False)
+    params += group(d, op_form(d, form), "Dst", elem, False, roles)
     params += [("int", "width"), ("int", "height")] if d[0] == "m" else [("int", "len")]
     if d.endswith("a"):
         params.append(("int", "count"))
     return params
 
 
-def layout_params(op, sig, typ, form, layout):
+def layout_params(op, sig, typ, form, layout, roles=None):
     elem = ELEM[typ]
     ops = operands_of(op, sig)
     arr = any(o.endswith("a") for o in ops)
@@ -119,10 +123,10 @@ def layout_params(op, sig, typ, form, layout):
         if tok in ("src", "src1", "src2", "src3"):
             k = 0 if tok in ("src", "src1") else int(tok[3]) - 1
             role = "Src" if tok == "src" else "Src" + tok[3]
-            params += group(ops[k], op_form(ops[k], form), role, elem, True)
+            params += group(ops[k], op_form(ops[k], form), role, elem, True, roles)
         elif tok == "dst" or tok.startswith("dst:"):
             role = "Dst" + (tok[4:] if ":" in tok else "")
-            params += group(d, op_form(d, form), role, elem, False)
+            params += group(d, op_form(d, form), role, elem, False, roles)
         elif tok == "[count]":
             if arr:
                 params.append(("int", "count"))
@@ -134,10 +138,9 @@ def layout_params(op, sig, typ, form, layout):
     return params
 
 
-def copy_params(sig, typ, forms):
+def copy_params(sig, typ, forms, roles=None):
     elem = ELEM[typ]
-    fm = {"S": "S", "L": "L", "P": "P"}
-    params = group(sig, fm[forms[0]], "Src", elem, True) + group(sig, fm[forms[1]], "Dst", elem, False)
+    params = group(sig, forms[0], "Src", elem, True, roles) + group(sig, forms[1], "Dst", elem, False, roles)
     params += [("int", "width"), ("int", "height")] if sig == "ma" else [("int", "len")]
     return params + [("int", "count")]
 
@@ -180,20 +183,24 @@ def build():
                     for forms in ("SS", "SL", "SP", "LS", "LL", "LP", "PS", "PL", "PP"):
                         name = f"zelm{op}_{sig}_{typ}_{forms}"
                         chk = R.CHECK_EXCEPTIONS.get(name) or R.COPY_CHECKS.get(forms, R.COPY_CHECKS_MIXED)
-                        exports.append(Export(name, op, sig, typ, forms, copy_params(sig, typ, forms),
+                        roles = []
+                        exports.append(Export(name, op, sig, typ, forms, copy_params(sig, typ, forms, roles),
                                               tokens(chk), subsystem=subsystem))
+                        exports[-1].groups = roles
                     continue
                 for form in (("S", "L", "P") if array else ("S", "P")):
                     name = f"zelm{op}_{sig}_{typ}" + ("" if form == "S" else "_" + form)
+                    roles = []
                     if op in ("Add", "Sub") or (op == "Mul" and "c" in sig):
-                        params = elementwise_params(op, sig, typ, form)
+                        params = elementwise_params(op, sig, typ, form, roles)
                         family = "elementwise"
                     else:
                         key = "Mul.product" if op == "Mul" else op
-                        params = layout_params(op, sig, typ, form, R.LAYOUTS[key])
+                        params = layout_params(op, sig, typ, form, R.LAYOUTS[key], roles)
                         family = R.MODULES.get(op, subsystem)
                     exports.append(Export(name, op, sig, typ, form, params,
                                           check_order(name, op, sig, form, array), subsystem=family))
+                    exports[-1].groups = roles
     # prototypes listed whole
     with open(os.path.join(ROOT, R.FIXED_FILE)) as f:
         for line in f:
@@ -213,6 +220,7 @@ def build():
             chk = R.FIXED_CHECKS.get(name)
             exports.append(Export(name, op, "", typ, "S", params, tokens(chk) if chk else None,
                                   fixed=True, subsystem="geometry", ret=ret))
+            exports[-1].groups = fixed_groups(params)
     exports.append(Export("zelmGetLibVersion", "GetLibVersion", "", "", "S", [], None,
                           fixed=True, subsystem="frame", ret="const zelLibVersion*"))
     for e in exports:
@@ -480,11 +488,12 @@ def test_table(exports):
 
 
 def test_callers(exports):
-    """For each implemented export with checks: a caller that takes its arguments
-    by name from an argument record, so tests can break any one of them."""
+    """For each implemented export with a status: a caller that takes its
+    arguments by name from an argument record, so tests can break any one of
+    them and call any export from the registry alone."""
     out = [f"// {BANNER}", ""]
     for e in exports:
-        if not e.implemented or not e.checks:
+        if not e.implemented or e.ret != "zelStatus":
             continue
         args = []
         for t, n in e.params:
@@ -498,6 +507,90 @@ def test_callers(exports):
     return "\n".join(out) + "\n"
 
 
+# ---------------------------------------------------------------------------
+# What each export reads and writes (tests/generated/operands.inc)
+
+GROUP_POINTER = re.compile(r"^(pp|p)(Src[123]?|Dst(?:VectorsRight|VectorsLeft|Vectors)?|Val)$")
+
+
+def fixed_groups(params):
+    """Operand groups of a fixed-size export that has them (strides beside its
+    pointers): a matrix where it has a stride1, an array where a stride0."""
+    names = [n for _, n in params]
+    out = []
+    for n in names:
+        m = GROUP_POINTER.match(n)
+        if not m:
+            continue
+        x = group_prefix(m.group(2))
+        if x + "Stride2" not in names:
+            continue
+        letter = ("m" if x + "Stride1" in names else "v") + ("a" if x + "Stride0" in names else "")
+        out.append((m.group(2), letter))
+    return out
+
+
+def group_prefix(role):
+    """The prefix of a group's strides and shift: Src1 -> src1, DstVectorsRight -> dstRight."""
+    if role.startswith("DstVectors"):
+        return "dst" + role[len("DstVectors"):]
+    return role[0].lower() + role[1:]
+
+
+def group_shape(e, role, letter):
+    for key in ((e.op, re.sub("a", "", e.sig)), e.op):
+        table = R.SHAPES.get(key)
+        if table:
+            shape = table.get(role) or table.get(letter[0])
+            if shape:
+                return shape
+    return R.LETTER_SHAPES[letter[0]]
+
+
+def fixed_extent(e, param):
+    k = re.search(r"v(\d)a?_32f$", e.name)
+    for pattern, names, extent in R.FIXED_BLOCKS:
+        if re.search(pattern, e.name) and (names == "*" or param in names.split()):
+            return extent.replace("{k}", k.group(1) if k else "?")
+    raise SystemExit(f"{e.name}: no extent for {param} in FIXED_BLOCKS")
+
+
+def operand_row(e):
+    """Groups "Role:prefix:letter:rows,cols", blocks "param=role:extent", the
+    size relation, the statuses of numerical failures, and whether the 32-bit
+    and 64-bit results must agree."""
+    groups, blocks = [], []
+    taken = set()
+    for role, letter in e.groups:
+        pointer = next(n for _, n in e.params if GROUP_POINTER.match(n) and GROUP_POINTER.match(n).group(2) == role)
+        taken.add(pointer)
+        groups.append(f"{role}:{group_prefix(role)}:{letter}:{group_shape(e, role, letter)}")
+    for t, n in e.params:
+        if "*" not in t or n in taken:
+            continue
+        if e.fixed:
+            blocks.append(f"{n}={'in' if t.startswith('const') else 'out'}:{fixed_extent(e, n)}")
+        else:
+            block = R.BLOCKS.get(e.op, {}).get(n)
+            if not block:
+                raise SystemExit(f"{e.name}: {n} is neither an operand group nor in BLOCKS")
+            blocks.append(f"{n}={block}")
+    relation = size_relation(e) if e.checks and "M" in e.checks else ""
+    failures = R.FAILURES.get(e.op, "")
+    exempt = int(e.op in R.DIGEST_EXEMPT)
+    return (f"ZEL_OPERANDS(\"{e.name}\", \"{' '.join(groups)}\", \"{' '.join(blocks)}\", "
+            f"\"{relation}\", \"{failures}\", {exempt})")
+
+
+def operands_table(exports):
+    out = [f"// {BANNER}",
+           "// One row per export with a status: name, operand groups (role:prefix:letter:rows,cols),",
+           "// further pointers (name=role:extent), size relation, statuses of numerical failures,",
+           "// whether the 32-bit and 64-bit builds may differ in its results.", ""]
+    out += [operand_row(e) for e in exports if e.ret == "zelStatus"]
+    return "\n".join(out) + "\n"
+
+
 def outputs(exports):
     files = {
         "include/zelm.h": header(exports),
@@ -506,6 +599,7 @@ def outputs(exports):
         "frame/generated/ops.hpp": ops_header(exports),
         "tests/generated/export_table.inc": test_table(exports),
         "tests/generated/callers.inc": test_callers(exports),
+        "tests/generated/operands.inc": operands_table(exports),
     }
     for module in sorted({e.subsystem for e in exports if not e.fixed and e.implemented}):
         files[f"frame/generated/api_{module_parts(module)[1]}.cpp"] = api_file(exports, module)

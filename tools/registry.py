@@ -278,3 +278,109 @@ IMPLEMENTED_FIXED |= {
 # stand, before the call record is built: subsystem -> signatures. The
 # family's quick<>() takes a zel::Quick and says whether it did the work.
 QUICK = {"elementwise": {"vv", "vc", "cv"}}
+
+# ---------------------------------------------------------------------------
+# What an export reads and writes, for the tools that call any export from the
+# registry alone: the argument fuzzer, the digests that compare the 32-bit and
+# 64-bit builds, the sweep with a 4-byte aligned stack. A family describes
+# here every operand group and every further pointer of its exports; gen.py
+# fails when a pointer of an export is described by neither.
+#
+# Operand shapes, as stored: "rows,cols" as expressions over the argument
+# names (count is 1 where an export has none). The first of these that has
+# the group's name or its letter wins: SHAPES[(op, signature without its
+# array letters)], SHAPES[op], LETTER_SHAPES. Where an operation has one
+# `width` and one `height` they are the result's, so a `t` source is stored
+# the other way round.
+LETTER_SHAPES = {"m": "height,width", "t": "width,height", "v": "1,len", "c": "1,1"}
+_SQUARE = {"m": "widthHeight,widthHeight", "v": "1,widthHeight"}
+_PRODUCT = {"Src1": "src1Height,src1Width", "Src2": "src2Height,src2Width"}
+_PRODUCT_MV = {"Src1": "src1Height,src1Width", "Src2": "1,src2Len"}
+SHAPES = {
+    ("Mul", "mm"): {**_PRODUCT, "Dst": "src1Height,src2Width"},
+    ("Mul", "mt"): {**_PRODUCT, "Dst": "src1Height,src2Height"},
+    ("Mul", "tm"): {**_PRODUCT, "Dst": "src1Width,src2Width"},
+    ("Mul", "tt"): {**_PRODUCT, "Dst": "src1Width,src2Height"},
+    ("Mul", "mv"): {**_PRODUCT_MV, "Dst": "1,src1Height"},
+    ("Mul", "tv"): {**_PRODUCT_MV, "Dst": "1,src1Width"},
+    "Gaxpy": {**_PRODUCT_MV, "Src3": "1,src3Len", "Dst": "1,src1Height"},
+    "Transpose": {"Src": "height,width", "Dst": "width,height"},
+    "CrossProduct": {"v": "1,3"},
+    "Trace": _SQUARE,
+    "QRBackSubst": {"Src1": "height,width", "Src2": "1,height", "Dst": "1,width"},
+    **{op: _SQUARE for op in """LUDecomp LUBackSubst CholeskyDecomp CholeskyBackSubst Invert Det EigenValuesSym
+        EigenValuesVectorsSym EigenValues EigenValuesVectors EigenValuesVectorsLeft
+        EigenValuesVectorsRight""".split()},
+    "AffineTransform3DH": {"m": "4,4", "v": "1,3"},
+}
+
+# Further pointers of the grid exports, by operation: "role:extent", the
+# extent in elements of the pointer's type. Roles: `out` a compact result,
+# written on success (and on a numerical failure, as far as the family says);
+# `scratch` the caller's scratch, any content afterwards; `in` read only;
+# `pivots` read only, each entry in 0 .. widthHeight-1. In extents, elems(G)
+# is rows times columns of group G, objects(G) is count if G is an array,
+# else 1.
+_EIGEN_VALUES = {"pDstValuesRe": "out:widthHeight*count", "pDstValuesIm": "out:widthHeight*count"}
+_EIGEN_VECTORS_BUF = {"pBuffer": "scratch:widthHeight*(3*widthHeight+5)"}
+BLOCKS = {
+    "Extract": {"pDst": "out:elems(Src)*count"},
+    **{op: {"pDst": "out:count"} for op in ("DotProduct", "L2Norm", "Trace", "FrobNorm")},
+    "Det": {"pDst": "out:count", "pBuffer": "scratch:widthHeight*widthHeight+widthHeight"},
+    "Invert": {"pBuffer": "scratch:widthHeight*widthHeight+widthHeight"},
+    "LUDecomp": {"pDstIndex": "out:widthHeight*count"},
+    "LUBackSubst": {"pSrcIndex": "pivots:widthHeight*objects(Src1)"},
+    "QRDecomp": {"pBuffer": "scratch:height"},
+    "QRBackSubst": {"pBuffer": "scratch:height"},
+    "EigenValuesSym": {"pBuffer": "scratch:widthHeight*widthHeight", "pDstValues": "out:widthHeight*count"},
+    "EigenValuesVectorsSym": {"pBuffer": "scratch:widthHeight*widthHeight", "pDstValues": "out:widthHeight*count"},
+    "EigenValues": {**_EIGEN_VALUES, "pBuffer": "scratch:widthHeight*(widthHeight+5)"},
+    "EigenValuesVectors": {**_EIGEN_VALUES, **_EIGEN_VECTORS_BUF},
+    "EigenValuesVectorsLeft": {**_EIGEN_VALUES, **_EIGEN_VECTORS_BUF},
+    "EigenValuesVectorsRight": {**_EIGEN_VALUES, **_EIGEN_VECTORS_BUF},
+}
+
+# The pointers of the fixed-size exports: (export name pattern, parameters or
+# "*", extent); the first row that matches a parameter wins. A const pointer
+# is read, any other written. {k} is the vector length of the signature;
+# "k@srcStride" is `count` vectors of k elements at that byte stride; "?"
+# behind an extent: the pointer may be null.
+FIXED_BLOCKS = [
+    (r"zelm(DotProduct|LenSqr|Len)_v\d_32f$|zelmCrossProduct_v2_32f$|zelmDet_m4_32f$", "pDst", "1"),
+    (r"zelmIsIdentity_m4_32f$", "pResult", "1"),
+    (r"zelmInvert_m4_32f$", "pDet", "1?"),
+    (r"_v\d_32f$", "*", "{k}"),
+    (r"zelmRotationAxis_v3m4_32f$", "pAxis", "3"),
+    (r"zelmLookAt", "pEye pAt pUp", "3"),
+    (r"_m4_32f$|_mm4x4_32f$|_v3m4_32f$", "*", "16"),
+    (r"_m4v\da?_32f$", "pMatrix pProjection pView pWorld", "16"),
+    (r"zelmAffineTransform_m4v\da_32f$", "pDst", "4@dstStride"),
+    (r"zelmAffineTransform_m4v\d_32f$", "pDst", "4"),
+    (r"_m4v\da_32f$", "pSrc", "{k}@srcStride"),
+    (r"_m4v\da_32f$", "pDst", "{k}@dstStride"),
+    (r"_m4v\d_32f$", "pSrc pDst", "{k}"),
+    (r"GetBufSize_(32|64)f$", "pSize", "1"),
+]
+
+# Statuses of numerical failures, by operation (the argument checks add
+# theirs). Everything else an export returns is 0.
+FAILURES = {
+    "QRDecomp": "zelStsErrDivByZero",
+    "AffineTransform3DH": "zelStsErrDivByZero",
+    "CholeskyDecomp": "zelStsErrNotPosDefinite",
+    "LUDecomp": "zelStsErrSingular",
+    "Invert": "zelStsErrSingular",
+    "Unproject": "zelStsErrSingular",
+    "EigenValuesSym": "zelStsErrSingular zelStsErrNoConvergence",
+    "EigenValuesVectorsSym": "zelStsErrSingular zelStsErrNoConvergence",
+    "EigenValues": "zelStsErrNoConvergence",
+    "EigenValuesVectors": "zelStsErrGeneric zelStsErrNoConvergence",
+    "EigenValuesVectorsLeft": "zelStsErrGeneric zelStsErrNoConvergence",
+    "EigenValuesVectorsRight": "zelStsErrGeneric zelStsErrNoConvergence",
+}
+
+# Results that the 32-bit and 64-bit builds need not agree on bit for bit:
+# these take sinf and cosf from the C library, whose last bits are the C
+# library's and differ between its 32-bit and 64-bit builds.
+DIGEST_EXEMPT = {"RotationX", "RotationY", "RotationZ", "RotationAxis", "RotationYawPitchRoll",
+                 "PerspectiveFovLH", "PerspectiveFovRH"}

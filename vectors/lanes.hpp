@@ -209,6 +209,14 @@ struct Avx<double> {
     static ZEL_INLINE __attribute__((target("avx"))) void store(double* p, V x) { _mm256_storeu_pd(p, x); }
 };
 
+// sum() of N 256-bit terms, its result through memory: a 256-bit value may
+// not cross a call between functions compiled with and without AVX (clang
+// refuses it; once inlined it costs nothing).
+template <Assoc A, int N, class V>
+ZEL_INLINE void sum_into(V* out, const V* t) {
+    *out = sum<A, N, V>([&](int k) { return t[k]; });
+}
+
 // Groups of objects [from, to) while none is the call's last; returns the
 // first object not done.
 template <Op O, bool Single2, class T, int N, Assoc A>
@@ -226,7 +234,8 @@ __attribute__((target("avx"), noinline)) int reduce_avx(const Call<T>& c, int fr
         V v[4], t[4];
         K::products(a, b, h, dot, Single2, o, v);
         K::transpose(v, t, N);
-        V s = sum<A, N, V>([&](int k) { return t[k]; });
+        V s;
+        sum_into<A, N>(&s, t);
         if constexpr (!dot) s = K::root(s);
         K::store(out + o, s);
     }
@@ -256,7 +265,7 @@ ZEL_INLINE void reduce_range(const Call<T>& c, int from, int to, const Vec<T>* h
         } else {
             alignas(16) T r[W];
             X<T>::store_aligned(r, s);
-            for (int i = 0; i < to - o; ++i) out[o + i] = r[i];
+            for (int i = 0; i < to - o; ++i) zel::store(out + o + i, r[i]);
         }
     }
 }
@@ -270,6 +279,13 @@ bool reduce(const Call<T>& c, int blocked) {
     if constexpr (single2) Obj<T, N>::template load<false>(static_cast<const T*>(c.src[1].p), held);
     // a single object is not worth the lanes
     if (c.count < 2) return false;
+    if constexpr (F == Form::S) {
+        // Objects but the last are read C whole vectors wide, past their N
+        // elements into the next object; objects that overlap more closely
+        // than that would have the last wide read leave the array.
+        constexpr int over = C * 16 - N * int(sizeof(T));
+        if (c.src[0].s0 < over || (O == Op::DotProduct && ops.l[1].array && c.src[1].s0 < over)) return false;
+    }
     reduce_range<O, F, single2, T, N, Block>(c, 0, blocked, held);
     reduce_range<O, F, single2, T, N, Own>(c, blocked, c.count, held);
     return true;
@@ -296,15 +312,19 @@ constexpr bool frob_fits() {
     return true;
 }
 
-template <class T, int N, Assoc A, class V, class Load>
-ZEL_INLINE V frob_chains(const Load& row_part) {
+// x[m]: the elements m*n .. m*n + n-1 of an object (row m*n / N from column
+// m*n % N). Operands and result through memory, so that the AVX path can
+// use it (see sum_into).
+template <class T, int N, Assoc A, class V>
+ZEL_INLINE void frob_chains(V* out, const V* x) {
     constexpr int n = X<T>::n, M = N * N / n;
     V q[M];
-    for (int m = 0; m < M; ++m) {
-        const V x = row_part(m * n / N, m * n % N);
-        q[m] = x * x;
-    }
-    return eval<A.chain, N * N, V>([&](int k) { return q[k / n]; });
+    for (int m = 0; m < M; ++m) q[m] = x[m] * x[m];
+    *out = eval<A.chain, N * N, V>([&](int k) { return q[k / n]; });
+}
+template <Tree X_, int K, class V>
+ZEL_INLINE void eval_into(V* out, const V* t) {
+    *out = eval<X_, K, V>([&](int k) { return t[k]; });
 }
 
 template <class T, int N, Assoc A>
@@ -315,9 +335,10 @@ ZEL_INLINE void frob_range(const Objs<T, Form::S>& a, std::ptrdiff_t s1, T* out,
         V v[W][sizeof(T) == 4 ? 2 : 3];
         for (int i = 0; i < W; ++i) {
             const char* base = reinterpret_cast<const char*>(a.at(o + i));
-            v[i][0] = frob_chains<T, N, A, V>([&](int r, int col) {
-                return X<T>::load(reinterpret_cast<const T*>(base + r * s1) + col);
-            });
+            V x[N * N / W];
+            for (int m = 0; m < N * N / W; ++m)
+                x[m] = X<T>::load(reinterpret_cast<const T*>(base + m * W / N * s1) + m * W % N);
+            frob_chains<T, N, A>(&v[i][0], x);
         }
         V t[W];
         transpose(v, 0, t, W);
@@ -334,13 +355,18 @@ __attribute__((target("avx"), noinline)) int frob_avx(const Call<float>& c, int 
         for (int i = 0; i < 4; ++i) {
             const char* p = reinterpret_cast<const char*>(a.at(o + i));
             const char* q = reinterpret_cast<const char*>(a.at(o + i + 4));
-            v[i] = frob_chains<float, N, A, __m256>([&](int r, int col) __attribute__((target("avx"))) {
-                return Avx<float>::load2(reinterpret_cast<const float*>(p + r * s1) + col,
-                                         reinterpret_cast<const float*>(q + r * s1) + col);
-            });
+            __m256 x[N * N / 4];
+            for (int m = 0; m < N * N / 4; ++m) {
+                const std::ptrdiff_t off = m * 4 / N * s1;
+                x[m] = Avx<float>::load2(reinterpret_cast<const float*>(p + off) + m * 4 % N,
+                                         reinterpret_cast<const float*>(q + off) + m * 4 % N);
+            }
+            frob_chains<float, N, A>(&v[i], x);
         }
         Avx<float>::transpose(v, t, 4);
-        _mm256_storeu_ps(c.out + o, _mm256_sqrt_ps(eval<A.combine, 4, __m256>([&](int k) { return t[k]; })));
+        __m256 r;
+        eval_into<A.combine, 4>(&r, t);
+        _mm256_storeu_ps(c.out + o, _mm256_sqrt_ps(r));
     }
     return o;
 }
@@ -381,19 +407,15 @@ using Elem = std::remove_cvref_t<decltype(V{}[0])>;
 // floats: [a(I0), a(I1), b(I2), b(I3)]; doubles: [a(I0), b(I1)]
 template <int I0, int I1, int I2 = 0, int I3 = 0, class V>
 ZEL_INLINE V shuf(V a, V b) {
-    if constexpr (sizeof(Elem<V>) == 4 && sizeof(V) == 16) {
-        typedef int M __attribute__((vector_size(16)));
-        return __builtin_shuffle(a, b, M{I0, I1, 4 + I2, 4 + I3});
-    } else if constexpr (sizeof(Elem<V>) == 4) {
-        typedef int M __attribute__((vector_size(32)));
-        return __builtin_shuffle(a, b, M{I0, I1, 8 + I2, 8 + I3, 4 + I0, 4 + I1, 12 + I2, 12 + I3});
-    } else if constexpr (sizeof(V) == 16) {
-        typedef long long M __attribute__((vector_size(16)));
-        return __builtin_shuffle(a, b, M{I0, 2 + I1});
-    } else {
-        typedef long long M __attribute__((vector_size(32)));
-        return __builtin_shuffle(a, b, M{I0, 4 + I1, 2 + I0, 6 + I1});
-    }
+    // __builtin_shufflevector: g++ 12 and clang both have it
+    if constexpr (sizeof(Elem<V>) == 4 && sizeof(V) == 16)
+        return __builtin_shufflevector(a, b, I0, I1, 4 + I2, 4 + I3);
+    else if constexpr (sizeof(Elem<V>) == 4)
+        return __builtin_shufflevector(a, b, I0, I1, 8 + I2, 8 + I3, 4 + I0, 4 + I1, 12 + I2, 12 + I3);
+    else if constexpr (sizeof(V) == 16)
+        return __builtin_shufflevector(a, b, I0, 2 + I1);
+    else
+        return __builtin_shufflevector(a, b, I0, 4 + I1, 2 + I0, 6 + I1);
 }
 // floats: [a0 a1 a2 b0] [b1 b2 c0 c1] [c2 d0 d1 d2] -> [a0 b0 c0 d0] [a1 b1 c1 d1] [a2 b2 c2 d2]
 // doubles: [a0 a1] [a2 b0] [b1 b2] -> [a0 b0] [a1 b1] [a2 b2]
@@ -471,7 +493,10 @@ bool cross(const Call<T>& c) {
         const T* a = static_cast<const T*>(c.src[0].p);
         const T* b = static_cast<const T*>(c.src[1].p);
         T* d = static_cast<T*>(const_cast<void*>(c.dst[0].p));
-        const T x0 = a[0], x1 = a[1], x2 = a[2], y0 = b[0], y1 = b[1], y2 = b[2];
+        // elements need not lie on their element size: single ones are read and
+        // written as bytes
+        const T x0 = zel::load(a), x1 = zel::load(a + 1), x2 = zel::load(a + 2);
+        const T y0 = zel::load(b), y1 = zel::load(b + 1), y2 = zel::load(b + 2);
         // a single operand's elements, each across the lanes
         const Vec<T> sa[3] = {X<T>::splat(x0), X<T>::splat(x1), X<T>::splat(x2)};
         const Vec<T> sb[3] = {X<T>::splat(y0), X<T>::splat(y1), X<T>::splat(y2)};
@@ -495,11 +520,11 @@ bool cross(const Call<T>& c) {
         }
         // the last objects one by one
         for (; o < c.count; ++o, d += 3) {
-            const T p0 = A1 ? a[0] : x0, p1 = A1 ? a[1] : x1, p2 = A1 ? a[2] : x2;
-            const T q0 = A2 ? b[0] : y0, q1 = A2 ? b[1] : y1, q2 = A2 ? b[2] : y2;
-            d[0] = p1 * q2 - p2 * q1;
-            d[1] = p2 * q0 - p0 * q2;
-            d[2] = p0 * q1 - p1 * q0;
+            const T p0 = A1 ? zel::load(a) : x0, p1 = A1 ? zel::load(a + 1) : x1, p2 = A1 ? zel::load(a + 2) : x2;
+            const T q0 = A2 ? zel::load(b) : y0, q1 = A2 ? zel::load(b + 1) : y1, q2 = A2 ? zel::load(b + 2) : y2;
+            zel::store(d, p1 * q2 - p2 * q1);
+            zel::store(d + 1, p2 * q0 - p0 * q2);
+            zel::store(d + 2, p0 * q1 - p1 * q0);
             if (A1) a += 3;
             if (A2) b += 3;
         }
@@ -508,6 +533,13 @@ bool cross(const Call<T>& c) {
 }
 
 // ---------------------------------------------------------------------------
+// f.lanes() on 256-bit vectors, its operands and result through memory (see
+// sum_into): x holds a, b, and the two scales.
+template <class Fn, class V>
+ZEL_INLINE void lanes_into(const Fn& f, V* r, const V* x) {
+    *r = f.lanes(x[0], x[1], x[2], x[3]);
+}
+
 // Saxpy and LComb: every element stands alone. Arrays packed back to back
 // (and a single object) are one run of len * count elements, in 256-bit
 // lanes where the processor has them.
@@ -520,10 +552,13 @@ __attribute__((target("avx"), noinline)) std::ptrdiff_t combine_avx(const T* a, 
     // no store straddles two cache lines
     const auto da = reinterpret_cast<std::uintptr_t>(d);
     std::ptrdiff_t j = da % sizeof(T) ? 0 : std::ptrdiff_t((32 - da % 32) % 32 / sizeof(T));
-    for (std::ptrdiff_t k = 0; k < j; ++k) d[k] = f(a[k], b[k]);
+    for (std::ptrdiff_t k = 0; k < j; ++k) zel::store(d + k, f(zel::load(a + k), zel::load(b + k)));
     for (; j + 2 * K::W <= n; j += 2 * K::W) {
-        const typename K::V r0 = f.lanes(K::load(a + j), K::load(b + j), v1, v2);
-        const typename K::V r1 = f.lanes(K::load(a + j + K::W), K::load(b + j + K::W), v1, v2);
+        const typename K::V x0[4] = {K::load(a + j), K::load(b + j), v1, v2};
+        const typename K::V x1[4] = {K::load(a + j + K::W), K::load(b + j + K::W), v1, v2};
+        typename K::V r0, r1;
+        lanes_into(f, &r0, x0);
+        lanes_into(f, &r1, x1);
         K::store(d + j, r0);
         K::store(d + j + K::W, r1);
     }
@@ -547,7 +582,7 @@ bool combine(const Call<T>& c, const Fn& f) {
         const V v1 = X<T>::splat(f.v1), v2 = X<T>::splat(f.v2);
         for (; j + X<T>::n <= n; j += X<T>::n)
             X<T>::store(d + j, f.lanes(X<T>::load(a + j), X<T>::load(b + j), v1, v2));
-        for (; j < n; ++j) d[j] = f(a[j], b[j]);
+        for (; j < n; ++j) zel::store(d + j, f(zel::load(a + j), zel::load(b + j)));
         return true;
     }
 }

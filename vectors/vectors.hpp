@@ -100,11 +100,11 @@ void rsqrt_blocks(const Call<float>& c, int from, const Sum3& sum3, const void* 
     const auto ob = reinterpret_cast<std::uintptr_t>(out + from), oe = ob + std::uintptr_t(n) * 4;
     const bool apart = oe <= reinterpret_cast<std::uintptr_t>(lo) || reinterpret_cast<std::uintptr_t>(hi) <= ob;
     if (reinterpret_cast<std::uintptr_t>(c.out) % 4 != 0 || n < 4 || n < p + 4 || !apart) {
-        for (int o = from; o < c.count; ++o) out[o] = root(sum3(o));
+        for (int o = from; o < c.count; ++o) zel::store(out + o, root(sum3(o)));
         return;
     }
     int o = from;
-    for (; o < from + p; ++o) out[o] = root(sum3(o));
+    for (; o < from + p; ++o) zel::store(out + o, root(sum3(o)));
     const __m128 cut = _mm_castsi128_ps(_mm_set1_epi32(int(kRsqrtCutBits)));
     const __m128 abs = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
     for (; o + 4 <= c.count; o += 4) {
@@ -117,7 +117,7 @@ void rsqrt_blocks(const Call<float>& c, int from, const Sum3& sum3, const void* 
                                     _mm_set1_ps(-0.5f));
         _mm_store_ps(out + o, r);
     }
-    for (; o < c.count; ++o) out[o] = root(sum3(o));
+    for (; o < c.count; ++o) zel::store(out + o, root(sum3(o)));
 }
 
 // The byte range of the objects [from, count) of a vector operand, for the
@@ -153,6 +153,8 @@ zelStatus vec_fixed(const Call<T>& c) {
     static constexpr Assoc blk = block_sum(br, own);
     static constexpr int rr = find_index(kRsqrt, K_::key);
     const int count = c.count;
+    // results lie element size apart from pDst, which need not lie on its
+    // element size: each is stored as bytes (zel::store)
     T* out = c.out;
 
     // The single vector of vav, read once before the object loop where the
@@ -186,7 +188,7 @@ zelStatus vec_fixed(const Call<T>& c) {
     if constexpr (rsqrt_len(rr) == N) {
         // finished four objects at a time from the first 16-byte boundary of pDst
         const int from = kRsqrt[rr].first_alone ? 1 : 0;
-        if (from) out[0] = root(own_sum(0));
+        if (from) zel::store(out + 0, root(own_sum(0)));
         if (count > from) {
             std::uintptr_t lo, hi;
             source_span<T, K_::f1>(c.src[0], from, count, N, lo, hi);
@@ -203,7 +205,7 @@ zelStatus vec_fixed(const Call<T>& c) {
         terms(n, t);
         auto get = [&](int k) { return t[k]; };
         const T s = n < nb ? sum<blk, N, T>(get) : sum<own, N, T>(get);
-        out[n] = dot ? s : root(s);
+        zel::store(out + n, dot ? s : root(s));
     }
     return zelStsOk;
 }
@@ -231,12 +233,12 @@ zelStatus vec_kernel(const Call<T>& c) {
         // the second source's boundary gives the leading terms (L2Norm: the source's)
         if constexpr (dot) {
             const auto b = view_of<T, K_::f2, Unit>(c.src[1], n, 0);
-            c.out[n] = order_sum(b.ptr(0, 0), [&](int k) { return a.get(0, k) * b.get(0, k); });
+            zel::store(c.out + n, order_sum(b.ptr(0, 0), [&](int k) { return a.get(0, k) * b.get(0, k); }));
         } else {
-            c.out[n] = root(order_sum(a.ptr(0, 0), [&](int k) {
+            zel::store(c.out + n, root(order_sum(a.ptr(0, 0), [&](int k) {
                 const T x = a.get(0, k);
                 return x * x;
-            }));
+            })));
         }
     }
     return zelStsOk;
@@ -256,7 +258,7 @@ zelStatus trace_fixed(const Call<T>& c) {
         T t[N];
         for (int i = 0; i < N; ++i) t[i] = a.get(i, i);
         auto get = [&](int k) { return t[k]; };
-        c.out[n] = n < nb ? sum<blk, N, T>(get) : sum<own, N, T>(get);
+        zel::store(c.out + n, n < nb ? sum<blk, N, T>(get) : sum<own, N, T>(get));
     }
     return zelStsOk;
 }
@@ -276,7 +278,7 @@ zelStatus trace_kernel(const Call<T>& c) {
         const auto a = view_of<T, K_::f1, Unit>(c.src[0], o, n);
         T s = a.get(0, 0);
         for (int i = 1; i < n; ++i) s += a.get(i, i);
-        c.out[o] = s;
+        zel::store(c.out + o, s);
     }
     return zelStsOk;
 }
@@ -326,7 +328,7 @@ zelStatus frob_fixed(const Call<T>& c) {
         T q[N * N];
         squares(n, q);
         auto get = [&](int k) { return q[k]; };
-        c.out[n] = root(n < nb ? sum<blk, N * N, T>(get) : sum<own, N * N, T>(get));
+        zel::store(c.out + n, root(n < nb ? sum<blk, N * N, T>(get) : sum<own, N * N, T>(get)));
     }
     return zelStsOk;
 }
@@ -372,7 +374,7 @@ zelStatus frob_kernel(const Call<T>& c) {
                     s += x * x;
                 }
         }
-        c.out[o] = root(s);
+        zel::store(c.out + o, root(s));
     }
     return zelStsOk;
 }
