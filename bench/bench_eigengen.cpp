@@ -12,6 +12,7 @@
 #include <random>
 #include <vector>
 
+#include "data.hpp"
 #include "zelcore.h"
 #include "zelm.h"
 
@@ -23,15 +24,6 @@
 #endif
 
 namespace {
-
-template <class T>
-std::vector<T> data(std::size_t n) {
-    std::vector<T> v(n);
-    std::mt19937 g(1);
-    std::uniform_real_distribution<double> d(-1, 1);
-    for (auto& x : v) x = T(d(g));
-    return v;
-}
 
 enum Kind { Values, Vectors };
 enum Impl { Zelm, Eigen, Lapacke };

@@ -14,6 +14,7 @@
 #include <random>
 #include <vector>
 
+#include "data.hpp"
 #include "zelcore.h"
 #include "zelm.h"
 
@@ -22,15 +23,6 @@
 #endif
 
 namespace {
-
-template <class T>
-std::vector<T> data(std::size_t n) {
-    std::vector<T> v(n);
-    std::mt19937 g(1);
-    std::uniform_real_distribution<double> d(-1, 1);
-    for (auto& x : v) x = T(d(g));
-    return v;
-}
 
 template <class T>
 zelStatus mama(const T* a, const T* b, T* d, int n, int count);

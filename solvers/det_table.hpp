@@ -57,19 +57,11 @@ inline constexpr int kPairAlign = 16;
 // The parallel wrapper: estimate n count (linear in the order), the wrapper
 // when it is not below the limit. The 32f list kernel with contiguous
 // elements has a limit of its own.
-struct LimitRow {
-    unsigned ty, kerns;
-    int limit;
-};
 inline constexpr LimitRow kLimits[] = {
     {F32, MaL, 40001},
     {AnyTy, Ma | MaS2 | MaL | MaLS2 | MaP, 20001},
 };
-constexpr int limit_of(unsigned ty, unsigned kern) {
-    for (const auto& r : kLimits)
-        if ((r.ty & ty) && (r.kerns & kern)) return r.limit;
-    return 20001;
-}
+constexpr int limit_of(unsigned ty, unsigned kern) { return limit_in(kLimits, ty, kern, 20001); }
 constexpr std::int32_t estimate(int n, int count) { return (Est(n) * Est(count)).value(); }
 
 }  // namespace zel::det

@@ -70,6 +70,19 @@ constexpr unsigned kern_of(bool array, Form f, bool unit) {
     return f == Form::P ? MaP : f == Form::L ? (unit ? MaL : MaLS2) : (unit ? Ma : MaS2);
 }
 
+// A row of a family's fan-out limits: the limit for the types and kernels it
+// names. The first row that matches wins; `otherwise` where none does.
+struct LimitRow {
+    unsigned ty, kerns;
+    int limit;
+};
+template <std::size_t K>
+constexpr int limit_in(const LimitRow (&rows)[K], unsigned ty, unsigned kern, int otherwise) {
+    for (const auto& r : rows)
+        if ((r.ty & ty) && (r.kerns & kern)) return r.limit;
+    return otherwise;
+}
+
 // ---------------------------------------------------------------------------
 // The singularity threshold of order n: 2 n^3 times the smallest normal value
 // of the type, formed in the element type from the integer 2 n^3 (`twice`

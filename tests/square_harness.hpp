@@ -82,6 +82,14 @@ int thread_queries(int threads, F&& run) {
     return subst::thread_queries;
 }
 
+// An export at the fan-out limit of its kernel: object counts just below and
+// at the limit for order n, with contiguous or strided elements.
+struct Boundary {
+    const char* name;
+    int n, below, at;
+    bool strided;
+};
+
 // The parallel wrapper of one export. `make(count)` lays out and fills a call
 // of `count` objects, `results(l)` reads all its destinations as one vector.
 // Below the limit the direct path, at it the wrapper; 1 thread, 4 threads and

@@ -158,11 +158,7 @@ TEST(Det, SingularObjectsDoNotStopTheArray) {
 // The parallel wrapper: estimate n count against 20001, 40001 in the 32f
 // list form with contiguous elements; no status to merge; the wrapper's
 // scratch in place of pBuffer.
-struct Boundary {
-    const char* name;
-    int n, below, at;
-    bool strided;
-};
+using sq::Boundary;
 const Boundary kBoundaries[] = {
     {"zelmDet_ma_32f", 4, 5000, 5001, false},    {"zelmDet_ma_64f", 4, 5000, 5001, true},
     {"zelmDet_ma_32f_L", 4, 10000, 10001, false}, {"zelmDet_ma_32f_L", 4, 5000, 5001, true},

@@ -255,11 +255,7 @@ TEST(Invert, PivotColumnRules) {
 // ---------------------------------------------------------------------------
 // The parallel wrapper: estimate 2 n count against 20001, 40001 in the
 // contiguous 32f list form; the wrapper's scratch in place of pBuffer.
-struct Boundary {
-    const char* name;
-    int n, below, at;
-    bool strided;
-};
+using sq::Boundary;
 const Boundary kBoundaries[] = {
     {"zelmInvert_ma_32f", 4, 2500, 2501, false},   {"zelmInvert_ma_64f", 4, 2500, 2501, true},
     {"zelmInvert_ma_32f_L", 4, 5000, 5001, false}, {"zelmInvert_ma_32f_L", 4, 2500, 2501, true},
