@@ -102,7 +102,9 @@ ZEL_INLINE bool back_batch(const Call<T>& c, int first) {
     using V = typename P::V;
     const int* tab = c.idx + std::ptrdiff_t(first) * N;
     V f[N][N], y[N];
-    #pragma GCC unroll 8
+    // No unroll pragma on this loop: g++ 12 under -fsanitize=thread fetches
+    // b from the wrong rows when it is forced (the optimiser unrolls the
+    // constant trip count by itself in the other builds).
     for (int i = 0; i < N; ++i) {
         const T* rows[W];
         #pragma GCC unroll 8

@@ -42,7 +42,8 @@ fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout&
     l.num("widthHeight", n);
     return l;
 }
-// Pairs need pSrc, srcStride0 and srcStride1 on 16-byte boundaries.
+// Pairs need pSrc, srcStride0 and srcStride1 on 16-byte boundaries (asked
+// only where pairs can run, so there is a row 1 and object 1 to look at).
 template <class T>
 bool aligned(fh::Laid<T>& l, int count) {
     const auto p = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 0, 0));
@@ -71,7 +72,7 @@ TEST(Det, EveryFormAgreesWithEigen) {
                     ASSERT_EQ(l.call(), zelStsOk) << at;
                     EXPECT_TRUE(l.guards_intact()) << at;
                     const Method m = method_of(*row, L.k2 == 1, n);
-                    const bool paired = aligned(l, l.count());
+                    const bool paired = m == Method::Pairs && aligned(l, l.count());
                     for (int k = 0; k < l.count(); ++k) {
                         const T got = l.block("pDst")[k];
                         EXPECT_EQ(got, det(src[k], n, method_at(m, paired, k, l.count()) == Method::Scalar)) << at;
@@ -101,7 +102,7 @@ TEST(Det, MethodOfEachKernel) {
                     for (int k = 0; k < l.count(); ++k) l.set("Src", k, a);
                     ASSERT_EQ(l.call(), zelStsOk);
                     const Method m = method_of(*row, L.k2 == 1, n);
-                    const bool paired = aligned(l, l.count());
+                    const bool paired = m == Method::Pairs && aligned(l, l.count());
                     for (int k = 0; k < l.count(); ++k)
                         EXPECT_EQ(l.block("pDst")[k], method_at(m, paired, k, l.count()) == Method::Scalar ? 2 * q : 2 * q + 1)
                             << sq::where(*row, L, n) << " object " << k;

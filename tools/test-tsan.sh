@@ -24,9 +24,5 @@ export ARCHER_OPTIONS="verbose=1"
 # check; archer asks for it. Suppressions, each explained: tools/tsan.supp.
 export TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ignore_noninstrumented_modules=1 suppressions=$PWD/tools/tsan.supp"
 # the multi-threaded suites; FanOut covers the wrappers' slices, scratch and status.
-# On the 128-bit paths: in this -O1 instrumented build the 256-bit lanes of the
-# float LU back-substitution (mava) give wrong solutions, which the Release,
-# sanitizer and 32-bit builds do not; until that is understood the race
-# check runs where the results are right (the fan-out code is the same).
-ZELM_NO_AVX=1 "$B/tests/zelm_tests" --gtest_filter='*FanOut*:*Thread*:*Concurren*:*Parallel*'
+"$B/tests/zelm_tests" --gtest_filter='*FanOut*:*Thread*:*Concurren*:*Parallel*'
 "$B/tests/zelm_fuzz_replay" tests/fuzz/corpus --random 3000
