@@ -32,6 +32,7 @@ void fill(float* p, int n, float lo = -2.0f, float hi = 2.0f) {
     for (int i = 0; i < n; ++i) p[i] = rnd(lo, hi);
 }
 bool same_bits(float a, float b) { return std::memcmp(&a, &b, 4) == 0; }
+bool untouched(const float* p, int n) { return std::all_of(p, p + n, [](float v) { return v == kSentinel; }); }
 
 // Element-wise |got - want| <= tol * (1 + |want|); tol 0: the same bits;
 // kEqual: equal values (-0 == +0).
@@ -52,8 +53,17 @@ protected:
     void SetUp() override { rng.seed(20240611); }
 };
 
+template <int N>
+glm::vec<N, float> gv(const float* p) {
+    glm::vec<N, float> v;
+    for (int i = 0; i < N; ++i) v[i] = p[i];
+    return v;
+}
+
 // ---------------------------------------------------------------------------
-// Small vectors, each length against glm or the written formula.
+// Small vectors, each length against glm: a row calls the export of length N
+// with `args`, glm's `expr` on the same values (A .. D the glm vectors of
+// x.a .. x.d; s, t the scalars); `outs` values written (0: the length).
 struct VArgs {
     const float *a, *b, *c, *d;
     float s, t;
@@ -62,43 +72,30 @@ struct VecRow {
     const char* name;
     void (*ours)(const VArgs&, float*);
     void (*ref)(const VArgs&, float*);
-    int outs;   // values written (0: the length)
+    int outs;
     float tol;  // 0: the same bits
 };
-
-template <int N>
-glm::vec<N, float> gv(const float* p) {
-    glm::vec<N, float> v;
-    for (int i = 0; i < N; ++i) v[i] = p[i];
-    return v;
-}
 template <int N>
 void put(const glm::vec<N, float>& v, float* o) {
     for (int i = 0; i < N; ++i) o[i] = v[i];
 }
 void put(float v, float* o) { *o = v; }
-template <int N, class F2, class F3, class F4>
-auto pick(F2 f2, F3 f3, F4 f4) {
-    if constexpr (N == 2) return f2;
-    else if constexpr (N == 3) return f3;
-    else return f4;
-}
-
-// A row: the export of length N called with `args`, glm's `expr` on the same
-// values (A, B, C, D the glm vectors of x.a .. x.d; s, t the scalars).
-#define ZEL_VROW(Op, args, expr, outs, tol)                                                                    \
-    {#Op, [](const VArgs& x, float* o) { pick<N>(zelm##Op##_v2_32f, zelm##Op##_v3_32f, zelm##Op##_v4_32f) args; }, \
-     [](const VArgs& x, float* o) {                                                                            \
-         [[maybe_unused]] const G A = gv<N>(x.a), B = gv<N>(x.b), C = gv<N>(x.c), D = gv<N>(x.d);             \
-         [[maybe_unused]] const float s = x.s, t = x.t;                                                        \
-         put(expr, o);                                                                                         \
-     },                                                                                                        \
+#define ZEL_VROW(Op, args, expr, outs, tol)                                                                \
+    {#Op,                                                                                                  \
+     [](const VArgs& x, float* o) {                                                                        \
+         (N == 2 ? zelm##Op##_v2_32f : N == 3 ? zelm##Op##_v3_32f : zelm##Op##_v4_32f) args;              \
+     },                                                                                                    \
+     [](const VArgs& x, float* o) {                                                                        \
+         [[maybe_unused]] const G A = gv<N>(x.a), B = gv<N>(x.b), C = gv<N>(x.c), D = gv<N>(x.d);         \
+         [[maybe_unused]] const float s = x.s, t = x.t;                                                    \
+         put(expr, o);                                                                                     \
+     },                                                                                                    \
      outs, tol}
 
 template <int N>
-std::vector<VecRow> vec_rows() {
+void run_vec_rows() {
     using G = glm::vec<N, float>;
-    return {
+    const VecRow rows[] = {
         ZEL_VROW(Add, (x.a, x.b, o), A + B, 0, 0),
         ZEL_VROW(Sub, (x.a, x.b, o), A - B, 0, 0),
         ZEL_VROW(Min, (x.a, x.b, o), glm::min(A, B), 0, 0),
@@ -113,12 +110,7 @@ std::vector<VecRow> vec_rows() {
         ZEL_VROW(Hermite, (x.a, x.b, x.c, x.d, x.s, o), glm::hermite(A, B, C, D, s), 0, 1e-5f),
         ZEL_VROW(InterpolationCatmullRom, (x.a, x.b, x.c, x.d, x.s, o), glm::catmullRom(A, B, C, D, s), 0, 1e-5f),
     };
-}
-
-template <int N>
-void run_vec_rows() {
-    for (const auto& row : vec_rows<N>()) {
-        SCOPED_TRACE(std::string(row.name) + " v" + std::to_string(N));
+    for (const auto& row : rows)
         for (int trial = 0; trial < 200; ++trial) {
             float a[4], b[4], c[4], d[4], got[5], want[4];
             fill(a, 4), fill(b, 4), fill(c, 4), fill(d, 4);
@@ -127,10 +119,9 @@ void run_vec_rows() {
             std::fill(got, got + 5, kSentinel);
             row.ours(x, got);
             row.ref(x, want);
-            ASSERT_TRUE(close(got, want, outs, row.tol)) << "trial " << trial;
-            ASSERT_EQ(got[outs], kSentinel) << "wrote past its result";
+            ASSERT_TRUE(close(got, want, outs, row.tol)) << row.name << " v" << N << " trial " << trial;
+            ASSERT_EQ(got[outs], kSentinel) << row.name << " v" << N << " wrote past its result";
         }
-    }
 }
 
 TEST_F(Geometry, AgreeWithGlmAtEveryLength) {
@@ -140,7 +131,8 @@ TEST_F(Geometry, AgreeWithGlmAtEveryLength) {
 }
 
 // The written formulas where the order is the result: Hermite's weights in
-// 64 bits, the length's root in 64 bits, ties and NaN going to b.
+// 64 bits, the length's root in 64 bits, ties and NaN going to b; the cross
+// products.
 TEST_F(Geometry, WrittenOrderAndEdgeCases) {
     for (int trial = 0; trial < 500; ++trial) {
         float a[3], b[3], c[3], d[3], got[3];
@@ -159,22 +151,20 @@ TEST_F(Geometry, WrittenOrderAndEdgeCases) {
     zelmMin_v4_32f(p, q, mn);
     zelmMax_v4_32f(p, q, mx);
     for (int i = 0; i < 4; ++i) EXPECT_TRUE(same_bits(mn[i], q[i]) && same_bits(mx[i], q[i])) << i;
-    const float zero[3] = {0, 0, 0}, e[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+    const float zero[3] = {0, 0, 0}, e[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}}, minus_e4[4] = {0, 0, 0, -1};
     float n3[3], x4[4];
     EXPECT_EQ(zelmNormalize_v3_32f(zero, n3), zelStsOk);
     EXPECT_TRUE(std::isnan(n3[0]) && std::isnan(n3[1]) && std::isnan(n3[2]));
     zelmCrossProduct_v4_32f(e[0], e[1], e[2], x4);
-    const float minus_e4[4] = {0, 0, 0, -1};
     EXPECT_TRUE(close(x4, minus_e4, 4, kEqual));
     // the v4 cross product is orthogonal to its three sources; the v2 one the z of the v3 one
-    float a[4], b[4], c[4], v[3];
+    float a[4], b[4], c[4], v[3], two[2] = {kSentinel, kSentinel};
     fill(a, 4), fill(b, 4), fill(c, 4);
     zelmCrossProduct_v4_32f(a, b, c, x4);
     for (const float* s : {a, b, c}) EXPECT_NEAR(glm::dot(gv<4>(s), gv<4>(x4)), 0.0f, 1e-4f);
     const float a3[3] = {a[0], a[1], 0}, b3[3] = {b[0], b[1], 0};
     zelmCrossProduct_v3_32f(a3, b3, v);
     EXPECT_TRUE(close(v, glm::value_ptr(glm::cross(gv<3>(a3), gv<3>(b3))), 3, 0));
-    float two[2] = {kSentinel, kSentinel};
     zelmCrossProduct_v2_32f(a, b, two);
     EXPECT_TRUE(same_bits(two[0], v[2]) && two[1] == kSentinel);
 }
@@ -184,24 +174,25 @@ TEST_F(Geometry, WrittenOrderAndEdgeCases) {
 // and projection matrices (depth 0..1, "_ZO") are these; the width/height
 // forms are glm's centred frustum and box.
 using M = glm::mat4;
-struct CtorRow {
-    const char* name;
-    std::function<void(float*)> ours;
-    std::function<M()> ref;
-    float tol;
-};
-
 TEST_F(Geometry, AgreeWithGlm) {
     for (int trial = 0; trial < 50; ++trial) {
         const float x = rnd(), y = rnd(), z = rnd(), ang = rnd(-3, 3), p = rnd(-3, 3), r = rnd(-3, 3);
         const float l = rnd(-3, -1), rt = rnd(1, 3), b = rnd(-3, -1), t = rnd(1, 3), n = rnd(0.1f, 1), f = rnd(5, 50);
-        const float w = rt - l, h = t - b, fov = rnd(0.3f, 2.5f), asp = rnd(0.5f, 2);
+        const float w = rt - l, h = t - b, hw = w / 2, hh = h / 2, fov = rnd(0.3f, 2.5f), asp = rnd(0.5f, 2);
         float axis[3], eye[3], at[3], up[3] = {0, 1, 0};
         fill(axis, 3), fill(eye, 3, -5, 5), fill(at, 3, -5, 5);
-// The constructor Name called with `args`, glm's `ref` on the same values.
-#define ZEL_CTOR(Name, sig, args, ref, tol) {#Name, [&](float* o) { zelm##Name##_##sig##_32f args; }, [&] { return ref; }, tol}
-        const float hw = w / 2, hh = h / 2;
-        const CtorRow rows[] = {
+        // glm's left-handed frustum shifts x and y the other way; with w = z the
+        // centre of the near plane goes to x = y = 0 by (l + r) / (0 - (r - l))
+        M off_lh = glm::frustumLH_ZO(l, rt, b, t, n, f);
+        off_lh[2][0] = (l + rt) / (0 - (rt - l)), off_lh[2][1] = (b + t) / (0 - (t - b));
+        const struct {
+            const char* name;
+            std::function<void(float*)> ours;
+            M ref;
+            float tol;
+        } rows[] = {
+// The constructor Name called with `args` against glm's `ref`.
+#define ZEL_CTOR(Name, sig, args, ref, tol) {#Name, [&](float* o) { zelm##Name##_##sig##_32f args; }, ref, tol}
             ZEL_CTOR(Identity, m4, (o), M(1), kEqual),
             ZEL_CTOR(Scaling, m4, (x, y, z, o), glm::scale(M(1), {x, y, z}), kEqual),
             ZEL_CTOR(Translation, m4, (x, y, z, o), glm::translate(M(1), {x, y, z}), kEqual),
@@ -218,16 +209,7 @@ TEST_F(Geometry, AgreeWithGlm) {
             ZEL_CTOR(OrthoOffCenterRH, m4, (l, rt, b, t, n, f, o), glm::orthoRH_ZO(l, rt, b, t, n, f), kEqual),
             ZEL_CTOR(PerspectiveLH, m4, (w, h, n, f, o), glm::frustumLH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
             ZEL_CTOR(PerspectiveRH, m4, (w, h, n, f, o), glm::frustumRH_ZO(-hw, hw, -hh, hh, n, f), kEqual),
-            // glm's left-handed frustum shifts x and y the other way; with w = z the
-            // centre of the near plane goes to x = y = 0 by (l + r) / (0 - (r - l))
-            ZEL_CTOR(PerspectiveOffCenterLH, m4, (l, rt, b, t, n, f, o),
-                     [&] {
-                         M g = glm::frustumLH_ZO(l, rt, b, t, n, f);
-                         g[2][0] = (l + rt) / (0 - (rt - l));
-                         g[2][1] = (b + t) / (0 - (t - b));
-                         return g;
-                     }(),
-                     kEqual),
+            ZEL_CTOR(PerspectiveOffCenterLH, m4, (l, rt, b, t, n, f, o), off_lh, kEqual),
             ZEL_CTOR(PerspectiveOffCenterRH, m4, (l, rt, b, t, n, f, o), glm::frustumRH_ZO(l, rt, b, t, n, f), kEqual),
             ZEL_CTOR(PerspectiveFovLH, m4, (fov, asp, n, f, o), glm::perspectiveLH_ZO(fov, asp, n, f), 1e-6f),
             ZEL_CTOR(PerspectiveFovRH, m4, (fov, asp, n, f, o), glm::perspectiveRH_ZO(fov, asp, n, f), 1e-6f),
@@ -236,56 +218,44 @@ TEST_F(Geometry, AgreeWithGlm) {
             float got[17];
             std::fill(got, got + 17, kSentinel);
             row.ours(got);
-            const M want = row.ref();
-            ASSERT_TRUE(close(got, glm::value_ptr(want), 16, row.tol)) << row.name;
+            ASSERT_TRUE(close(got, glm::value_ptr(row.ref), 16, row.tol)) << row.name;
             ASSERT_EQ(got[16], kSentinel) << row.name;
         }
     }
 }
 
-// The written edge cases: 0 - (f - n) keeps an infinite depth term positive,
-// the exact identity test.
+// The written edge cases: 0 - (f - n) keeps an infinite depth term positive;
+// the identity test is exact, -0 counting as 0.
 TEST_F(Geometry, EdgeCasesAndIdentityTest) {
     float m[16];
     zelmOrthoLH_m4_32f(2, 2, 1, 1, m);
     EXPECT_TRUE(std::isinf(m[10]) && m[10] > 0 && std::isinf(m[14]) && m[14] > 0);
-    zelmPerspectiveFovRH_m4_32f(1, 1, 1, 10, m);
-    EXPECT_EQ(m[11], -1.0f);
-    EXPECT_EQ(m[15], 0.0f);
-    zelmRotationZ_m4_32f(float(M_PI / 2), m);
-    const glm::vec4 v = glm::vec4(1, 0, 0, 1) * glm::transpose(glm::make_mat4(m));  // the row vector times M
-    EXPECT_NEAR(v.x, 0, 1e-6);
-    EXPECT_NEAR(v.y, 1, 1e-6);
     unsigned int res = 7;
     zelmIdentity_m4_32f(m);
-    zelmIsIdentity_m4_32f(m, &res);
-    EXPECT_EQ(res, 1u);
     m[4] = -0.0f;
     zelmIsIdentity_m4_32f(m, &res);
     EXPECT_EQ(res, 1u);
-    for (const float bad : {std::nextafter(1.0f, 2.0f), FLT_MIN, NAN}) {
+    for (const float bad : {std::nextafter(1.0f, 2.0f), FLT_MIN, NAN})
         for (const int at : {0, 7}) {
             zelmIdentity_m4_32f(m);
             m[at] = at == 0 && bad == FLT_MIN ? 0.0f : bad;
             zelmIsIdentity_m4_32f(m, &res);
             EXPECT_EQ(res, 0u) << bad << " at " << at;
         }
-    }
 }
 
 // ---------------------------------------------------------------------------
-// 4x4 operations.
+// 4x4 operations on well conditioned matrices: random plus 4 on the
+// diagonal, rows shuffled so that the pivots move.
 void random_m4(float* m) {
-    // well conditioned: a random matrix plus 4 on the diagonal, rows shuffled
-    // so that the pivots move
     fill(m, 16);
     for (int i = 0; i < 4; ++i) m[5 * i] += (i & 1) ? -4.0f : 4.0f;
     for (int i = 3; i > 0; --i) std::swap_ranges(m + 4 * i, m + 4 * i + 4, m + 4 * (rng() % (i + 1)));
 }
 
-TEST_F(Geometry, ProductsTransposeAndDeterminant) {
+TEST_F(Geometry, ProductsTransposeDeterminantAndInverse) {
     for (int trial = 0; trial < 200; ++trial) {
-        float a[16], b[16], d[16], t[16], mt[16], det;
+        float a[16], b[16], d[16], t[16], mt[16], a2[16], b2[16], inv[16], det, det2 = 0;
         random_m4(a), random_m4(b);
         const M ga = glm::make_mat4(a), gb = glm::make_mat4(b);
         // row-major a * b is column-major gb * ga, with glm's sums in the same order of k
@@ -293,50 +263,33 @@ TEST_F(Geometry, ProductsTransposeAndDeterminant) {
         ASSERT_TRUE(close(d, glm::value_ptr(gb * ga), 16, 0));
         zelmMulTranspose_m4_32f(a, b, mt);
         zelmTranspose_m4_32f(d, t);
-        ASSERT_TRUE(close(mt, t, 16, 0));
-        ASSERT_TRUE(close(t, glm::value_ptr(glm::transpose(gb * ga)), 16, 0));
+        ASSERT_TRUE(close(mt, t, 16, 0) && close(t, glm::value_ptr(glm::transpose(gb * ga)), 16, 0));
         zelmDet_m4_32f(a, &det);
         ASSERT_NEAR(det, glm::determinant(ga), 1e-5f * std::fabs(det));
         // in place on either source
-        float a2[16], b2[16];
         std::memcpy(a2, a, sizeof a), std::memcpy(b2, b, sizeof b);
         zelmMul_mm4x4_32f(a2, b, a2);
         zelmMul_mm4x4_32f(a, b2, b2);
         ASSERT_TRUE(close(a2, d, 16, 0) && close(b2, d, 16, 0));
+        // the inverse and the determinant of its pivots; without pDet and in place the same bits
+        ASSERT_EQ(zelmInvert_m4_32f(a, &det2, inv), zelStsOk);
+        ASSERT_TRUE(close(inv, glm::value_ptr(glm::inverse(ga)), 16, 1e-4f)) << trial;
+        ASSERT_NEAR(det, det2, 1e-5f * std::fabs(det));
+        ASSERT_EQ(zelmInvert_m4_32f(a, nullptr, a), zelStsOk);
+        ASSERT_TRUE(close(a, inv, 16, 0));
     }
     float m[16] = {}, det = 1;
     zelmDet_m4_32f(m, &det);
     EXPECT_EQ(det, 0.0f);
-}
-
-// A permutation of `order` rows of the identity.
-void permutation(const int (&order)[4], float* m) {
-    std::fill(m, m + 16, 0.0f);
-    for (int i = 0; i < 4; ++i) m[4 * i + order[i]] = 1.0f;
-}
-
-TEST_F(Geometry, InverseTimesMatrixIsIdentity) {
-    for (int trial = 0; trial < 200; ++trial) {
-        float a[16], inv[16], det = 0, det2 = 0, prod[16];
-        random_m4(a);
-        ASSERT_EQ(zelmInvert_m4_32f(a, &det, inv), zelStsOk);
-        zelmMul_mm4x4_32f(inv, a, prod);
-        ASSERT_TRUE(close(prod, glm::value_ptr(M(1)), 16, 1e-4f)) << trial;
-        ASSERT_TRUE(close(inv, glm::value_ptr(glm::inverse(glm::make_mat4(a))), 16, 1e-4f));
-        zelmDet_m4_32f(a, &det2);
-        ASSERT_NEAR(det, det2, 1e-5f * std::fabs(det2));
-        // no determinant asked for, and in place: the same inverse
-        ASSERT_EQ(zelmInvert_m4_32f(a, nullptr, a), zelStsOk);
-        ASSERT_TRUE(close(a, inv, 16, 0));
-    }
     // permutations: the inverse is the transpose, the determinant the sign
     const struct {
         int order[4];
         float det;
     } perms[] = {{{0, 1, 2, 3}, 1}, {{1, 0, 2, 3}, -1}, {{1, 2, 3, 0}, -1}, {{3, 2, 1, 0}, 1}, {{2, 0, 3, 1}, -1}};
     for (const auto& p : perms) {
-        float m[16], inv[16], t[16], det = 0;
-        permutation(p.order, m);
+        float inv[16], t[16];
+        std::fill(m, m + 16, 0.0f);
+        for (int i = 0; i < 4; ++i) m[4 * i + p.order[i]] = 1.0f;
         ASSERT_EQ(zelmInvert_m4_32f(m, &det, inv), zelStsOk);
         zelmTranspose_m4_32f(m, t);
         EXPECT_TRUE(close(inv, t, 16, kEqual));
@@ -345,49 +298,39 @@ TEST_F(Geometry, InverseTimesMatrixIsIdentity) {
 }
 
 // Singular by the absolute pivot threshold 12 * 2^-23: the destination is
-// untouched, the determinant 0, with or without pDet.
+// untouched, the determinant 0, with or without pDet; at the threshold not.
 TEST_F(Geometry, SingularLeavesTheDestination) {
     const float thr = std::ldexp(12.0f, -23);
-    float at[16], below[16], zero_row[16], tiny[16];
+    float at[16], below[16], zero_row[16], tiny[16], d = 0, dst[16];
     zelmScaling_m4_32f(thr, thr, thr, at);
     at[15] = thr;
+    EXPECT_EQ(zelmInvert_m4_32f(at, &d, dst), zelStsOk);
     zelmScaling_m4_32f(std::nextafter(thr, 0.0f), 1, 1, below);
     random_m4(zero_row);
     std::fill(zero_row + 8, zero_row + 12, 0.0f);
-    zelmScaling_m4_32f(1e-7f, 1e-7f, 1e-7f, tiny);
+    zelmScaling_m4_32f(1e-7f, 1e-7f, 1e-7f, tiny);  // a determinant far from 0
     tiny[15] = 1e-7f;
-    float d = 0;
-    zelmDet_m4_32f(tiny, &d);
-    EXPECT_NE(d, 0.0f);
-    for (const float* m : {below, zero_row, tiny}) {
+    for (const float* m : {below, zero_row, tiny})
         for (float* pdet : {static_cast<float*>(nullptr), &d}) {
-            float dst[16];
             std::fill(dst, dst + 16, kSentinel);
             d = kSentinel;
             EXPECT_EQ(zelmInvert_m4_32f(m, pdet, dst), zelStsErrSingular);
-            EXPECT_TRUE(std::all_of(dst, dst + 16, [](float v) { return v == kSentinel; }));
-            if (pdet) {
-                EXPECT_EQ(d, 0.0f);
-            }
+            EXPECT_TRUE(untouched(dst, 16) && (pdet ? d == 0.0f : d == kSentinel));
         }
-    }
-    float inv[16];
-    EXPECT_EQ(zelmInvert_m4_32f(at, &d, inv), zelStsOk);
 }
 
 // ---------------------------------------------------------------------------
 // Point transforms: each against its written formula, bit for bit (and the
 // full transform against glm), the array forms equal to the single ones.
-using Ref = void (*)(const float (*m)[4], const float* v, float* o);
 struct TransformRow {
     const char* name;
     int n, outs;
     zelStatus (*single)(const float*, const float*, float*);
     zelStatus (*array)(const float*, const float*, int, float*, int, int);
-    Ref ref;
+    void (*ref)(const float (*m)[4], const float* v, float* o);
     int dense_in, dense_out;  // the strides of a dense loop, if any
 };
-// The written formula of component j (x, y, z, w the source, W the
+// The written formula of component j (x, y, z, w the source, W_ the
 // transformed w of the Coord forms).
 #define ZEL_REF(outs, W, expr)                                                      \
     [](const float(*M)[4], const float* v, float* o) {                                \
@@ -416,39 +359,32 @@ TEST_F(Geometry, SingleAndArrayFormsFollowTheWrittenFormulas) {
         SCOPED_TRACE(t.name);
         float m[16];
         fill(m, 16);
-        const auto M = reinterpret_cast<const float(*)[4]>(m);
         // single points, in place too
         for (int trial = 0; trial < 100; ++trial) {
             float v[5], got[5], want[4];
             fill(v, 4);
             std::fill(got, got + 5, kSentinel);
             ASSERT_EQ(t.single(m, v, got), zelStsOk);
-            t.ref(M, v, want);
+            t.ref(reinterpret_cast<const float(*)[4]>(m), v, want);
             ASSERT_TRUE(close(got, want, t.outs, 0) && got[t.outs] == kSentinel);
             t.single(m, v, v);
             ASSERT_TRUE(close(v, want, t.outs, 0));
         }
-        // arrays: tight, dense, padded strides; count 0 and -1 write nothing
+        // arrays, apart and in one buffer: tight, dense, padded strides; count 0 and -1 write nothing
         const std::pair<int, int> strides[] = {{4 * t.n, 4 * t.outs}, {t.dense_in, t.dense_out}, {4 * t.n + 8, 28}};
-        for (const auto& [ss, ds] : strides) {
-            if (!ss) continue;
+        for (const auto& [ss, ds] : strides)
             for (const int count : {-1, 0, 1, 2, 7, 64}) {
-                const int cnt = count < 0 ? 0 : count;
-                std::vector<float> src(std::size_t(cnt) * ss / 4 + 4), dst(std::size_t(cnt) * ds / 4 + 4, kSentinel);
-                fill(src.data(), int(src.size()));
-                std::vector<float> want = dst;
-                for (int i = 0; i < cnt; ++i) t.single(m, &src[std::size_t(i) * ss / 4], &want[std::size_t(i) * ds / 4]);
+                if (!ss) continue;
+                const std::size_t cnt = std::max(count, 0), is = ss / 4, os = ds / 4;
+                std::vector<float> src(cnt * is + 4), dst(cnt * os + 4, kSentinel), buf(std::max(src.size(), dst.size()));
+                fill(src.data(), int(src.size())), fill(buf.data(), int(buf.size()));
+                std::vector<float> want = dst, seq = buf;
+                for (std::size_t i = 0; i < cnt; ++i) t.single(m, &src[i * is], &want[i * os]), t.single(m, &seq[i * is], &seq[i * os]);
                 ASSERT_EQ(t.array(m, src.data(), ss, dst.data(), ds, count), zelStsOk);
                 ASSERT_TRUE(close(dst.data(), want.data(), int(dst.size()), 0)) << ss << "/" << ds << " count " << count;
-                // in place: one buffer as source and destination, point by point
-                std::vector<float> buf(std::max(src.size(), dst.size()));
-                fill(buf.data(), int(buf.size()));
-                std::vector<float> seq = buf;
-                for (int i = 0; i < cnt; ++i) t.single(m, &seq[std::size_t(i) * ss / 4], &seq[std::size_t(i) * ds / 4]);
                 t.array(m, buf.data(), ss, buf.data(), ds, count);
                 ASSERT_TRUE(close(buf.data(), seq.data(), int(buf.size()), 0)) << "in place " << ss << "/" << ds;
             }
-        }
     }
     // the layout is glm's: v * M here is M * v there
     float m[16], v[4], got[4];
@@ -457,67 +393,49 @@ TEST_F(Geometry, SingleAndArrayFormsFollowTheWrittenFormulas) {
     EXPECT_TRUE(close(got, glm::value_ptr(glm::make_mat4(m) * gv<4>(v)), 4, 1e-5f));
 }
 
-// A camera: world, view and projection matrices of a scene in front of it.
-struct Camera {
-    float world[16], view[16], proj[16];
-    Camera() {
-        float rot[16], tr[16];
-        const float eye[3] = {1, 2, -10}, at[3] = {0, 0, 0}, up[3] = {0, 1, 0};
-        zelmRotationYawPitchRoll_m4_32f(0.3f, -0.2f, 0.1f, rot);
-        zelmTranslation_m4_32f(0.5f, -0.25f, 1, tr);
-        zelmMul_mm4x4_32f(rot, tr, world);
-        zelmLookAtLH_m4_32f(eye, at, up, view);
-        zelmPerspectiveFovLH_m4_32f(1.0f, 4.0f / 3.0f, 0.5f, 100.0f, proj);
-    }
-};
-
+// Project and Unproject with the world, view and projection matrices of a
+// camera and a scene in front of it; a singular product.
 TEST_F(Geometry, UnprojectUndoesProject) {
-    const Camera c;
-    const float vp[4] = {640, 480, 0.25f, 1};
-    float pts[30], screen[30], back[30], one[3];
+    float rot[16], tr[16], world[16], view[16], proj[16], flat[16];
+    const float eye[3] = {1, 2, -10}, at[3] = {0, 0, 0}, up[3] = {0, 1, 0}, vp[4] = {640, 480, 0.25f, 1};
+    zelmRotationYawPitchRoll_m4_32f(0.3f, -0.2f, 0.1f, rot);
+    zelmTranslation_m4_32f(0.5f, -0.25f, 1, tr);
+    zelmMul_mm4x4_32f(rot, tr, world);
+    zelmLookAtLH_m4_32f(eye, at, up, view);
+    zelmPerspectiveFovLH_m4_32f(1.0f, 4.0f / 3.0f, 0.5f, 100.0f, proj);
+    float pts[30], screen[30], back[30], one[4];
     fill(pts, 30, -3, 3);
-    ASSERT_EQ(zelmProject_m4v3a_32f(c.proj, c.view, c.world, pts, 12, vp[0], vp[1], vp[2], vp[3], screen, 12, 10),
-              zelStsOk);
-    ASSERT_EQ(zelmUnproject_m4v3a_32f(c.proj, c.view, c.world, screen, 12, vp[0], vp[1], vp[2], vp[3], back, 12, 10),
-              zelStsOk);
+    ASSERT_EQ(zelmProject_m4v3a_32f(proj, view, world, pts, 12, vp[0], vp[1], vp[2], vp[3], screen, 12, 10), zelStsOk);
+    ASSERT_EQ(zelmUnproject_m4v3a_32f(proj, view, world, screen, 12, vp[0], vp[1], vp[2], vp[3], back, 12, 10), zelStsOk);
     for (int i = 0; i < 10; ++i) {
         EXPECT_TRUE(close(back + 3 * i, pts + 3 * i, 3, 2e-3f)) << i;
-        zelmProject_m4v3_32f(c.proj, c.view, c.world, pts + 3 * i, vp[0], vp[1], vp[2], vp[3], one);
+        zelmProject_m4v3_32f(proj, view, world, pts + 3 * i, vp[0], vp[1], vp[2], vp[3], one);
         EXPECT_TRUE(close(one, screen + 3 * i, 3, 0));
         EXPECT_TRUE(screen[3 * i] > 0 && screen[3 * i] < 640 && screen[3 * i + 2] > 0.25f && screen[3 * i + 2] < 1);
-        zelmUnproject_m4v3_32f(c.proj, c.view, c.world, screen + 3 * i, vp[0], vp[1], vp[2], vp[3], one);
+        zelmUnproject_m4v3_32f(proj, view, world, screen + 3 * i, vp[0], vp[1], vp[2], vp[3], one);
         EXPECT_TRUE(close(one, back + 3 * i, 3, 0));
     }
     // identity matrices: the origin to the middle of the viewport at the near depth
-    float id[16];
-    const float origin[3] = {0, 0, 0};
-    zelmIdentity_m4_32f(id);
-    zelmProject_m4v3_32f(id, id, id, origin, 640, 480, 0.25f, 1, one);
-    const float middle[3] = {320, 240, 0.25f};
+    const float origin[3] = {0, 0, 0}, middle[3] = {320, 240, 0.25f};
+    zelmIdentity_m4_32f(flat);
+    zelmProject_m4v3_32f(flat, flat, flat, origin, 640, 480, 0.25f, 1, one);
     EXPECT_TRUE(close(one, middle, 3, 0));
-}
-
-TEST_F(Geometry, UnprojectOfASingularProduct) {
-    const Camera c;
-    float flat[16];
-    zelmScaling_m4_32f(1, 1, 0, flat);  // projects every depth to 0
-    const float s[3] = {160, 360, 0.5f};
-    float one[4] = {kSentinel, kSentinel, kSentinel, kSentinel}, arr[6];
-    EXPECT_EQ(zelmUnproject_m4v3_32f(flat, c.view, c.world, s, 640, 480, 0, 2, one), zelStsErrSingular);
-    // the device coordinates of step one stay, the fourth float untouched
-    const float device[4] = {2 * 160.0f / 640 - 1, 1 + -2 * 360.0f / 480, 0.5f / 2, kSentinel};
+    // every depth projected to 0: the single form keeps the device coordinates
+    // of its first step (the fourth float untouched), the array form writes nothing
+    zelmScaling_m4_32f(1, 1, 0, flat);
+    const float s[3] = {160, 360, 0.5f}, device[4] = {2 * 160.0f / 640 - 1, 1 + -2 * 360.0f / 480, 0.5f / 2, kSentinel};
+    std::fill(one, one + 4, kSentinel), std::fill(back, back + 6, kSentinel);
+    EXPECT_EQ(zelmUnproject_m4v3_32f(flat, view, world, s, 640, 480, 0, 2, one), zelStsErrSingular);
     EXPECT_TRUE(close(one, device, 4, 0));
-    std::fill(arr, arr + 6, kSentinel);
-    EXPECT_EQ(zelmUnproject_m4v3a_32f(flat, c.view, c.world, s, 0, 640, 480, 0, 2, arr, 12, 2), zelStsErrSingular);
-    EXPECT_TRUE(std::all_of(arr, arr + 6, [](float v) { return v == kSentinel; }));
+    EXPECT_EQ(zelmUnproject_m4v3a_32f(flat, view, world, s, 0, 640, 480, 0, 2, back, 12, 2), zelStsErrSingular);
+    EXPECT_TRUE(untouched(back, 6));
 }
 
 // ---------------------------------------------------------------------------
-// The homogeneous transform of column vectors with the full frame.
+// The homogeneous transform of column vectors with the full frame: a call
+// laid out with element steps (in floats) for the matrix, the vectors and the
+// destination, so that a step other than 1 selects the S2 kernel.
 namespace h3d = zel::geometry::h3d;
-
-// A call laid out with element steps (in floats) for the matrix, the vectors
-// and the destination, so that a step other than 1 selects the S2 kernel.
 struct H3D {
     int ms, vs, ds, count;
     std::vector<float> m, v, d;
@@ -532,19 +450,21 @@ struct H3D {
         return zelmAffineTransform3DH_mva_32f(m.data(), 16 * ms, 4 * ms, v.data(), 16 * vs, 4 * vs, d.data(), 16 * ds,
                                               4 * ds, count);
     }
-    // The written formula of vector n in the association of its kernel; the
-    // largest float where |w| is at most 2^-126.
-    void expect(int n) {
+    // Every vector by the written formula in the association of its kernel;
+    // the largest float where |w| is at most 2^-126.
+    void expect() {
         const bool pairs = h3d::assoc_of(ms == 1 && vs == 1 && ds == 1) == h3d::Assoc::Pairs;
-        const float x = X(n, 0), y = X(n, 1), z = X(n, 2);
-        float r[4];
-        for (int i = 0; i < 4; ++i)
-            r[i] = pairs ? (M(i, 0) * x + M(i, 1) * y) + (M(i, 2) * z + M(i, 3))
-                         : ((M(i, 0) * x + M(i, 3)) + M(i, 1) * y) + M(i, 2) * z;
-        const bool ok = std::fabs(r[3]) > FLT_MIN;
-        for (int i = 0; i < 3; ++i)
-            ASSERT_TRUE(same_bits(D(n, i), ok ? r[i] * (1.0f / r[3]) : FLT_MAX)) << "vector " << n << " " << i;
-        ASSERT_EQ(D(n, 3), kSentinel);
+        for (int n = 0; n < count; ++n) {
+            const float x = X(n, 0), y = X(n, 1), z = X(n, 2);
+            float r[4];
+            for (int i = 0; i < 4; ++i)
+                r[i] = pairs ? (M(i, 0) * x + M(i, 1) * y) + (M(i, 2) * z + M(i, 3))
+                             : ((M(i, 0) * x + M(i, 3)) + M(i, 1) * y) + M(i, 2) * z;
+            for (int i = 0; i < 3; ++i)
+                ASSERT_TRUE(same_bits(D(n, i), std::fabs(r[3]) > FLT_MIN ? r[i] * (1.0f / r[3]) : FLT_MAX))
+                    << "vector " << n << " " << i;
+            ASSERT_EQ(D(n, 3), kSentinel);
+        }
     }
 };
 
@@ -557,42 +477,28 @@ TEST_F(Geometry, EachKernelInItsOrderAndTheDivisionFailure) {
         const float xs[] = {0.0f, FLT_MIN, -FLT_MIN, std::nextafter(FLT_MIN, 1.0f), NAN};
         for (int k = 0; k < 5; ++k) c.X(5 * k + 3, 0) = xs[k];
         EXPECT_EQ(c.call(), zelStsErrDivByZero);
-        for (int n = 0; n < c.count; ++n) c.expect(n);
+        c.expect();
         c.M(3, 3) = 8;  // now no w is small
         c.X(23, 0) = 1;
         EXPECT_EQ(c.call(), zelStsOk);
-        for (int n = 0; n < c.count; ++n) c.expect(n);
+        c.expect();
     }
-    H3D zero(1, 1, 1, 1);
-    std::fill(zero.m.begin() + 12, zero.m.end(), 0.0f);
-    EXPECT_EQ(zero.call(), zelStsErrDivByZero);
-    EXPECT_TRUE(zero.D(0, 0) == FLT_MAX && zero.D(0, 1) == FLT_MAX && zero.D(0, 2) == FLT_MAX);
 }
 
 // count * 6 above 1984 goes to the wrapper (ownGetNumThreads asked, and
 // asked again to fork); the results and the merged status are those of the
 // direct path.
 TEST_F(Geometry, ThresholdAndWrapper) {
-    EXPECT_EQ(h3d::estimate(330), 1980);
-    EXPECT_FALSE(h3d::fans_out(330));
-    EXPECT_TRUE(h3d::fans_out(331));
-    for (const int count : {330, 331, 1000}) {
+    for (const int count : {330, 331})
         for (const bool failing : {false, true}) {
             H3D c(1, 2, 1, count);
             c.M(3, 3) = 8;
-            if (failing) c.X(count - 2, 0) = std::numeric_limits<float>::quiet_NaN();
-            int queries;
-            zelStatus st;
-            {
-                subst::Scope scope(4);
-                st = c.call();
-                queries = subst::thread_queries;
-            }
-            EXPECT_EQ(queries, count > 330 ? 2 : 0) << count;
-            EXPECT_EQ(st, failing ? zelStsErrDivByZero : zelStsOk) << count;
-            for (int n = 0; n < count; ++n) c.expect(n);
+            if (failing) c.X(count - 2, 0) = NAN;
+            subst::Scope scope(4);
+            EXPECT_EQ(c.call(), failing ? zelStsErrDivByZero : zelStsOk) << count;
+            EXPECT_EQ(subst::thread_queries, count > 330 ? 2 : 0) << count;
+            c.expect();
         }
-    }
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
-// Vector algebra and reductions: every export against a reference written
-// here from the documented behaviour, bit for bit. The reductions' reference
-// reads each documented association in its written form ("(t1+t2)+t0",
-// column chains spelled out) with a parser of its own, and the long orders
-// by name (products_reference.hpp's W, Q and P with leading terms, the two
-// chains written out), over every kernel kind, length, layout and the
-// objects that block paths take; the element-wise families against plain
-// expressions over the whole destination memory; the thresholds of the
-// wrapper at their boundaries; parallel against direct calls.
+// Vector algebra and reductions, bit for bit against references written here:
+// the documented associations of the short sums read by a small parser of
+// their written form, the long orders by name (products_reference.hpp's W, Q
+// and P with leading terms, the two chains written out), over every kernel
+// kind, length, layout and the objects that block paths take; the
+// element-wise families against plain expressions over the whole destination
+// memory; the wrapper's thresholds at their boundaries; parallel against
+// direct calls.
 #include <gtest/gtest.h>
 #include <xmmintrin.h>
 
@@ -28,41 +27,36 @@ namespace {
 
 using pref::Kern;
 
-// ---------------------------------------------------------------------------
-// Reference sums.
-
-// "(t1 + t2) + t0", "q0+q1+q2", "S" (t0, + t1, ... from the first term),
-// "S0" (the same from +0.0); letters before an index are ignored.
+// A documented association of the terms t: "((1+3)+2)+0" (letters and spaces
+// ignored, so "(q0+q1)+q2" too); "S" sequential from t0, "S0" from +0.0.
 template <class T>
 T eval_doc(const std::string& e, const std::vector<T>& t) {
     if (e == "S" || e == "S0") {
         T s = e == "S" ? t[0] : T(0);
-        for (std::size_t k = e == "S" ? 1 : 0; k < t.size(); ++k) s = s + t[k];
+        for (std::size_t k = e == "S"; k < t.size(); ++k) s = s + t[k];
         return s;
     }
     std::size_t i = 0;
-    std::function<T()> expr, atom;
-    atom = [&]() -> T {
-        while (e[i] == ' ') ++i;
-        if (e[i] == '(') {
-            ++i;
-            const T v = expr();
-            while (e[i] == ' ') ++i;
-            ++i;  // ')'
-            return v;
+    // the terms and bracketed sums up to ')' or the end, added left to right
+    const auto sum = [&](auto& self) -> T {
+        T v{};
+        for (bool first = true; i < e.size() && e[i] != ')';) {
+            T x;
+            if (e[i] == '(') {
+                ++i, x = self(self), ++i;
+            } else if (std::isdigit(static_cast<unsigned char>(e[i]))) {
+                std::size_t k = 0;
+                while (i < e.size() && std::isdigit(static_cast<unsigned char>(e[i]))) k = 10 * k + std::size_t(e[i++] - '0');
+                x = t.at(k);
+            } else {
+                ++i;
+                continue;
+            }
+            v = first ? x : v + x, first = false;
         }
-        while (std::isalpha(static_cast<unsigned char>(e[i]))) ++i;
-        std::size_t k = 0;
-        while (std::isdigit(static_cast<unsigned char>(e[i]))) k = k * 10 + std::size_t(e[i++] - '0');
-        return t.at(k);
-    };
-    expr = [&]() -> T {
-        T v = atom();
-        while (i < e.size() && (e[i] == ' ' || e[i] == '+'))
-            if (e[i++] == '+') v = v + atom();
         return v;
     };
-    return expr();
+    return sum(sum);
 }
 
 // Eight-chain ("C8") and three-chain ("C3") orders; then the terms from K-1
@@ -78,8 +72,7 @@ T chain_ref(bool eight, const std::vector<T>& t) {
         else e = e + t[k];
     }
     T s = eight ? c[0] : (o + z) + e;
-    if (eight)
-        for (int r = 1; r < 8; ++r) s = s + c[r];
+    for (int r = 1; eight && r < 8; ++r) s = s + c[r];
     for (int k = K - 1; k >= m; --k) s = s + t[k];
     return s;
 }
@@ -88,53 +81,44 @@ T chain_ref(bool eight, const std::vector<T>& t) {
 // up to the 16-byte boundary of `at`.
 template <class T>
 T long_ref(const std::string& name, const std::vector<T>& t, const void* at) {
-    const int K = int(t.size());
     if (name == "C8" || name == "C3") return chain_ref(name == "C8", t);
     if (name == "P") return pref::reference_sum(pref::Order{pref::How::Pair, 2}, t);
     int lead = 0;
     if (name.size() == 2) {
         const auto a = reinterpret_cast<std::uintptr_t>(at);
         lead = a % sizeof(T) ? -1 : int((16 - a % 16) % 16 / sizeof(T));
-        if (lead < 0 || K - lead < 8) return eval_doc<T>("S0", t);
+        if (lead < 0 || int(t.size()) - lead < 8) return eval_doc<T>("S0", t);
     }
     if (name == "S0") return eval_doc<T>("S0", t);
     return pref::reference_sum(pref::Order{name[0] == 'W' ? pref::How::Eight32 : pref::How::Eight64, 8, lead}, t);
 }
 
-// ---------------------------------------------------------------------------
-// The documented associations, lengths (Trace: orders) 3 to 6.
+// The documented associations at lengths (Trace: orders) 3 to 6, of the
+// products t(k) of DotProduct, the squares s(k) of L2Norm, the diagonal d(i).
 struct Doc {
-    const char* op;
-    const char* sigs;
-    const char* types;
+    const char *op, *sigs, *types;
     std::vector<Kern> kerns;
     const char* at[4];
 };
 const std::vector<Doc> kDocs = {
     {"DotProduct", "vv vava", "32f", {Kern::Std}, {"S", "S", "S", "S"}},
     {"DotProduct", "vava", "32f", {Kern::L}, {"S", "S", "S", "S"}},
-    {"DotProduct", "vav", "32f", {Kern::Std, Kern::L}, {"S", "(t0 + t1) + (t2 + t3)", "S", "S"}},
+    {"DotProduct", "vav", "32f", {Kern::Std, Kern::L}, {"S", "(0+1)+(2+3)", "S", "S"}},
     {"DotProduct", "vv vav vava", "64f", {Kern::Std, Kern::L},
-     {"S", "(t0 + t2) + (t1 + t3)", "((t0 + t2) + (t1 + t3)) + t4", "((t2 + t4) + t0) + ((t3 + t5) + t1)"}},
-    {"DotProduct", "vv", "32f 64f", {Kern::S2},
-     {"(t1 + t2) + t0", "((t1 + t3) + t2) + t0", "(((t2 + t4) + t3) + t0) + t1", "((((t3 + t5) + t4) + t0) + t1) + t2"}},
-    {"DotProduct", "vav", "32f 64f", {Kern::S2},
-     {"S", "((t0 + t3) + t1) + t2", "(((t3 + t4) + t0) + t1) + t2", "((((t4 + t5) + t0) + t1) + t2) + t3"}},
-    {"DotProduct", "vav", "32f 64f", {Kern::LS2},
-     {"(t1 + t2) + t0", "((t2 + t3) + t1) + t0", "(((t3 + t4) + t2) + t0) + t1", "((((t4 + t5) + t3) + t0) + t1) + t2"}},
+     {"S", "(0+2)+(1+3)", "((0+2)+(1+3))+4", "((2+4)+0)+((3+5)+1)"}},
+    {"DotProduct", "vv", "32f 64f", {Kern::S2}, {"(1+2)+0", "((1+3)+2)+0", "(((2+4)+3)+0)+1", "((((3+5)+4)+0)+1)+2"}},
+    {"DotProduct", "vav", "32f 64f", {Kern::S2}, {"S", "((0+3)+1)+2", "(((3+4)+0)+1)+2", "((((4+5)+0)+1)+2)+3"}},
+    {"DotProduct", "vav", "32f 64f", {Kern::LS2}, {"(1+2)+0", "((2+3)+1)+0", "(((3+4)+2)+0)+1", "((((4+5)+3)+0)+1)+2"}},
     {"DotProduct", "vava", "32f 64f", {Kern::S2, Kern::LS2},
-     {"S", "((t0 + t3) + t1) + t2", "(((t0 + t4) + t1) + t2) + t3", "((((t0 + t5) + t1) + t2) + t3) + t4"}},
+     {"S", "((0+3)+1)+2", "(((0+4)+1)+2)+3", "((((0+5)+1)+2)+3)+4"}},
     {"DotProduct", "vv vav vava", "32f 64f", {Kern::P}, {"S", "S", "S", "S"}},
-    {"L2Norm", "v", "32f", {Kern::Std},
-     {"S", "(s0 + s1) + (s2 + s3)", "((s0 + s1) + (s2 + s3)) + s4", "((s0 + s1) + (s2 + s3)) + (s4 + s5)"}},
-    {"L2Norm", "va", "32f", {Kern::Std, Kern::L}, {"S", "S", "((s0 + s1) + (s2 + s3)) + s4", "((s0 + s2) + s4) + ((s1 + s3) + s5)"}},
-    {"L2Norm", "v va", "64f", {Kern::Std, Kern::L},
-     {"(s0 + s2) + s1", "(s0 + s2) + (s1 + s3)", "((s0 + s2) + s4) + (s1 + s3)", "((s0 + s2) + s4) + ((s1 + s3) + s5)"}},
+    {"L2Norm", "v", "32f", {Kern::Std}, {"S", "(0+1)+(2+3)", "((0+1)+(2+3))+4", "((0+1)+(2+3))+(4+5)"}},
+    {"L2Norm", "va", "32f", {Kern::Std, Kern::L}, {"S", "S", "((0+1)+(2+3))+4", "((0+2)+4)+((1+3)+5)"}},
+    {"L2Norm", "v va", "64f", {Kern::Std, Kern::L}, {"(0+2)+1", "(0+2)+(1+3)", "((0+2)+4)+(1+3)", "((0+2)+4)+((1+3)+5)"}},
     {"L2Norm", "v va", "32f 64f", {Kern::S2, Kern::LS2, Kern::P},
-     {"S", "((s0 + s3) + s1) + s2", "(((s0 + s4) + s1) + s2) + s3", "((((s0 + s5) + s1) + s2) + s3) + s4"}},
+     {"S", "((0+3)+1)+2", "(((0+4)+1)+2)+3", "((((0+5)+1)+2)+3)+4"}},
     {"Trace", "m ma", "32f 64f", {Kern::Std, Kern::L, Kern::P}, {"S", "S", "S", "S"}},
-    {"Trace", "m ma", "32f 64f", {Kern::S2, Kern::LS2},
-     {"(d1 + d2) + d0", "((d2 + d3) + d1) + d0", "(((d3 + d4) + d2) + d0) + d1", "((((d4 + d5) + d3) + d0) + d1) + d2"}},
+    {"Trace", "m ma", "32f 64f", {Kern::S2, Kern::LS2}, {"(1+2)+0", "((2+3)+1)+0", "(((3+4)+2)+0)+1", "((((4+5)+3)+0)+1)+2"}},
 };
 
 bool has(const std::string& list, const std::string& w) { return (" " + list + " ").find(" " + w + " ") != std::string::npos; }
@@ -160,6 +144,63 @@ std::string long_doc(const reg::ExportRow& r, Kern k, int len) {
     return std::string(is64 ? "Q" : "W") + (lead ? "+" : "");
 }
 
+// FrobNorm in the documented notation: c(j) the column chains, r(i) the row
+// sums, E and O the even and odd positions; PAIRS and LANES the general ones.
+std::string frob_doc(const reg::ExportRow& r, Kern k, int W, int H, bool block) {
+    const bool is64 = fh::is64(r), single = std::string(r.sig) == "m";
+    if (k == Kern::P) return !single && W == 3 && H == 3 ? "S" : "PAIRS";
+    if (W >= 8) return "LANES";
+    const int n = W == H ? W : 0;
+    auto q = [](int i) { return "q" + std::to_string(i); };
+    auto c = [&](int j) {
+        if (n == 3) return "((" + q(j) + "+" + q(3 + j) + ")+" + q(6 + j) + ")";
+        if (n == 4) return "((" + q(j) + "+" + q(4 + j) + ")+(" + q(8 + j) + "+" + q(12 + j) + "))";
+        return "(((" + q(j) + "+" + q(5 + j) + ")+(" + q(10 + j) + "+" + q(15 + j) + "))+" + q(20 + j) + ")";
+    };
+    auto row = [&](int i) { return "(((" + q(4 * i) + "+" + q(4 * i + 1) + ")+" + q(4 * i + 2) + ")+" + q(4 * i + 3) + ")"; };
+    const std::string c0213 = "(" + c(0) + "+" + c(2) + ")+(" + c(1) + "+" + c(3) + ")";
+    if (single && k == Kern::Std && !is64) {
+        if (n == 2) return "(q0+q1)+(q2+q3)";
+        if (n == 3) return "(" + c(0) + "+" + c(1) + ")+" + c(2);
+        if (n == 4) return c0213;
+        if (n == 5) return "(" + c0213 + ")+" + c(4);
+        return "S";
+    }
+    if (single || (n != 3 && n != 4)) return "S";
+    if (k == Kern::Std && !is64) {
+        if (n == 3) return block ? "(((q0+q1)+q8)+(q2+q3))+((q4+q5)+(q6+q7))" : "(" + c(0) + "+" + c(1) + ")+" + c(2);
+        return block ? "(" + c(0) + "+" + c(1) + ")+(" + c(2) + "+" + c(3) + ")" : c0213;
+    }
+    if (k == Kern::Std) {
+        if (n == 3) return block ? "(((q0+q1)+q8)+(q2+q5))+((q3+q4)+(q6+q7))" : "(" + c(0) + "+" + c(2) + ")+" + c(1);
+        return "(((q0+q2)+(q4+q6))+((q8+q10)+(q12+q14)))+(((q1+q3)+(q5+q7))+((q9+q11)+(q13+q15)))";
+    }
+    if (n == 3) return "q0+q1+q2+q4+q3+q5+q8+q6+q7";
+    if (k == Kern::L && !is64) return "S";
+    return "(" + row(0) + "+" + row(2) + ")+(" + row(1) + "+" + row(3) + ")";
+}
+
+// The pointer form's pair chains, and the lanes from width 8 on.
+template <class T>
+T frob_general(const std::string& how, const std::vector<T>& q, int W, int H) {
+    T a = 0, b = 0, rest = 0;
+    if (how == "PAIRS") {
+        const int m = int(q.size()) / 4 * 4;
+        for (int k = 0; k < m; k += 4) a = a + (q[k] + q[k + 1]), b = b + (q[k + 2] + q[k + 3]);
+        T s = a + b;
+        for (int k = m; k < int(q.size()); ++k) s = s + q[k];
+        return s;
+    }
+    const int lanes = 16 / sizeof(T), Wl = W / lanes * lanes;
+    T acc[4] = {};
+    for (int i = 0; i < H; ++i)
+        for (int j = 0; j < W; ++j) {
+            T& s = j < Wl ? acc[j % lanes] : rest;
+            s = s + q[i * W + j];
+        }
+    return (lanes == 4 ? (acc[0] + acc[2]) + (acc[1] + acc[3]) : acc[0] + acc[1]) + rest;
+}
+
 Kern kern_of(const reg::ExportRow& r, bool unit) {
     const char f = r.form[0];
     return f == 'P' ? Kern::P : f == 'L' ? (unit ? Kern::L : Kern::LS2) : (unit ? Kern::Std : Kern::S2);
@@ -168,8 +209,7 @@ Kern kern_of(const reg::ExportRow& r, bool unit) {
 bool aligned16(const void* p) { return reinterpret_cast<std::uintptr_t>(p) % 16 == 0; }
 
 // The four-object square root of L2Norm_va_32f_S2 and _P at len 3: whether
-// object n of `count` is in a block (results at `out`, sources apart), and
-// the result of a block.
+// object n of `count` is in a block (results at `out`), and a block's result.
 bool rsqrt_blocked(int n, int count, const void* out, bool first_alone) {
     const auto a = reinterpret_cast<std::uintptr_t>(out);
     const int from = first_alone ? 1 : 0, m = count - from;
@@ -248,7 +288,7 @@ std::unique_ptr<fh::Laid<T>> laid(const reg::ExportRow& r, int count, int H, int
 }
 
 // Every export of `ops` at every size (H x W; vectors W), layout and count,
-// its sources filled, handed to body(l, row, kernel, H, W) before the call.
+// its sources filled, handed to body(l, row, kernel, H, W, label) to call.
 template <class Body>
 void sweep(const std::vector<std::string>& ops, std::size_t exports, const std::vector<std::pair<int, int>>& sizes,
            const std::vector<int>& counts, Body&& body) {
@@ -259,10 +299,9 @@ void sweep(const std::vector<std::string>& ops, std::size_t exports, const std::
         for (const auto& [H, W] : sizes)
             for (const auto& L : layouts())
                 for (int count : counts) fh::with_type(*r, [&](auto z) {
-                    using T = decltype(z);
                     const std::string op = r->op;
                     if ((op == "Trace" && W != H) || (op == "CrossProduct" && W != 3)) return;
-                    const auto l = laid<T>(*r, count, H, W, L, seed++);
+                    const auto l = laid<decltype(z)>(*r, count, H, W, L, seed++);
                     // the single FrobNorm matrix has one kernel for all strides
                     const Kern k = op == "FrobNorm" && std::string(r->sig) == "m" && r->form[0] != 'P'
                                        ? Kern::Std
@@ -278,168 +317,90 @@ std::vector<std::pair<int, int>> lengths(std::initializer_list<int> ls) {
 }
 
 // ---------------------------------------------------------------------------
-TEST(VectorReductions, DotProductAndL2NormMatchTheDocumentedOrders) {
-    sweep({"DotProduct", "L2Norm"}, 26, lengths({1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 16, 19}), {4, 7, 19},
-          [](auto& l, const reg::ExportRow& r, Kern k, int, int len, const std::string& label) {
-        using T = std::remove_reference_t<decltype(l.at("", 0, 0, 0))>;
-        const bool dot = std::string(r.op) == "DotProduct", f32 = !fh::is64(r), va = std::string(r.sig) == "va";
-        const std::string first = dot ? "Src1" : "Src", second = dot ? "Src2" : "Src";
-        const int cnt = l.count(), blocked = cnt / 4 * 4;
-        const bool aligned = dot && aligned16(&l.at("Src1", 0, 0, 0)) && aligned16(&l.at("Src2", 0, 0, 0)) &&
-                             aligned16(l.args.ptrs.at("pDst")) && l.args.nums.at("src1Stride0") % 16 == 0 &&
-                             l.args.nums.at("src2Stride0") % 16 == 0;
-        auto expect = [&](int n) -> T {
-            std::vector<T> t(len);
-            for (int j = 0; j < len; ++j) t[j] = l.at(first, n, 0, j) * l.at(second, n, 0, j);
-            std::string how = len >= 3 && len <= 6 ? doc_at(r, k, len) : "";
-            // the four-object blocks
-            if (dot && f32 && k == Kern::Std && std::string(r.sig) == "vava" && len == 3 && cnt >= 5 &&
-                n < blocked && aligned)
-                how = "(t0 + t2) + t1";
-            if (!dot && f32 && (k == Kern::Std || k == Kern::L) && va && len == 5 && n < blocked)
-                how = "((s0 + s2) + (s1 + s3)) + s4";
-            const T s = how.empty() ? long_ref<T>(long_doc(r, k, len), t, &l.at(second, n, 0, 0)) : eval_doc<T>(how, t);
-            if constexpr (sizeof(T) == 4)
-                if (!dot && va && len == 3 && (k == Kern::S2 || k == Kern::P) &&
-                    rsqrt_blocked(n, cnt, l.args.ptrs.at("pDst"), k == Kern::S2))
-                    return newton_root(s);
-            return dot ? s : std::sqrt(s);
-        };
-        ASSERT_TRUE(check_results<T>(l, cnt, expect, std::string(r.name) + " len " + std::to_string(len) + " " + label));
-    });
+// The reference of object n of a reduction: the documented association at the
+// written-out sizes, the named long orders beyond, and the block paths' own.
+template <class T>
+T reduction_ref(fh::Laid<T>& l, const reg::ExportRow& r, Kern k, int H, int W, int n) {
+    const std::string op = r.op, sig = r.sig;
+    const int cnt = l.count();
+    const bool f32 = sizeof(T) == 4;
+    if (op == "Trace") {
+        std::vector<T> d(W);
+        for (int i = 0; i < W; ++i) d[i] = l.at("Src", n, i, i);
+        std::string how = W >= 3 && W <= 6 ? doc_at(r, k, W) : "S";
+        // the S2 kernel of ma takes objects in pairs at the orders 3, 4, 5
+        if (k == Kern::S2 && sig == "ma" && W <= 5 && n < cnt / 2 * 2) how = W == 5 ? "(((0+2)+1)+3)+4" : "S";
+        return eval_doc<T>(how, d);
+    }
+    std::vector<T> q;
+    if (op == "FrobNorm") {
+        for (int i = 0; i < H; ++i)
+            for (int j = 0; j < W; ++j) q.push_back(l.at("Src", n, i, j) * l.at("Src", n, i, j));
+        const bool block = k == Kern::Std && sig == "ma" && n < cnt / 4 * 4 && (W == 3 || (W == 4 && f32));
+        const std::string how = frob_doc(r, k, W, H, block);
+        return std::sqrt(how == "PAIRS" || how == "LANES" ? frob_general<T>(how, q, W, H) : eval_doc<T>(how, q));
+    }
+    const bool dot = op == "DotProduct", va = sig == "va";
+    const std::string first = dot ? "Src1" : "Src", second = dot ? "Src2" : "Src";
+    for (int j = 0; j < W; ++j) q.push_back(l.at(first, n, 0, j) * l.at(second, n, 0, j));
+    std::string how = W >= 3 && W <= 6 ? doc_at(r, k, W) : "";
+    // the four-object blocks: DotProduct vava 32f at len 3 from 5 objects
+    // with every pointer and stride0 on 16 bytes, L2Norm va 32f at len 5
+    const bool aligned = dot && aligned16(&l.at("Src1", 0, 0, 0)) && aligned16(&l.at("Src2", 0, 0, 0)) &&
+                         aligned16(l.args.ptrs.at("pDst")) && l.args.nums.at("src1Stride0") % 16 == 0 &&
+                         l.args.nums.at("src2Stride0") % 16 == 0;
+    if (dot && f32 && k == Kern::Std && sig == "vava" && W == 3 && cnt >= 5 && n < cnt / 4 * 4 && aligned)
+        how = "(0+2)+1";
+    if (!dot && f32 && (k == Kern::Std || k == Kern::L) && va && W == 5 && n < cnt / 4 * 4) how = "((0+2)+(1+3))+4";
+    const T s = how.empty() ? long_ref<T>(long_doc(r, k, W), q, &l.at(second, n, 0, 0)) : eval_doc<T>(how, q);
+    if (!dot && f32 && va && W == 3 && (k == Kern::S2 || k == Kern::P) &&
+        rsqrt_blocked(n, cnt, l.args.ptrs.at("pDst"), k == Kern::S2))
+        return T(newton_root(float(s)));
+    return dot ? s : std::sqrt(s);
 }
 
-// The four-object square root of L2Norm_va_32f_S2 and _P at len 3: blocks of
-// four from the first result on a 16-byte boundary, after object 0 in S2.
+TEST(VectorReductions, MatchTheDocumentedOrders) {
+    const auto body = [](auto& l, const reg::ExportRow& r, Kern k, int H, int W, const std::string& label) {
+        using T = std::remove_reference_t<decltype(l.at("", 0, 0, 0))>;
+        ASSERT_TRUE(check_results<T>(l, l.count(), [&](int n) { return reduction_ref<T>(l, r, k, H, W, n); },
+                                     std::string(r.name) + " " + std::to_string(H) + "x" + std::to_string(W) + " " + label));
+    };
+    sweep({"DotProduct", "L2Norm"}, 26, lengths({1, 2, 3, 4, 5, 6, 7, 8, 9, 11, 16, 19}), {4, 7, 19}, body);
+    sweep({"Trace", "FrobNorm"}, 20,
+          {{1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {7, 7}, {8, 8}, {3, 9}, {9, 3}, {5, 2}, {2, 12}}, {4, 7, 19},
+          body);
+}
+
+// The four-object square root with pDst off a 16-byte boundary (objects
+// [from, to) in blocks), and its special sums: 0, a subnormal (0), an
+// infinity (NaN).
 TEST(VectorReductions, FourObjectSquareRoot) {
-    struct Case {
+    const struct {
         const char* name;
-        int count, offset;  // pDst elements past a 16-byte boundary
-        std::vector<int> blocked;
-    };
-    const std::vector<int> b0_11 = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, b3_10 = {3, 4, 5, 6, 7, 8, 9, 10},
-                           b4_11 = {4, 5, 6, 7, 8, 9, 10, 11};
-    const Case cases[] = {
-        {"zelmL2Norm_va_32f_P", 13, 0, b0_11}, {"zelmL2Norm_va_32f_P", 13, 1, b3_10},
-        {"zelmL2Norm_va_32f_S2", 13, 0, b4_11}, {"zelmL2Norm_va_32f_P", 3, 0, {}},
-        {"zelmL2Norm_va_32f_S2", 7, 3, {1, 2, 3, 4}},
-    };
+        int count, offset, from, to;
+    } cases[] = {{"zelmL2Norm_va_32f_P", 13, 0, 0, 12}, {"zelmL2Norm_va_32f_P", 13, 1, 3, 11},
+                 {"zelmL2Norm_va_32f_S2", 13, 0, 4, 12}, {"zelmL2Norm_va_32f_P", 3, 0, 0, 0},
+                 {"zelmL2Norm_va_32f_S2", 7, 3, 1, 5}};
     for (const auto& cs : cases) {
         const bool s2 = std::string(cs.name).find("S2") != std::string::npos;
-        const auto& row = fh::row_named(s2 ? "zelmL2Norm_va_32f" : cs.name);
         lay::Layout L;
-        if (s2) L.k2 = 2;
-        fh::Laid<float> l(row, cs.count, {{"Src", {1, 3}}}, {{"pDst", cs.count + 8}}, L, 5);
+        L.k2 = s2 ? 2 : 1;
+        fh::Laid<float> l(fh::row_named(s2 ? "zelmL2Norm_va_32f" : cs.name), cs.count, {{"Src", {1, 3}}},
+                          {{"pDst", cs.count + 8}}, L, 5);
         std::mt19937 g(9);
-        // zeros, a subnormal sum, an infinity among ordinary values
         l.fill("Src", [&](int n, int, int) { return n == 1 ? 0.0f : n == 2 ? 1e-20f : n == 5 ? INFINITY : spread<float>(g); });
         l.num("len", 3);
         float* base = l.block("pDst");
-        while (reinterpret_cast<std::uintptr_t>(base) % 16) ++base;
+        while (!aligned16(base)) ++base;
         l.args.ptrs["pDst"] = base + cs.offset;
         auto expect = [&](int n) {
-            const float x = (l.at("Src", n, 0, 0) * l.at("Src", n, 0, 0) + l.at("Src", n, 0, 1) * l.at("Src", n, 0, 1)) +
-                            l.at("Src", n, 0, 2) * l.at("Src", n, 0, 2);
-            const bool in = std::find(cs.blocked.begin(), cs.blocked.end(), n) != cs.blocked.end();
-            EXPECT_EQ(in, rsqrt_blocked(n, cs.count, base + cs.offset, s2)) << cs.name << " object " << n;
-            return in ? newton_root(x) : std::sqrt(x);
+            const auto sq = [&](int j) { return l.at("Src", n, 0, j) * l.at("Src", n, 0, j); };
+            const float x = (sq(0) + sq(1)) + sq(2);
+            return n >= cs.from && n < cs.to ? newton_root(x) : std::sqrt(x);
         };
         EXPECT_TRUE(check_results<float>(l, cs.count, expect, std::string(cs.name) + " offset " + std::to_string(cs.offset)));
-        if (cs.count == 13 && cs.offset == 0 && !s2) {
-            EXPECT_EQ(base[1], 0.0f);
-            EXPECT_EQ(base[2], 0.0f);  // below the smallest normal
-            EXPECT_TRUE(std::isnan(base[5]));
-        }
+        EXPECT_TRUE(cs.from || cs.to < 12 || (base[1] == 0.0f && base[2] == 0.0f && std::isnan(base[5]))) << cs.name;
     }
-}
-
-// ---------------------------------------------------------------------------
-// Trace and FrobNorm. FrobNorm orders in the documented notation: c(j) the
-// column chains, r(i) the row sums, E and O the even and odd positions.
-std::string frob_doc(const reg::ExportRow& r, Kern k, int W, int H, bool block) {
-    const std::string sig = r.sig;
-    const bool is64 = fh::is64(r), single = sig == "m";
-    if (k == Kern::P) return !single && W == 3 && H == 3 ? "S" : "PAIRS";
-    if (W >= 8) return "LANES";
-    const int n = W == H ? W : 0;
-    auto q = [](int i) { return "q" + std::to_string(i); };
-    auto c = [&](int j) {
-        if (n == 3) return "((" + q(j) + "+" + q(3 + j) + ")+" + q(6 + j) + ")";
-        if (n == 4) return "((" + q(j) + "+" + q(4 + j) + ")+(" + q(8 + j) + "+" + q(12 + j) + "))";
-        return "(((" + q(j) + "+" + q(5 + j) + ")+(" + q(10 + j) + "+" + q(15 + j) + "))+" + q(20 + j) + ")";
-    };
-    auto row = [&](int i) { return "(((" + q(4 * i) + "+" + q(4 * i + 1) + ")+" + q(4 * i + 2) + ")+" + q(4 * i + 3) + ")"; };
-    const std::string E = "((q0+q2)+(q4+q6))+((q8+q10)+(q12+q14))", O = "((q1+q3)+(q5+q7))+((q9+q11)+(q13+q15))";
-    if (single && k == Kern::Std && !is64) {
-        if (n == 2) return "(q0+q1)+(q2+q3)";
-        if (n == 3) return "(" + c(0) + "+" + c(1) + ")+" + c(2);
-        if (n == 4) return "(" + c(0) + "+" + c(2) + ")+(" + c(1) + "+" + c(3) + ")";
-        if (n == 5) return "((" + c(0) + "+" + c(2) + ")+(" + c(1) + "+" + c(3) + "))+" + c(4);
-        return "S";
-    }
-    if (single || (n != 3 && n != 4)) return "S";
-    if (k == Kern::Std && !is64) {
-        if (n == 3) return block ? "(((q0+q1)+q8)+(q2+q3))+((q4+q5)+(q6+q7))" : "(" + c(0) + "+" + c(1) + ")+" + c(2);
-        return block ? "(" + c(0) + "+" + c(1) + ")+(" + c(2) + "+" + c(3) + ")"
-                     : "(" + c(0) + "+" + c(2) + ")+(" + c(1) + "+" + c(3) + ")";
-    }
-    if (k == Kern::Std) {
-        if (n == 3) return block ? "(((q0+q1)+q8)+(q2+q5))+((q3+q4)+(q6+q7))" : "(" + c(0) + "+" + c(2) + ")+" + c(1);
-        return "(" + E + ")+(" + O + ")";
-    }
-    if (n == 3) return "q0+q1+q2+q4+q3+q5+q8+q6+q7";
-    if (k == Kern::L && !is64) return "S";
-    return "(" + row(0) + "+" + row(2) + ")+(" + row(1) + "+" + row(3) + ")";
-}
-
-// The pointer form's pair chains, and the lanes from width 8 on.
-template <class T>
-T frob_general(const std::string& how, const std::vector<T>& q, int W, int H) {
-    T a = 0, b = 0, rest = 0;
-    if (how == "PAIRS") {
-        const int m = int(q.size()) / 4 * 4;
-        for (int k = 0; k < m; k += 4) a = a + (q[k] + q[k + 1]), b = b + (q[k + 2] + q[k + 3]);
-        T s = a + b;
-        for (int k = m; k < int(q.size()); ++k) s = s + q[k];
-        return s;
-    }
-    const int lanes = 16 / sizeof(T), Wl = W / lanes * lanes;
-    T acc[4] = {};
-    for (int i = 0; i < H; ++i)
-        for (int j = 0; j < W; ++j) {
-            if (j < Wl) acc[j % lanes] = acc[j % lanes] + q[i * W + j];
-            else rest = rest + q[i * W + j];
-        }
-    return (lanes == 4 ? (acc[0] + acc[2]) + (acc[1] + acc[3]) : acc[0] + acc[1]) + rest;
-}
-
-TEST(VectorReductions, TraceAndFrobNormMatchTheDocumentedOrders) {
-    sweep({"Trace", "FrobNorm"}, 20,
-          {{1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {7, 7}, {8, 8}, {3, 9}, {9, 3}, {5, 2}, {2, 12}}, {4, 7, 19},
-          [](auto& l, const reg::ExportRow& r, Kern k, int H, int W, const std::string& label) {
-        using T = std::remove_reference_t<decltype(l.at("", 0, 0, 0))>;
-        const int cnt = l.count();
-        auto expect = [&](int n) -> T {
-            if (std::string(r.op) == "Trace") {
-                std::vector<T> d(W);
-                for (int i = 0; i < W; ++i) d[i] = l.at("Src", n, i, i);
-                std::string how = W >= 3 && W <= 6 ? doc_at(r, k, W) : "S";
-                // the S2 kernel of ma takes objects in pairs at the orders 3, 4, 5
-                if (k == Kern::S2 && std::string(r.sig) == "ma" && W <= 5 && n < cnt / 2 * 2)
-                    how = W == 5 ? "(((d0 + d2) + d1) + d3) + d4" : "S";
-                return eval_doc<T>(how, d);
-            }
-            std::vector<T> q;
-            for (int i = 0; i < H; ++i)
-                for (int j = 0; j < W; ++j) q.push_back(l.at("Src", n, i, j) * l.at("Src", n, i, j));
-            const bool block = k == Kern::Std && std::string(r.sig) == "ma" && n < cnt / 4 * 4 &&
-                               (W == 3 || (W == 4 && !fh::is64(r)));
-            const std::string how = frob_doc(r, k, W, H, block);
-            return std::sqrt(how == "PAIRS" || how == "LANES" ? frob_general<T>(how, q, W, H) : eval_doc<T>(how, q));
-        };
-        ASSERT_TRUE(check_results<T>(l, cnt, expect,
-                                     std::string(r.name) + " " + std::to_string(W) + "x" + std::to_string(H) + " " + label));
-    });
 }
 
 // ---------------------------------------------------------------------------
@@ -456,11 +417,10 @@ TEST(VectorCombinations, EveryExportMatchesPlainExpressions) {
             for (int j = 0; j < len; ++j) {
                 auto a = [&](int k) { return l.at("Src1", n, 0, k); };
                 auto b = [&](int k) { return l.at("Src2", n, 0, k); };
-                T v;
-                if (op == "CrossProduct") v = a((j + 1) % 3) * b((j + 2) % 3) - a((j + 2) % 3) * b((j + 1) % 3);
-                else if (op == "Saxpy") v = a(j) * v1 + b(j);
-                else v = a(j) * v1 + b(j) * v2;
-                want[&l.at("Dst", n, 0, j) - l.memory("Dst").data()] = v;
+                want[&l.at("Dst", n, 0, j) - l.memory("Dst").data()] =
+                    op == "CrossProduct" ? a((j + 1) % 3) * b((j + 2) % 3) - a((j + 2) % 3) * b((j + 1) % 3)
+                    : op == "Saxpy"      ? a(j) * v1 + b(j)
+                                         : a(j) * v1 + b(j) * v2;
             }
         ASSERT_EQ(l.call(), zelStsOk) << r.name;
         ASSERT_EQ(std::memcmp(want.data(), l.memory("Dst").data(), want.size() * sizeof(T)), 0)
@@ -470,21 +430,16 @@ TEST(VectorCombinations, EveryExportMatchesPlainExpressions) {
 
 // Documented examples the sweeps do not reach: non-finite values, signed zeros.
 TEST(VectorCombinations, WorkedExamples) {
-    float a[3] = {1, 2, 3}, b[3] = {10, 20, 30}, d[3];
-    ASSERT_EQ(zelmSaxpy_vv_32f(b, 4, 2.0f, a, 4, d, 4, 3), zelStsOk);
-    EXPECT_EQ(std::vector<float>(d, d + 3), (std::vector<float>{21, 42, 63}));
     // val1 0 still multiplies: infinity gives NaN
     double x[2] = {INFINITY, 1}, y[2] = {1, 1}, e[2];
     ASSERT_EQ(zelmLComb_vv_64f(x, 8, 0.0, y, 8, 2.0, e, 8, 2), zelStsOk);
     EXPECT_TRUE(std::isnan(e[0]) && e[1] == 2.0);
-    // e1 x e0 = -e2; a x a = +0 in each element
-    float i[3] = {1, 0, 0}, j[3] = {0, 1, 0}, k[3], m[3] = {3, -7, 0.5f};
-    ASSERT_EQ(zelmCrossProduct_vv_32f(j, 4, i, 4, k, 4), zelStsOk);
-    EXPECT_EQ(std::vector<float>(k, k + 3), (std::vector<float>{0, 0, -1}));
+    // a x a = +0 in each element
+    float k[3], m[3] = {3, -7, 0.5f};
     ASSERT_EQ(zelmCrossProduct_vv_32f(m, 4, m, 4, k, 4), zelStsOk);
     for (float v : k) EXPECT_TRUE(v == 0 && !std::signbit(v));
-    // Trace of one element is that element, -0 too; a length-1 dot product
-    // of -0 starts from +0
+    // the Trace of one element is that element, -0 too; a length-1 dot
+    // product of -0 starts from +0
     const float neg = -0.0f, one = 1.0f;
     float out = 1;
     ASSERT_EQ(zelmTrace_m_32f(&neg, 4, 4, 1, &out), zelStsOk);
@@ -494,71 +449,72 @@ TEST(VectorCombinations, WorkedExamples) {
 }
 
 // ---------------------------------------------------------------------------
-// Thresholds: the direct path asks for no thread count.
-struct Boundary {
+// Thresholds: the first count through the wrapper (it asks for the thread
+// count twice), the one before it direct (no question).
+const struct Boundary {
     const char* name;
-    int size;                 // len, widthHeight, or width with height 1
-    int direct, wrapper;      // the last direct count, the first through the wrapper
+    int size;     // len, widthHeight, or width with height 1
+    int wrapper;  // the first count through the wrapper
     bool strided;
-};
-const Boundary kBoundaries[] = {
+} kBoundaries[] = {
     // DotProduct vav (count + 1) len, vava 2 len count: 40000 contiguous and _L,
     // 20000 other strides and _LS2; _P 20000 in 32f, 40000 in 64f
-    {"zelmDotProduct_vava_32f", 100, 200, 201, false},
-    {"zelmDotProduct_vava_32f", 100, 100, 101, true},
-    {"zelmDotProduct_vava_64f_L", 100, 200, 201, false},
-    {"zelmDotProduct_vava_64f_L", 100, 100, 101, true},
-    {"zelmDotProduct_vav_32f_P", 100, 199, 200, false},
-    {"zelmDotProduct_vav_64f_P", 100, 399, 400, false},
+    {"zelmDotProduct_vava_32f", 100, 201, false},
+    {"zelmDotProduct_vava_32f", 100, 101, true},
+    {"zelmDotProduct_vava_64f_L", 100, 201, false},
+    {"zelmDotProduct_vava_64f_L", 100, 101, true},
+    {"zelmDotProduct_vav_32f_P", 100, 200, false},
+    {"zelmDotProduct_vav_64f_P", 100, 400, false},
     // L2Norm len count against 20000 everywhere
-    {"zelmL2Norm_va_32f_L", 100, 200, 201, false},
-    {"zelmL2Norm_va_64f", 100, 200, 201, true},
+    {"zelmL2Norm_va_32f_L", 100, 201, false},
+    {"zelmL2Norm_va_64f", 100, 201, true},
     // CrossProduct: vav 2 count from 20000 (32f _L 40000), vava 3 count above 20000 (40000)
-    {"zelmCrossProduct_vav_32f", 3, 9999, 10000, false},
-    {"zelmCrossProduct_vav_32f_L", 3, 19999, 20000, true},
-    {"zelmCrossProduct_vva_64f_L", 3, 9999, 10000, false},
-    {"zelmCrossProduct_vava_64f", 3, 6666, 6667, false},
-    {"zelmCrossProduct_vava_32f_L", 3, 13333, 13334, false},
+    {"zelmCrossProduct_vav_32f", 3, 10000, false},
+    {"zelmCrossProduct_vav_32f_L", 3, 20000, true},
+    {"zelmCrossProduct_vva_64f_L", 3, 10000, false},
+    {"zelmCrossProduct_vava_64f", 3, 6667, false},
+    {"zelmCrossProduct_vava_32f_L", 3, 13334, false},
     // Saxpy 40000 everywhere; LComb 20000, 32f _L with contiguous elements 40000
-    {"zelmSaxpy_vava_32f", 100, 133, 134, true},
-    {"zelmSaxpy_vav_64f_P", 100, 199, 200, false},
-    {"zelmLComb_vava_32f", 100, 66, 67, false},
-    {"zelmLComb_vava_32f_L", 100, 133, 134, false},
-    {"zelmLComb_vav_32f_L", 100, 99, 100, true},
-    {"zelmLComb_vav_64f_L", 100, 99, 100, false},
+    {"zelmSaxpy_vava_32f", 100, 134, true},
+    {"zelmSaxpy_vav_64f_P", 100, 200, false},
+    {"zelmLComb_vava_32f", 100, 67, false},
+    {"zelmLComb_vava_32f_L", 100, 134, false},
+    {"zelmLComb_vav_32f_L", 100, 100, true},
+    {"zelmLComb_vav_64f_L", 100, 100, false},
     // Trace n count, FrobNorm w h count: 20000, 32f _L contiguous 40000
-    {"zelmTrace_ma_64f", 3, 6666, 6667, false},
-    {"zelmTrace_ma_32f_L", 3, 13333, 13334, false},
-    {"zelmTrace_ma_32f_L", 3, 6666, 6667, true},
-    {"zelmFrobNorm_ma_32f_P", 10, 2000, 2001, false},  // 10 x 1
-    {"zelmFrobNorm_ma_64f_L", 10, 2000, 2001, false},
+    {"zelmTrace_ma_64f", 3, 6667, false},
+    {"zelmTrace_ma_32f_L", 3, 13334, false},
+    {"zelmTrace_ma_32f_L", 3, 6667, true},
+    {"zelmFrobNorm_ma_32f_P", 10, 2001, false},  // 10 x 1
+    {"zelmFrobNorm_ma_64f_L", 10, 2001, false},
 };
 
-// A call of an array export with `count` objects of `size`, in one of two
-// layouts: the thread-count queries it made.
-int queries(const char* name, int size, int count, bool strided, int threads) {
-    const auto& r = fh::row_named(name);
-    const bool trace = std::string(r.op) == "Trace";
-    int asked = -1;
-    fh::with_type(r, [&](auto z) {
-        lay::Layout L;
-        if (strided) L.k2 = L.dst_k2 = 2;
-        const auto l = laid<decltype(z)>(r, count, trace ? size : 1, size, L, 1);
-        subst::Scope s(threads);
-        EXPECT_EQ(l->call(), zelStsOk) << name;
-        asked = subst::thread_queries;
-    });
-    return asked;
+// A call of an array export with `count` objects of H x W (vectors W), dense
+// or with element steps of 2, on `threads` threads: its thread-count queries
+// and, in `out`, the destination memory.
+template <class T>
+int queries(const reg::ExportRow& r, int H, int W, int count, bool strided, int threads, std::vector<T>* out = nullptr) {
+    lay::Layout L;
+    if (strided) L.k2 = L.dst_k2 = 2;
+    const auto l = laid<T>(r, count, H, W, L, 7);
+    subst::Scope s(threads);
+    EXPECT_EQ(l->call(), zelStsOk) << r.name;
+    if (out)
+        *out = shapes_of(r.op, H, W).count("Dst") ? l->memory("Dst")
+                                                  : std::vector<T>(l->block("pDst"), l->block("pDst") + count);
+    return subst::thread_queries;
 }
 
 TEST(VectorThresholds, AtTheirBoundaries) {
-    for (const auto& b : kBoundaries) {
-        EXPECT_EQ(queries(b.name, b.size, b.direct, b.strided, 4), 0) << b.name << " count " << b.direct;
-        EXPECT_EQ(queries(b.name, b.size, b.wrapper, b.strided, 4), 2) << b.name << " count " << b.wrapper;
-    }
+    for (const auto& b : kBoundaries) fh::with_type(fh::row_named(b.name), [&](auto z) {
+        const auto& r = fh::row_named(b.name);
+        const int H = std::string(r.op) == "Trace" ? b.size : 1;
+        EXPECT_EQ(queries<decltype(z)>(r, H, b.size, b.wrapper - 1, b.strided, 4), 0) << b.name << " " << b.wrapper - 1;
+        EXPECT_EQ(queries<decltype(z)>(r, H, b.size, b.wrapper, b.strided, 4), 2) << b.name << " " << b.wrapper;
+    });
     // no wrapper at all
-    EXPECT_EQ(queries("zelmCrossProduct_vva_64f_P", 3, 50000, false, 4), 0);
-    EXPECT_EQ(queries("zelmCrossProduct_vva_32f_P", 3, 50000, false, 4), 2);
+    EXPECT_EQ(queries<double>(fh::row_named("zelmCrossProduct_vva_64f_P"), 1, 3, 50000, false, 4), 0);
+    EXPECT_EQ(queries<float>(fh::row_named("zelmCrossProduct_vva_32f_P"), 1, 3, 50000, false, 4), 2);
 }
 
 // Four threads give the bits of one, at sizes without block paths (those
@@ -568,23 +524,12 @@ TEST(VectorThresholds, ParallelCallsGiveTheBitsOfDirectOnes) {
         const std::string sig = r->sig, op = r->op;
         if (sig.find('a') == std::string::npos) continue;
         for (bool strided : {false, true}) fh::with_type(*r, [&](auto z) {
-            using T = decltype(z);
-            const bool cross = op == "CrossProduct", frob = op == "FrobNorm";
-            const int size = cross ? 3 : frob ? 5 : 16, count = cross ? 20001 : 2601;
-            std::vector<T> res[2];
-            for (int k = 0; k < 2; ++k) {
-                lay::Layout L;
-                L.k2 = L.dst_k2 = strided ? 2 : 1;
-                const auto l = laid<T>(*r, count, size, size, L, 7);
-                subst::Scope s(k ? 4 : 1);
-                ASSERT_EQ(l->call(), zelStsOk);
-                res[k] = shapes_of(op, size, size).count("Dst") ? l->memory("Dst")
-                                                               : std::vector<T>(l->block("pDst"), l->block("pDst") + count);
-                if (k) {
-                    EXPECT_EQ(subst::thread_queries, r->name == std::string("zelmCrossProduct_vva_64f_P") ? 0 : 2);
-                }
-            }
-            EXPECT_EQ(std::memcmp(res[0].data(), res[1].data(), res[0].size() * sizeof(T)), 0) << r->name;
+            const int size = op == "CrossProduct" ? 3 : op == "FrobNorm" ? 5 : 16, count = size == 3 ? 20001 : 2601;
+            std::vector<decltype(z)> one, four;
+            queries(*r, size, size, count, strided, 1, &one);
+            EXPECT_EQ(queries(*r, size, size, count, strided, 4, &four), r->name == std::string("zelmCrossProduct_vva_64f_P") ? 0 : 2);
+            ASSERT_EQ(one.size(), four.size());
+            EXPECT_EQ(std::memcmp(one.data(), four.data(), one.size() * sizeof(z)), 0) << r->name;
         });
     }
 }
