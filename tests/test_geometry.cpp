@@ -61,67 +61,47 @@ glm::vec<N, float> gv(const float* p) {
 }
 
 // ---------------------------------------------------------------------------
-// Small vectors, each length against glm: a row calls the export of length N
+// Small vectors, each length against glm: ZEL_V calls the export of length N
 // with `args`, glm's `expr` on the same values (A .. D the glm vectors of
-// x.a .. x.d; s, t the scalars); `outs` values written (0: the length).
-struct VArgs {
-    const float *a, *b, *c, *d;
-    float s, t;
-};
-struct VecRow {
-    const char* name;
-    void (*ours)(const VArgs&, float*);
-    void (*ref)(const VArgs&, float*);
-    int outs;
-    float tol;  // 0: the same bits
-};
+// a .. d; s, t the scalars); `outs` values written (0: the length).
 template <int N>
 void put(const glm::vec<N, float>& v, float* o) {
     for (int i = 0; i < N; ++i) o[i] = v[i];
 }
 void put(float v, float* o) { *o = v; }
-#define ZEL_VROW(Op, args, expr, outs, tol)                                                                \
-    {#Op,                                                                                                  \
-     [](const VArgs& x, float* o) {                                                                        \
-         (N == 2 ? zelm##Op##_v2_32f : N == 3 ? zelm##Op##_v3_32f : zelm##Op##_v4_32f) args;              \
-     },                                                                                                    \
-     [](const VArgs& x, float* o) {                                                                        \
-         [[maybe_unused]] const G A = gv<N>(x.a), B = gv<N>(x.b), C = gv<N>(x.c), D = gv<N>(x.d);         \
-         [[maybe_unused]] const float s = x.s, t = x.t;                                                    \
-         put(expr, o);                                                                                     \
-     },                                                                                                    \
-     outs, tol}
 
 template <int N>
 void run_vec_rows() {
-    using G = glm::vec<N, float>;
-    const VecRow rows[] = {
-        ZEL_VROW(Add, (x.a, x.b, o), A + B, 0, 0),
-        ZEL_VROW(Sub, (x.a, x.b, o), A - B, 0, 0),
-        ZEL_VROW(Min, (x.a, x.b, o), glm::min(A, B), 0, 0),
-        ZEL_VROW(Max, (x.a, x.b, o), glm::max(A, B), 0, 0),
-        ZEL_VROW(MulC, (x.a, x.s, o), A * s, 0, 0),
-        ZEL_VROW(DotProduct, (x.a, x.b, o), glm::dot(A, B), 1, 1e-6f),
-        ZEL_VROW(LenSqr, (x.a, o), glm::dot(A, A), 1, 1e-6f),
-        ZEL_VROW(Len, (x.a, o), glm::length(A), 1, 1e-6f),
-        ZEL_VROW(Normalize, (x.a, o), glm::normalize(A), 0, 1e-6f),
-        ZEL_VROW(InterpolationLinear, (x.a, x.b, x.s, o), glm::mix(A, B, s), 0, 1e-5f),
-        ZEL_VROW(BaryCentric, (x.a, x.b, x.c, x.s, x.t, o), A + (B - A) * s + (C - A) * t, 0, 1e-5f),
-        ZEL_VROW(Hermite, (x.a, x.b, x.c, x.d, x.s, o), glm::hermite(A, B, C, D, s), 0, 1e-5f),
-        ZEL_VROW(InterpolationCatmullRom, (x.a, x.b, x.c, x.d, x.s, o), glm::catmullRom(A, B, C, D, s), 0, 1e-5f),
-    };
-    for (const auto& row : rows)
-        for (int trial = 0; trial < 200; ++trial) {
-            float a[4], b[4], c[4], d[4], got[5], want[4];
-            fill(a, 4), fill(b, 4), fill(c, 4), fill(d, 4);
-            const VArgs x{a, b, c, d, rnd(0, 1), rnd(0, 1)};
-            const int outs = row.outs ? row.outs : N;
+    for (int trial = 0; trial < 200; ++trial) {
+        float a[4], b[4], c[4], d[4];
+        fill(a, 4), fill(b, 4), fill(c, 4), fill(d, 4);
+        const float s = rnd(0, 1), t = rnd(0, 1);
+        const auto A = gv<N>(a), B = gv<N>(b), C = gv<N>(c), D = gv<N>(d);
+        const auto check = [&](const char* name, auto ours, auto expr, int outs, float tol) {
+            float got[5], want[4];
             std::fill(got, got + 5, kSentinel);
-            row.ours(x, got);
-            row.ref(x, want);
-            ASSERT_TRUE(close(got, want, outs, row.tol)) << row.name << " v" << N << " trial " << trial;
-            ASSERT_EQ(got[outs], kSentinel) << row.name << " v" << N << " wrote past its result";
-        }
+            ours(got), put(expr, want);
+            outs = outs ? outs : N;
+            ASSERT_TRUE(close(got, want, outs, tol)) << name << " v" << N << " trial " << trial;
+            ASSERT_EQ(got[outs], kSentinel) << name << " v" << N << " wrote past its result";
+        };
+#define ZEL_V(Op, args, expr, outs, tol) \
+    check(#Op, [&](float* o) { (N == 2 ? zelm##Op##_v2_32f : N == 3 ? zelm##Op##_v3_32f : zelm##Op##_v4_32f) args; }, expr, outs, tol)
+        ZEL_V(Add, (a, b, o), A + B, 0, 0);
+        ZEL_V(Sub, (a, b, o), A - B, 0, 0);
+        ZEL_V(Min, (a, b, o), glm::min(A, B), 0, 0);
+        ZEL_V(Max, (a, b, o), glm::max(A, B), 0, 0);
+        ZEL_V(MulC, (a, s, o), A * s, 0, 0);
+        ZEL_V(DotProduct, (a, b, o), glm::dot(A, B), 1, 1e-6f);
+        ZEL_V(LenSqr, (a, o), glm::dot(A, A), 1, 1e-6f);
+        ZEL_V(Len, (a, o), glm::length(A), 1, 1e-6f);
+        ZEL_V(Normalize, (a, o), glm::normalize(A), 0, 1e-6f);
+        ZEL_V(InterpolationLinear, (a, b, s, o), glm::mix(A, B, s), 0, 1e-5f);
+        ZEL_V(BaryCentric, (a, b, c, s, t, o), A + (B - A) * s + (C - A) * t, 0, 1e-5f);
+        ZEL_V(Hermite, (a, b, c, d, s, o), glm::hermite(A, B, C, D, s), 0, 1e-5f);
+        ZEL_V(InterpolationCatmullRom, (a, b, c, d, s, o), glm::catmullRom(A, B, C, D, s), 0, 1e-5f);
+#undef ZEL_V
+    }
 }
 
 TEST_F(Geometry, AgreeWithGlmAtEveryLength) {

@@ -459,33 +459,22 @@ const struct Boundary {
 } kBoundaries[] = {
     // DotProduct vav (count + 1) len, vava 2 len count: 40000 contiguous and _L,
     // 20000 other strides and _LS2; _P 20000 in 32f, 40000 in 64f
-    {"zelmDotProduct_vava_32f", 100, 201, false},
-    {"zelmDotProduct_vava_32f", 100, 101, true},
-    {"zelmDotProduct_vava_64f_L", 100, 201, false},
-    {"zelmDotProduct_vava_64f_L", 100, 101, true},
-    {"zelmDotProduct_vav_32f_P", 100, 200, false},
-    {"zelmDotProduct_vav_64f_P", 100, 400, false},
+    {"zelmDotProduct_vava_32f", 100, 201, false}, {"zelmDotProduct_vava_32f", 100, 101, true},
+    {"zelmDotProduct_vava_64f_L", 100, 201, false}, {"zelmDotProduct_vava_64f_L", 100, 101, true},
+    {"zelmDotProduct_vav_32f_P", 100, 200, false}, {"zelmDotProduct_vav_64f_P", 100, 400, false},
     // L2Norm len count against 20000 everywhere
-    {"zelmL2Norm_va_32f_L", 100, 201, false},
-    {"zelmL2Norm_va_64f", 100, 201, true},
+    {"zelmL2Norm_va_32f_L", 100, 201, false}, {"zelmL2Norm_va_64f", 100, 201, true},
     // CrossProduct: vav 2 count from 20000 (32f _L 40000), vava 3 count above 20000 (40000)
-    {"zelmCrossProduct_vav_32f", 3, 10000, false},
-    {"zelmCrossProduct_vav_32f_L", 3, 20000, true},
-    {"zelmCrossProduct_vva_64f_L", 3, 10000, false},
-    {"zelmCrossProduct_vava_64f", 3, 6667, false},
+    {"zelmCrossProduct_vav_32f", 3, 10000, false}, {"zelmCrossProduct_vav_32f_L", 3, 20000, true},
+    {"zelmCrossProduct_vva_64f_L", 3, 10000, false}, {"zelmCrossProduct_vava_64f", 3, 6667, false},
     {"zelmCrossProduct_vava_32f_L", 3, 13334, false},
     // Saxpy 40000 everywhere; LComb 20000, 32f _L with contiguous elements 40000
-    {"zelmSaxpy_vava_32f", 100, 134, true},
-    {"zelmSaxpy_vav_64f_P", 100, 200, false},
-    {"zelmLComb_vava_32f", 100, 67, false},
-    {"zelmLComb_vava_32f_L", 100, 134, false},
-    {"zelmLComb_vav_32f_L", 100, 100, true},
-    {"zelmLComb_vav_64f_L", 100, 100, false},
+    {"zelmSaxpy_vava_32f", 100, 134, true}, {"zelmSaxpy_vav_64f_P", 100, 200, false},
+    {"zelmLComb_vava_32f", 100, 67, false}, {"zelmLComb_vava_32f_L", 100, 134, false},
+    {"zelmLComb_vav_32f_L", 100, 100, true}, {"zelmLComb_vav_64f_L", 100, 100, false},
     // Trace n count, FrobNorm w h count: 20000, 32f _L contiguous 40000
-    {"zelmTrace_ma_64f", 3, 6667, false},
-    {"zelmTrace_ma_32f_L", 3, 13334, false},
-    {"zelmTrace_ma_32f_L", 3, 6667, true},
-    {"zelmFrobNorm_ma_32f_P", 10, 2001, false},  // 10 x 1
+    {"zelmTrace_ma_64f", 3, 6667, false}, {"zelmTrace_ma_32f_L", 3, 13334, false},
+    {"zelmTrace_ma_32f_L", 3, 6667, true}, {"zelmFrobNorm_ma_32f_P", 10, 2001, false},  // 10 x 1
     {"zelmFrobNorm_ma_64f_L", 10, 2001, false},
 };
 
