@@ -197,6 +197,10 @@ const Case kCases[] = {
     {"order 2 positive trace: descending", {1, 0, 0, 3}, {}, [](Fam) { return Want{kOk, {3, 1}, {0, -1, 1, 0}}; }},
     {"order 2 singular, (1,0) not read, nothing written", {1, 1, 7, 1}, {},
      [](Fam) { return Want{kSingular, {}, {}, {1, 1, 7, 1}, 0, true}; }},
+    // the tolerances are inclusive: a determinant or product of exactly eps is singular
+    {"order 2 determinant eps", {1, 0, 0, 0x1p-23}, {1, 0, 0, 0x1p-52}, [](Fam) { return Want{kSingular, {}, {}, {}, 0, true}; }},
+    {"product eps", diag({1, 1, 0x1p-23}), diag({1, 1, 0x1p-52}),
+     [](Fam f) { return Want{kSingular, {1, 1, f.is64 ? 0x1p-52 : 0x1p-23}}; }},
     {"order 3 example", {1, 1, 1, 1, 0, 0, 1, 0, 1}, {},
      [](Fam) { return Want{kOk, {2.2469796, 0.55495813, -0.80193774}, {}, {}, 1e-6}; }},
     {"diagonal: sorted, vectors a permutation", diag({2, -1, 5, 3}), {},
