@@ -193,9 +193,9 @@ TEST(EigenGen, RandomFamiliesInEveryForm) {
 
 // The array wrappers' limits, worked out by hand: EigenValues fans out when
 // n (n + 1) count > 10000, EigenValuesVectors when n (3n + 1) count > 7000
-// (at 4 x 5 x 500 = 10000 and 4 x 13 x 134 = 6968 not yet, at 3 x 4 x 834 and
-// 3 x 10 x 234 it does), the left and right families never. Whichever way,
-// 4 threads and 4 threads without scratch give the bits of 1 thread.
+// (the largest counts that stay: 500 and 134 at order 4, 833 and 233 at
+// order 3), the left and right families never. Whichever way, 4 threads and
+// 4 threads without scratch give the bits of 1 thread.
 TEST(EigenGen, FanOut) {
     for (const Row* row : exports()) {
         if (std::string(row->sig) != "ma") continue;

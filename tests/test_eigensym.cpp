@@ -267,7 +267,10 @@ TEST(EigenSym, ExamplesAndFailureStates) {
 // ---------------------------------------------------------------------------
 // Fan-out: 4 threads against 1, bit for bit, with per-thread scratch (the
 // caller's buffer untouched), a failing object, a failing allocation (one
-// thread on the caller's buffer).
+// thread on the caller's buffer). The limits, worked out by hand from the
+// estimates n (n + 1) count (values, against 20000; 40000 in the 32f list
+// form with unit stride2) and n (2n + 1) count (vectors, against 1700): the
+// largest count that stays on the calling thread, and one more.
 TEST(EigenSym, FanOut) {
     const int n = 3, count = 3500, bad = 2000;  // 4 slices of 875: the third holds object 2000
     std::mt19937 g(7);
@@ -276,10 +279,21 @@ TEST(EigenSym, FanOut) {
     std::vector<Mat> failing = good;
     failing[bad] = diag({1, 0, 3});
     for (const Row* row : exports()) {
-        if (!fam(*row).a) continue;
+        const Fam f = fam(*row);
+        if (!f.a) continue;
         SCOPED_TRACE(row->name);
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
+            for (int k2 = 1; k2 <= 2; ++k2) {
+                const int m = f.v ? 2 : 4, direct = f.v ? 170 : !f.is64 && row->form[0] == 'L' && k2 == 1 ? 2000 : 1000;
+                for (int c : {direct, direct + 1}) {
+                    subst::Scope s(4);
+                    lay::Layout L;
+                    L.k2 = k2;
+                    EXPECT_EQ(run<T>(*row, m, std::vector<Mat>(c, diag(Mat(m, 2.0))), L).st, zelStsOk);
+                    EXPECT_EQ(subst::mallocs, c == direct ? 0 : 1) << "count " << c << " stride2 " << k2;
+                }
+            }
             Out<T> ref;
             for (const auto* ms : {&good, &failing}) {
                 Out<T> one, four, starved;
@@ -302,28 +316,6 @@ TEST(EigenSym, FanOut) {
                 EXPECT_TRUE(same(four, bad + 1, 2625) && same(four, 2625, count, &ref));
             }
         });
-    }
-}
-
-// The limits, worked out by hand from the estimates n (n + 1) count (values,
-// against 20000; 40000 in the 32f list form with unit stride2) and
-// n (2n + 1) count (vectors, against 1700): the largest count that stays on
-// the calling thread, and one more.
-TEST(EigenSym, FanOutThresholds) {
-    for (const Row* row : exports()) {
-        const Fam f = fam(*row);
-        const int n = f.v ? 2 : 4;
-        for (int k2 = 1; f.a && k2 <= 2; ++k2) {
-            const int direct = f.v ? 170 : !f.is64 && row->form[0] == 'L' && k2 == 1 ? 2000 : 1000;
-            for (int count : {direct, direct + 1})
-                fh::with_type(*row, [&](auto t) {
-                    subst::Scope s(4);
-                    lay::Layout L;
-                    L.k2 = k2;
-                    EXPECT_EQ(run<decltype(t)>(*row, n, std::vector<Mat>(count, diag(Mat(n, 2.0))), L).st, zelStsOk);
-                    EXPECT_EQ(subst::mallocs, count == direct ? 0 : 1) << row->name << " count " << count << " k2 " << k2;
-                });
-        }
     }
 }
 
