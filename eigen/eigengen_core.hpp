@@ -28,17 +28,7 @@ namespace zel::eigengen {
 // pBuffer's element at any alignment: a 64f buffer need only be 4-byte
 // aligned on a 32-bit caller's stack.
 template <class T>
-struct Loose;
-template <>
-struct Loose<float> {
-    typedef float type __attribute__((aligned(1)));
-};
-template <>
-struct Loose<double> {
-    typedef double type __attribute__((aligned(1)));
-};
-template <class T>
-using E = typename Loose<T>::type;
+using E = Loose<T>;
 
 template <class W>
 ZEL_INLINE W sgn(W x) {

@@ -100,8 +100,8 @@ struct NoVectors {};
 // the kernel keeps it.
 template <class T, class S, int N, class VM>
 struct BufStore {
-    T* buf;
-    T* uu;
+    Loose<T>* buf;
+    Loose<T>* uu;
     VM* vv;
     int n_;
     ZEL_INLINE int n() const { return N ? N : n_; }
@@ -388,7 +388,7 @@ ZEL_INLINE typename K::M core(St& st, int n_rt) {
 // The eigenvalues from the diagonal, the product test and the descending
 // selection sort (the first maximum wins), with the columns of V.
 template <class T, Rules R, class VM>
-zelStatus finish(T* vals, VM& v, int n) {
+zelStatus finish(Loose<T>* vals, VM& v, int n) {
     using S = std::conditional_t<R.wide, double, T>;
     constexpr S peps = S(R.product_eps32 ? kEps32 : kEps<T>);
     auto singular = [&] {
@@ -403,7 +403,9 @@ zelStatus finish(T* vals, VM& v, int n) {
         for (int k = i + 1; k < n; ++k)
             if (vals[k] > vals[j]) j = k;
         if (j == i) continue;
-        std::swap(vals[i], vals[j]);
+        const T t = vals[i];
+        vals[i] = vals[j];
+        vals[j] = t;
         if constexpr (R.vectors)
             for (int r = 0; r < n; ++r) {
                 const T y = v.get(r, i);
@@ -418,7 +420,7 @@ zelStatus finish(T* vals, VM& v, int n) {
 
 // One object of order 3 and up whose source stands in buf.
 template <class T, Rules R, int N, class VM>
-zelStatus solve_one(T* buf, T* vals, VM& v, int n_rt) {
+zelStatus solve_one(Loose<T>* buf, Loose<T>* vals, VM& v, int n_rt) {
     using S = std::conditional_t<R.wide, double, T>;
     const int n = N ? N : n_rt;
     BufStore<T, S, N, VM> st{buf, vals, &v, n};
@@ -453,7 +455,7 @@ __attribute__((target("avx"), noinline)) unsigned group_avx(LaneStore<T, GroupKi
 // Order 2: the closed form on a = (0,0), b = (0,1), c = (1,1), in T. ev0 is
 // the eigenvalue of larger magnitude; (1,0) is not read.
 template <class T, bool Vectors, class VO>
-ZEL_INLINE zelStatus order2(const T* a2, T* vals, const VO& vo) {
+ZEL_INLINE zelStatus order2(const Loose<T>* a2, Loose<T>* vals, const VO& vo) {
     constexpr T eps = T(kEps<T>);
     const T a = a2[0], b = a2[1], c = a2[3];
     const T det = c * a - b * b;
@@ -521,7 +523,7 @@ struct Kernel {
     using Dst = Obj<T, F, Unit>;
 
     // The source into the buffer, row pitch n.
-    static ZEL_INLINE void copy_in(const Src& s, T* a, int n) {
+    static ZEL_INLINE void copy_in(const Src& s, Loose<T>* a, int n) {
         if constexpr (F != Form::P && Unit) {
             if (n > kBulkRow<T>) {
                 for (int i = 0; i < n; ++i) std::memcpy(a + std::ptrdiff_t(i) * n, s.ptr(i, 0), sizeof(T) * n);
@@ -538,7 +540,7 @@ struct Kernel {
         const int n = N ? N : n_rt;
         for (int o = from; o < count; ++o) {
             const Src s = obj_of<T, F, Unit>(c.src[0], o, n);
-            T* const vals = c.out + std::ptrdiff_t(o) * n;
+            Loose<T>* const vals = c.out + std::ptrdiff_t(o) * n;
             zelStatus st;
             if constexpr (N == 1) {
                 vals[0] = s.get(0, 0);
@@ -581,7 +583,7 @@ struct Kernel {
             for (int k = 0; k < K::W; ++k) {
                 const int o = o0 + (k < used ? k : 0);
                 const Src s = obj_of<T, F, Unit>(c.src[0], o, N);
-                const T* vals = c.out + std::ptrdiff_t(o) * N;
+                const Loose<T>* vals = c.out + std::ptrdiff_t(o) * N;
                 for (int i = 0; i < N; ++i) {
                     for (int j = 0; j < N; ++j) st.am[i * N + j][k] = S(s.get(i, j));
                     st.um[i][k] = S(vals[i]);
@@ -590,9 +592,10 @@ struct Kernel {
             const unsigned failed = cpu::avx ? group_avx<T, R, N>(st) : group_sse<T, R, N>(st);
             for (int k = 0; k < used; ++k) {
                 const int o = o0 + k;
-                T* const vals = c.out + std::ptrdiff_t(o) * N;
+                Loose<T>* const vals = c.out + std::ptrdiff_t(o) * N;
                 auto buffer = [&] {
-                    for (int i = 0; i < N * N; ++i) c.buf[i] = T(st.am[i][k]);
+                    Loose<T>* const b = c.buf;
+                    for (int i = 0; i < N * N; ++i) b[i] = T(st.am[i][k]);
                 };
                 Dense<T, N> v;
                 if constexpr (R.vectors)

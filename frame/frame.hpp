@@ -157,6 +157,21 @@ ZEL_INLINE void store(T* p, T v) {
     __builtin_memcpy(p, &v, sizeof v);
 }
 
+// An element type for arrays the caller hands in (pBuffer, compact results)
+// that are indexed directly: float or double at any alignment.
+template <class T>
+struct LooseOf;
+template <>
+struct LooseOf<float> {
+    typedef float type __attribute__((aligned(1)));
+};
+template <>
+struct LooseOf<double> {
+    typedef double type __attribute__((aligned(1)));
+};
+template <class T>
+using Loose = typename LooseOf<T>::type;
+
 template <class T, Form F>
 struct Ref {
     const Opd* o;

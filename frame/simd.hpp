@@ -26,18 +26,18 @@ struct V128<float> {
     static ZEL_INLINE V load(const float* p) {
         if constexpr (Cnt == 4) return _mm_loadu_ps(p);
         else if constexpr (Cnt == 3)
-            return _mm_movelh_ps(_mm_castpd_ps(load_sd(p)), _mm_load_ss(p + 2));
+            return _mm_movelh_ps(_mm_castpd_ps(load_sd(p)), _mm_set_ss(zel::load(p + 2)));
         else if constexpr (Cnt == 2) return _mm_castpd_ps(load_sd(p));
-        else return _mm_load_ss(p);
+        else return _mm_set_ss(zel::load(p));
     }
     template <int Cnt = 4>
     static ZEL_INLINE void store(float* p, V v) {
         if constexpr (Cnt == 4) _mm_storeu_ps(p, v);
         else if constexpr (Cnt == 3) {
             store_sd(p, _mm_castps_pd(v));
-            _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
+            zel::store(p + 2, _mm_cvtss_f32(_mm_movehl_ps(v, v)));
         } else if constexpr (Cnt == 2) store_sd(p, _mm_castps_pd(v));
-        else _mm_store_ss(p, v);
+        else zel::store(p, _mm_cvtss_f32(v));
     }
     static ZEL_INLINE V load_aligned(const float* p) { return _mm_load_ps(p); }
     static ZEL_INLINE void store_aligned(float* p, V v) { _mm_store_ps(p, v); }
