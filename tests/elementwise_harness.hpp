@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -50,166 +51,121 @@ inline std::vector<Letter> letters_of(const std::string& sig) {
     return out;
 }
 
-// One call of one export, laid out, run and checked.
+// One call of one export, laid out (fh::Laid), run and checked. A constant
+// array lies in the list form behind a scrambled (with L.repeat repeating)
+// table with a shift, else at stride0 over its elements; L.in_place makes
+// the destination the first source read as stored with as many objects as
+// the result.
 template <class T>
 class Case {
 public:
     Case(const reg::ExportRow& row, int w_or_len, int h, int count, const Layout& L, unsigned seed = 1)
-        : row_(row), rng_(seed), op_(row.op[0]), form_(row.form[0]), letters_(letters_of(row.sig)) {
+        : name_(row.name), op_(row.op[0]), letters_(letters_of(row.sig)), rng_(seed) {
         bool any_arr = false, matrix = false;
         int nsrc = 0;
-        for (auto l : letters_) {
-            any_arr |= l.array;
-            matrix |= l.kind == 'm' || l.kind == 't';
-            nsrc += l.kind != 'c';
-        }
-        W_ = w_or_len, H_ = matrix ? h : 1, count_ = any_arr ? count : 1;
-        args.nums["width"] = args.nums["len"] = W_;
-        args.nums["height"] = H_;
-        args.nums["count"] = count_;
-        auto make = [&](char kind, bool array, int rows, int cols, bool dst) {
-            auto o = std::make_shared<lay::Operand<T>>();
-            o->kind = kind, o->array = array, o->rows = rows, o->cols = cols, o->objs = array ? count_ : 1;
-            lay::build(*o, form_, L, dst, rng_);
-            return o;
-        };
+        for (auto l : letters_) any_arr |= l.array, matrix |= l.kind == 'm' || l.kind == 't', nsrc += l.kind != 'c';
+        W_ = w_or_len, H_ = matrix ? h : 1;
+        fh::Shapes shapes{{"Dst", {H_, W_}}};
+        std::map<std::string, std::string> alias;
         for (std::size_t i = 0; i < letters_.size(); ++i) {
             const Letter l = letters_[i];
-            if (l.kind == 'c') {
-                cidx_ = int(i);
-                continue;
-            }
-            const bool t = l.kind == 't';
-            srcs_.push_back(make(l.kind, l.array, t ? W_ : H_, t ? H_ : W_, false));
-            auto& o = *srcs_.back();
-            for (int n = 0; n < o.objs; ++n)
-                for (int r = 0; r < o.rows; ++r)
-                    for (int c = 0; c < o.cols; ++c) *o.at(n, r, c) = lay::random_value<T>(rng_);
-            bind(o, nsrc == 1 ? "Src" : "Src" + std::to_string(srcs_.size()));
-            // in place: the first source read as stored with as many objects as the result
-            if (L.in_place && !dst_ && !t && (l.array || !any_arr)) dst_ = srcs_.back();
+            groups_.push_back(l.kind == 'c' ? "" : nsrc == 1 ? "Src" : "Src" + std::to_string(i + 1));
+            if (l.kind == 'c') cidx_ = int(i);
+            else shapes[groups_[i]] = l.kind == 't' ? std::pair{W_, H_} : std::pair{H_, W_};
+            if (L.in_place && alias.empty() && (l.kind == 'm' || l.kind == 'v') && (l.array || !any_arr))
+                alias["Dst"] = groups_[i];
         }
-        if (!dst_) dst_ = make(matrix ? 'm' : 'v', any_arr, H_, W_, true);
-        bind(*dst_, "Dst");
+        l_ = std::make_unique<fh::Laid<T>>(row, count, shapes, fh::Blocks{}, L, seed, alias);
+        for (const auto& g : groups_)
+            if (!g.empty()) l_->fill(g, [&](int, int, int) { return lay::random_value<T>(rng_); });
+        l_->num("width", W_);
+        l_->num("len", W_);
+        l_->num("height", H_);
         if (cidx_ < 0) return;
         if (!letters_[cidx_].array) {
             val_ = lay::random_value<T>(rng_);
-            args.reals["val"] = double(val_);
+            l_->real("val", double(val_));
             return;
         }
-        // a constant array: in the list form a scrambled (and with L.repeat
-        // repeating) table with a shift, else stride0 over the elements
-        const int sz = int(sizeof(T)), slot = form_ == 'L' ? L.shift + 2 : L.k2 + (L.pad0 ? 1 : 0);
-        cmem_.assign(std::size_t(slot) * count_ + 2, lay::sentinel<T>());
-        if (form_ == 'L') {
-            std::vector<int> perm(count_);
-            for (int n = 0; n < count_; ++n) perm[n] = n;
+        const int n = l_->count(), sz = int(sizeof(T)), slot = row.form[0] == 'L' ? L.shift + 2 : L.k2 + (L.pad0 ? 1 : 0);
+        cmem_.assign(std::size_t(slot) * n + 2, lay::sentinel<T>());
+        if (row.form[0] == 'L') {
+            std::vector<int> perm(n);
+            for (int k = 0; k < n; ++k) perm[k] = k;
             std::shuffle(perm.begin(), perm.end(), rng_);
-            for (int n = 0; n < count_; ++n) ctab_.push_back(cmem_.data() + std::size_t(perm[n]) * slot);
-            if (L.repeat && count_ >= 2) ctab_[count_ - 1] = ctab_[0];
-            val_shift_ = L.shift * sz;
-            args.ptrs["ppVal"] = ctab_.data();
-            args.nums["valShift"] = val_shift_;
+            for (int k = 0; k < n; ++k) ctab_.push_back(cmem_.data() + std::size_t(perm[k]) * slot);
+            if (L.repeat && n >= 2) ctab_[n - 1] = ctab_[0];
+            for (T* t : ctab_) cvals_.push_back(t + L.shift);
+            l_->args.ptrs["ppVal"] = ctab_.data();
+            l_->num("valShift", L.shift * sz);
         } else {
-            val_stride0_ = slot * sz;
-            args.ptrs["pVal"] = cmem_.data();
-            args.nums["valStride0"] = val_stride0_;
+            for (int k = 0; k < n; ++k) cvals_.push_back(cmem_.data() + std::size_t(k) * slot);
+            l_->args.ptrs["pVal"] = cmem_.data();
+            l_->num("valStride0", slot * sz);
         }
-        for (int n = 0; n < count_; ++n) *const_at(n) = lay::random_value<T>(rng_);
-    }
-
-    T* const_at(int n) {
-        char* p = form_ == 'L' ? reinterpret_cast<char*>(ctab_[n]) + val_shift_
-                               : reinterpret_cast<char*>(cmem_.data()) + std::ptrdiff_t(n) * val_stride0_;
-        return reinterpret_cast<T*>(p);
+        for (T* v : cvals_) *v = lay::random_value<T>(rng_);
     }
 
     // The destination memory a correct call leaves: what was there, with the
     // results written where the form puts them.
     std::vector<T> expected() {
-        std::vector<std::vector<T>> before;
-        for (auto& s : srcs_) before.push_back(s->mem);
-        std::vector<T> out = dst_->mem;
-        for (int n = 0; n < count_; ++n)
+        std::vector<T> out = l_->memory("Dst");
+        for (int n = 0; n < l_->count(); ++n)
             for (int i = 0; i < H_; ++i)
                 for (int j = 0; j < W_; ++j) {
                     T v[2];
-                    for (std::size_t li = 0, si = 0; li < letters_.size(); ++li) {
-                        const Letter l = letters_[li];
-                        if (l.kind == 'c') {
-                            v[li] = l.array ? *const_at(n) : val_;
-                            continue;
-                        }
-                        auto& o = *srcs_[si];
-                        v[li] = before[si++][o.offset(n, l.kind == 't' ? j : l.kind == 'v' ? 0 : i,
-                                                      l.kind == 't' ? i : j)];
+                    for (std::size_t k = 0; k < 2; ++k) {
+                        const char kind = letters_[k].kind;
+                        v[k] = kind == 'c' ? (cvals_.empty() ? val_ : *cvals_[n])
+                                           : l_->at(groups_[k], n, kind == 't' ? j : kind == 'v' ? 0 : i,
+                                                    kind == 't' ? i : j);
                     }
-                    out[dst_->offset(n, i, j)] = op_ == 'A' ? v[0] + v[1] : op_ == 'S' ? v[0] - v[1] : v[0] * v[1];
+                    out[&l_->at("Dst", n, i, j) - l_->memory("Dst").data()] =
+                        op_ == 'A' ? v[0] + v[1] : op_ == 'S' ? v[0] - v[1] : v[0] * v[1];
                 }
         return out;
     }
 
-    zelStatus call() { return reg::caller_of(row_.name)(args); }
+    zelStatus call() { return l_->call(); }
 
     // Runs the call and checks status and memory, the sources and constants
     // unchanged; false (with a gtest failure) on the first difference.
     bool run_and_check(const std::string& what) {
         const std::vector<T> want = expected(), c_before = cmem_;
-        std::vector<std::vector<T>> src_before;
-        for (auto& s : srcs_) src_before.push_back(s->mem);
+        std::vector<std::vector<T>> before;
+        for (const auto& g : groups_) before.push_back(g.empty() ? c_before : l_->memory(g));
         const zelStatus st = call();
-        EXPECT_EQ(st, zelStsOk) << row_.name << " " << what;
+        EXPECT_EQ(st, zelStsOk) << name_ << " " << what;
         if (st != zelStsOk) return false;
-        auto same = [](const std::vector<T>& a, const std::vector<T>& b) {
-            return std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
-        };
-        if (!same(want, dst_->mem)) {
+        auto differs = [&](const std::vector<T>& a, const std::vector<T>& b, const std::string& name) {
+            if (std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0) return false;
             std::size_t k = 0;
-            while (std::memcmp(&want[k], &dst_->mem[k], sizeof(T)) == 0) ++k;
-            ADD_FAILURE() << row_.name << " " << what << ": destination element " << k << " is " << dst_->mem[k]
-                          << ", expected " << want[k];
-            return false;
-        }
-        for (std::size_t s = 0; s < srcs_.size(); ++s)
-            if (srcs_[s] != dst_ && !same(src_before[s], srcs_[s]->mem)) {
-                ADD_FAILURE() << row_.name << " " << what << ": source " << s << " changed";
+            while (std::memcmp(&a[k], &b[k], sizeof(T)) == 0) ++k;
+            ADD_FAILURE() << name_ << " " << what << ": " << name << " element " << k << " is " << b[k] << ", expected " << a[k];
+            return true;
+        };
+        if (differs(want, l_->memory("Dst"), "destination")) return false;
+        for (std::size_t k = 0; k < groups_.size(); ++k)
+            if (groups_[k].empty() ? differs(before[k], cmem_, "constant array")
+                                   : &l_->memory(groups_[k]) != &l_->memory("Dst") &&
+                                         differs(before[k], l_->memory(groups_[k]), groups_[k]))
                 return false;
-            }
-        if (!same(c_before, cmem_)) {
-            ADD_FAILURE() << row_.name << " " << what << ": constant array changed";
-            return false;
-        }
         return true;
     }
 
-    const std::vector<T>& dst_mem() const { return dst_->mem; }
-
-    reg::Args args;
+    const std::vector<T>& dst_mem() const { return l_->memory("Dst"); }
 
 private:
-    void bind(lay::Operand<T>& o, const std::string& X) {
-        std::string x = X;
-        x[0] = char(std::tolower(x[0]));
-        args.ptrs[o.form == 'S' ? "p" + X : "pp" + X] = o.form == 'S' ? (void*)o.base : (void*)o.tab.data();
-        args.nums[x + "Shift"] = o.shift;
-        args.nums[x + "Stride0"] = o.s0;
-        args.nums[x + "Stride1"] = o.s1;
-        args.nums[x + "Stride2"] = o.s2;
-    }
-
-    const reg::ExportRow& row_;
-    std::mt19937 rng_;
+    std::string name_;
     char op_;  // A(dd), S(ub), M(ul)
-    char form_;
     std::vector<Letter> letters_;
-    int W_ = 1, H_ = 1, count_ = 1;
-    std::vector<std::shared_ptr<lay::Operand<T>>> srcs_;
-    std::shared_ptr<lay::Operand<T>> dst_;
-    int cidx_ = -1;
+    std::mt19937 rng_;
+    int W_ = 1, H_ = 1, cidx_ = -1;
+    std::vector<std::string> groups_;  // by letter; "" for the constant
+    std::unique_ptr<fh::Laid<T>> l_;
     T val_{};
     std::vector<T> cmem_;
-    std::vector<T*> ctab_;
-    int val_stride0_ = 0, val_shift_ = 0;
+    std::vector<T*> ctab_, cvals_;
 };
 
 }  // namespace ewt

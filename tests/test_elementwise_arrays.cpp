@@ -4,9 +4,9 @@
 // long enough for the unrolled runs; the documented examples.
 #include <gtest/gtest.h>
 
-#include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -109,40 +109,32 @@ TEST(ElementwiseExamples, OverlappingRowsReadAHankelPattern) {
         for (int j = 0; j < 3; ++j) EXPECT_EQ(dst[i * 3 + j], src[i + j]);
 }
 
-// Non-finite values and a constant of -0.0 as they stand on every path, the
-// long runs included: inf * 0 is NaN, max + max inf, 1 * -0 and -0 + -0 -0.
+// Non-finite values and -0.0 on every path of the contiguous vector kernels,
+// the long runs included, against the operation in plain C++ (NaN as NaN,
+// zeros with their sign): inf * 0, max + max, 1 * -0, -0 + -0, -2 * inf.
 template <class T>
 void non_finite() {
-    constexpr bool f = sizeof(T) == 4;
-    constexpr int E = sizeof(T);
-    const T inf = INFINITY, big = f ? T(FLT_MAX) : T(DBL_MAX);
-    auto mul_vc = [](const T* s, T v, T* d, int n) {
-        if constexpr (f) return zelmMul_vc_32f(s, E, v, d, E, n);
-        else return zelmMul_vc_64f(s, E, v, d, E, n);
+    const T inf = INFINITY, big = std::numeric_limits<T>::max(), nz = T(-0.0);
+    const std::string ty = sizeof(T) == 4 ? "_32f" : "_64f";
+    struct Op {
+        const char* name;  // vv: x + x
+        T x, c;
     };
-    auto add_vc = [](const T* s, T v, T* d, int n) {
-        if constexpr (f) return zelmAdd_vc_32f(s, E, v, d, E, n);
-        else return zelmAdd_vc_64f(s, E, v, d, E, n);
-    };
-    auto add_vv = [](const T* s, T* d, int n) {
-        if constexpr (f) return zelmAdd_vv_32f(s, E, s, E, d, E, n);
-        else return zelmAdd_vv_64f(s, E, s, E, d, E, n);
-    };
-    for (int len : {1, 3, 4, 9, 16, 17, 40, 65, 301}) {
-        std::vector<T> zero(len, T(0)), one(len, T(1)), nz(len, T(-0.0)), bigs(len, big), d(len, T(5));
-        ASSERT_EQ(mul_vc(zero.data(), inf, d.data(), len), zelStsOk);
-        for (T x : d) EXPECT_TRUE(std::isnan(x)) << len;
-        ASSERT_EQ(add_vv(bigs.data(), d.data(), len), zelStsOk);
-        for (T x : d) EXPECT_EQ(x, inf) << len;
-        ASSERT_EQ(mul_vc(one.data(), T(-0.0), d.data(), len), zelStsOk);
-        for (T x : d) EXPECT_TRUE(x == 0 && std::signbit(x)) << len;
-        ASSERT_EQ(add_vc(nz.data(), T(-0.0), d.data(), len), zelStsOk);
-        for (T x : d) EXPECT_TRUE(x == 0 && std::signbit(x)) << len;
-    }
-    const T src[3] = {0, 1, -2};
-    T d[3];
-    ASSERT_EQ(mul_vc(src, inf, d, 3), zelStsOk);
-    EXPECT_TRUE(std::isnan(d[0]) && d[1] == inf && d[2] == -inf);
+    for (const Op& op : {Op{"Mul_vc", 0, inf}, Op{"Add_vv", big, big}, Op{"Mul_vc", 1, nz}, Op{"Add_vc", nz, nz},
+                         Op{"Mul_vc", -2, inf}})
+        for (int len : {1, 3, 4, 9, 16, 17, 40, 65, 301}) {
+            std::vector<T> x(len, op.x), d(len, T(5));
+            reg::Args a;
+            a.ptrs = {{"pSrc", x.data()}, {"pSrc1", x.data()}, {"pSrc2", x.data()}, {"pDst", d.data()}};
+            const int e = int(sizeof(T));
+            a.nums = {{"srcStride2", e}, {"src1Stride2", e}, {"src2Stride2", e}, {"dstStride2", e}, {"len", len}};
+            a.reals["val"] = double(op.c);
+            ASSERT_EQ(reg::caller_of("zelm" + std::string(op.name) + ty)(a), zelStsOk);
+            const T want = op.name[0] == 'M' ? op.x * op.c : op.x + op.c;
+            for (T v : d)
+                ASSERT_TRUE(std::isnan(want) ? std::isnan(v) : std::memcmp(&v, &want, sizeof(T)) == 0)
+                    << op.name << ty << " " << op.x << " " << op.c << " len " << len << ": " << v;
+        }
 }
 TEST(ElementwiseExamples, NonFiniteValuesAndNegativeZeroConstants) {
     non_finite<float>();

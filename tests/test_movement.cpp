@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "forms_harness.hpp"
 #include "registry_table.hpp"
 #include "substitutes.hpp"
 #include "zelm.h"
@@ -102,10 +103,10 @@ std::string first_difference(const Bytes& got, const Bytes& want, int esz) {
     return "";
 }
 
-// One call of export `row` with sizes W x H (len W for vectors), N objects and
-// layout `style`; "" when every byte is as the reference loop says and the
-// source is unchanged.
-std::string run_case(const reg::ExportRow& row, int W, int H, int N, int style, std::mt19937& rng) {
+// One call of export `row` with sizes W x H (len W for vectors), N objects,
+// the source in layout `style`, the destination in `dstyle`; "" when every
+// byte is as the reference loop says and the source is unchanged.
+std::string run_case(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
     const std::string op = row.op, sig = row.sig, form = row.form;
     const int esz = std::string(row.type) == "64f" ? 8 : 4;
     const bool trans = op == "Transpose", extract = op == "Extract", ident = op == "LoadIdentity";
@@ -120,7 +121,7 @@ std::string run_case(const reg::ExportRow& row, int W, int H, int N, int style, 
     // Extract's destination is one packed block
     const char dform = extract ? 'S' : op == "Copy" ? form[1] : form[0];
     Operand s(form[0], src_t ? W : H, src_t ? H : W, N, esz, style, rng);
-    Operand d(dform, trans ? W : H, trans ? H : W, N, esz, extract ? 0 : (style + 1) % 4, rng);
+    Operand d(dform, trans ? W : H, trans ? H : W, N, esz, extract ? 0 : dstyle, rng);
     if (!ident) s.bind(a, "Src");
     d.bind(a, "Dst");
     const Bytes src_before = s.mem;
@@ -154,7 +155,7 @@ TEST(Movement, EveryExportMatchesItsReferenceLoopBitForBit) {
             for (int H = 1; H <= (sig[0] == 'v' ? 1 : 7); ++H)
                 for (int N : sig.back() == 'a' ? std::vector<int>{1, 2, 5, 9} : std::vector<int>{1})
                     for (int style = 0; style < 4; ++style) {
-                        const std::string err = run_case(row, W, H, N, style, rng);
+                        const std::string err = run_case(row, W, H, N, style, (style + 1) % 4, rng);
                         if (!err.empty() && ++failures <= 20)
                             ADD_FAILURE() << row.name << " width/len " << W << " height " << H << " count " << N
                                           << " style " << style << ": " << err;
@@ -173,32 +174,27 @@ TEST(Copy, OverlappingOperandsGetTheForwardOrder) {
             for (int H : {1, 3})
                 for (int N : {1, 2})
                     for (int step : {1, 2})
-                        for (std::ptrdiff_t off : {-20, -8, -2, 0, 2, 4, 8, 12, 64}) {
-                            const int s2s = esz, s1s = W * s2s, s0s = H * s1s;
-                            const int s2d = step * esz, s1d = W * s2d, s0d = H * s1d;
-                            const std::ptrdiff_t base = 256;
-                            Bytes buf(std::size_t(base) * 2 + std::size_t(N) * (s0s + s0d) + 512);
+                        for (int off : {-20, -8, -2, 0, 2, 4, 8, 12, 64}) {
+                            const int s2 = esz, s1 = W * s2, s0 = H * s1, d2 = step * esz, d1 = W * d2, d0 = H * d1;
+                            Bytes buf(1024 + std::size_t(N) * (s0 + d0));
                             fill_random(buf, rng);
                             Bytes want = buf;
                             for (int n = 0; n < N; ++n)
                                 for (int i = 0; i < H; ++i)
                                     for (int j = 0; j < W; ++j)
-                                        std::memmove(&want[base + off + n * s0d + i * s1d + j * s2d],
-                                                     &want[base + n * s0s + i * s1s + j * s2s], esz);
-                            unsigned char *src = buf.data() + base, *dst = src + off;
-                            using F = const float*;
-                            using D = const double*;
-                            const zelStatus st =
-                                esz == 4 ? (H == 1 ? zelmCopy_va_32f_SS(F(src), s0s, s2s, (float*)dst, s0d, s2d, W, N)
-                                                   : zelmCopy_ma_32f_SS(F(src), s0s, s1s, s2s, (float*)dst, s0d, s1d,
-                                                                        s2d, W, H, N))
-                                         : (H == 1 ? zelmCopy_va_64f_SS(D(src), s0s, s2s, (double*)dst, s0d, s2d, W, N)
-                                                   : zelmCopy_ma_64f_SS(D(src), s0s, s1s, s2s, (double*)dst, s0d, s1d,
-                                                                        s2d, W, H, N));
-                            ASSERT_EQ(st, zelStsOk);
-                            ASSERT_EQ(first_difference(buf, want, esz), "") << "esz " << esz << " W " << W << " H "
-                                                                            << H << " N " << N << " dst step "
-                                                                            << step << " offset " << off;
+                                        std::memmove(&want[256 + off + n * d0 + i * d1 + j * d2],
+                                                     &want[256 + n * s0 + i * s1 + j * s2], esz);
+                            reg::Args a;
+                            a.ptrs = {{"pSrc", buf.data() + 256}, {"pDst", buf.data() + 256 + off}};
+                            a.nums = {{"srcStride0", s0}, {"srcStride1", s1}, {"srcStride2", s2}, {"dstStride0", d0},
+                                      {"dstStride1", d1}, {"dstStride2", d2}, {"width", W},       {"len", W},
+                                      {"height", H},      {"count", N}};
+                            const std::string name = std::string("zelmCopy_") + (H == 1 ? "va" : "ma") +
+                                                     (esz == 4 ? "_32f_SS" : "_64f_SS");
+                            ASSERT_EQ(reg::caller_of(name)(a), zelStsOk);
+                            ASSERT_EQ(first_difference(buf, want, esz), "")
+                                << name << " W " << W << " H " << H << " N " << N << " dst step " << step
+                                << " offset " << off;
                         }
 }
 
@@ -248,96 +244,43 @@ TEST(LoadIdentity, RepeatedObjectsAndAddressesEndAsTheRowOrderLeavesThem) {
 }
 
 // ---------------------------------------------------------------------------
-// Transpose: the banded paths, the cache questions and their answers.
-
-struct TransposeRun {
-    zelStatus status;
-    Bytes dst;
-    int queries;
-};
-
-// Transposes N random objects of H rows by W (destination W rows of H) with
-// unit steps and padded rows, in form 'S' (single if !array) or 'L', with the
-// cache size forced to `cache`; checks the result against the reference.
-TransposeRun transpose_32f(int W, int H, int N, bool array, char form, int cache) {
-    std::mt19937 rng(99);
-    Operand s(form, H, W, N, 4, 1, rng), d(form, W, H, N, 4, 1, rng);
-    Bytes want = d.mem;
-    for (int n = 0; n < N; ++n)
-        for (int i = 0; i < H; ++i)
-            for (int j = 0; j < W; ++j) std::memcpy(&want[d.offset(n, j, i)], s.addr(n, i, j), 4);
-    TransposeRun r{};
-    {
-        subst::Scope scope(0, cache);
-        auto sb = (const float*)s.base();
-        auto db = (float*)d.base();
-        if (!array) r.status = zelmTranspose_m_32f(sb, s.s1, s.s2, W, H, db, d.s1, d.s2);
-        else if (form == 'S')
-            r.status = zelmTranspose_ma_32f(sb, s.s0, s.s1, s.s2, W, H, db, d.s0, d.s1, d.s2, N);
-        else
-            r.status = zelmTranspose_ma_32f_L((const float* const*)s.table.data(), s.shift, s.s1, s.s2, W, H,
-                                              (float* const*)d.table.data(), d.shift, d.s1, d.s2, N);
-        r.queries = subst::cache_queries;
-    }
-    EXPECT_EQ(r.status, zelStsOk);
-    EXPECT_EQ(first_difference(d.mem, want, 4), "") << W << "x" << H << " count " << N << " cache " << cache;
-    r.dst = std::move(d.mem);
-    return r;
-}
-
-// Every case under an unknown cache, one so small that every large matrix
-// streams, and a large one; `queries` the cache questions (-1: any number).
+// Transpose: the banded paths give the reference under an unknown cache, one
+// so small that every large matrix streams, and a large one; the cache size
+// is asked for exactly when it matters (`queries`, -1: not counted).
 TEST(Transpose, BandedPathsAndTheCacheQuestions) {
     struct Case {
-        int W, H, N;
-        bool array;
-        char form;
-        int cache, queries;
+        const char* name;
+        int W, H, N, style, cache, queries;
     };
     const int any = -1, big = 1 << 30;
+    const char *m = "zelmTranspose_m_32f", *ma = "zelmTranspose_ma_32f", *maL = "zelmTranspose_ma_32f_L";
     const Case cases[] = {
-        {8, 8, 1, false, 'S', any, any}, {16, 70, 1, false, 'S', any, any}, {70, 16, 1, false, 'S', any, any},
-        {131, 129, 1, false, 'S', any, any}, {256, 140, 1, false, 'S', any, any}, {129, 200, 1, false, 'S', any, any},
-        {10, 10, 400, true, 'S', any, any}, {33, 7, 200, true, 'L', any, any}, {160, 130, 2, true, 'S', any, any},
-        {131, 129, 2, true, 'L', any, any}, {2, 2, 5000, true, 'S', any, any},
+        {m, 8, 8, 1, 1, any, any},       {m, 16, 70, 1, 1, any, any},     {m, 70, 16, 1, 1, any, any},
+        {m, 131, 129, 1, 1, any, any},   {m, 256, 140, 1, 1, any, any},   {m, 129, 200, 1, 1, any, any},
+        {ma, 10, 10, 400, 1, any, any},  {maL, 33, 7, 200, 1, any, any},  {ma, 160, 130, 2, 1, any, any},
+        {maL, 131, 129, 2, 1, any, any}, {ma, 2, 2, 5000, 1, any, any},
         // single matrices ask when the smaller side exceeds 128
-        {129, 4096, 1, false, 'S', 0, 1}, {4096, 129, 1, false, 'S', big, 1},
-        {128, 4096, 1, false, 'S', 0, 0}, {4096, 128, 1, false, 'S', 0, 0},
+        {m, 129, 4096, 1, 1, 0, 1}, {m, 4096, 129, 1, 1, big, 1}, {m, 128, 4096, 1, 1, 0, 0}, {m, 4096, 128, 1, 1, 0, 0},
         // arrays once when the traffic 8*W*H*count exceeds 131072 ...
-        {7, 7, 1000, true, 'S', big, 1}, {7, 7, 1000, true, 'L', 0, 1},
-        {8, 8, 256, true, 'S', 0, 0}, {8, 8, 257, true, 'S', 0, 1},
+        {ma, 7, 7, 1000, 1, big, 1}, {maL, 7, 7, 1000, 1, 0, 1}, {ma, 8, 8, 256, 1, 0, 0}, {ma, 8, 8, 257, 1, 0, 1},
         // ... never for the square orders 3 to 6
-        {5, 5, 1000, true, 'S', 0, 0}, {6, 6, 4000, true, 'L', 0, 0},
+        {ma, 5, 5, 1000, 1, 0, 0}, {maL, 6, 6, 4000, 1, 0, 0},
         // and again per object without the stream decision if a side exceeds 128
-        {200, 200, 2, true, 'S', big, 3}, {200, 200, 2, true, 'S', 0, 3}, {200, 200, 2, true, 'S', 4096, 1},
+        {ma, 200, 200, 2, 1, big, 3}, {ma, 200, 200, 2, 1, 0, 3}, {ma, 200, 200, 2, 1, 4096, 1},
+        // no cache decision: the strided kernel, the pointer form, 64f
+        {ma, 7, 7, 1000, 2, big, 0}, {"zelmTranspose_ma_32f_P", 7, 7, 1000, 1, big, 0},
+        {"zelmTranspose_ma_64f", 7, 7, 1000, 1, big, 0}, {"zelmTranspose_m_64f", 300, 300, 1, 1, big, 0},
     };
-    for (const auto& c : cases) {
-        Bytes first;
+    std::mt19937 rng(99);
+    for (const auto& c : cases)
         for (int cache : c.cache == any ? std::vector<int>{0, 4096, big} : std::vector<int>{c.cache}) {
-            const auto r = transpose_32f(c.W, c.H, c.N, c.array, c.form, cache);
-            if (first.empty()) first = r.dst;
-            EXPECT_TRUE(r.dst == first) << c.W << "x" << c.H << " cache " << cache;
-            if (c.queries != any)
-                EXPECT_EQ(r.queries, c.queries) << c.W << "x" << c.H << " count " << c.N << " form " << c.form
-                                                << " cache " << cache;
+            subst::Scope scope(0, cache);
+            EXPECT_EQ(run_case(fh::row_named(c.name), c.W, c.H, c.N, c.style, c.style, rng), "")
+                << c.name << " " << c.W << "x" << c.H << " count " << c.N << " cache " << cache;
+            if (c.queries != any) {
+                EXPECT_EQ(subst::cache_queries, c.queries) << c.name << " " << c.W << "x" << c.H << " count " << c.N;
+            }
         }
-    }
-}
-
-// The strided kernel, the pointer form and 64f have no cache decision.
-TEST(Transpose, PathsWithoutTheCacheDecisionNeverAsk) {
-    std::vector<float> s(7 * 7 * 1000 * 2), d(s.size());
-    std::vector<double> sd(s.size()), dd(s.size());
-    std::vector<const float*> st(49);
-    std::vector<float*> dt(49);
-    for (int k = 0; k < 49; ++k) st[k] = s.data() + k * 1000, dt[k] = d.data() + k * 1000;
-    subst::Scope scope(0, 0);
-    EXPECT_EQ(zelmTranspose_ma_32f(s.data(), 392, 56, 8, 7, 7, d.data(), 392, 56, 8, 1000), zelStsOk);
-    EXPECT_EQ(zelmTranspose_ma_32f_P(st.data(), 0, 4, 7, 7, dt.data(), 0, 4, 1000), zelStsOk);
-    EXPECT_EQ(zelmTranspose_ma_64f(sd.data(), 392, 56, 8, 7, 7, dd.data(), 392, 56, 8, 1000), zelStsOk);
-    std::vector<double> big(300 * 300), bigt(big.size());
-    EXPECT_EQ(zelmTranspose_m_64f(big.data(), 2400, 8, 300, 300, bigt.data(), 2400, 8), zelStsOk);
-    EXPECT_EQ(subst::cache_queries, 0);
 }
 
 }  // namespace
