@@ -5,10 +5,10 @@
 // terms of -0.0; the thresholds of the parallel wrapper.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -274,47 +274,35 @@ TEST(Products, SecondSourceAtEveryAlignment) {
 
 // ---------------------------------------------------------------------------
 // The parallel wrapper: the last count that runs directly asks for no thread
-// count, the first above its limit does.
+// count, the first above the limit does, and its objects on 4 threads still
+// get the reference's bits.
 TEST(ProductThresholds, AtTheirBoundaries) {
-    static std::vector<float> F(1 << 20);
-    static std::vector<double> Dd(1 << 19);
-    static std::vector<const float*> tf(1 << 16, F.data());
-    static std::vector<float*> tfd(1 << 16, F.data() + (1 << 19));
-    float *f = F.data(), *fd = F.data() + (1 << 19);
-    double *g = Dd.data(), *gd = Dd.data() + (1 << 18);
     struct Boundary {
-        const char* what;
-        std::function<zelStatus(int)> call;  // by count
-        int direct;                          // the last direct count
+        const char* name;
+        Shape sh;
+        int step, direct;  // the last direct count
     };
-    const std::vector<Boundary> cases = {
-        // 3x3: 9 + 18 count against 36864 (contiguous), 18432 (dstStride2 8), 9216 (P)
-        {"mam_32f", [&](int c) { return zelmMul_mam_32f(f, 36, 12, 4, 3, 3, f, 12, 4, 3, 3, fd, 36, 12, 4, c); }, 2047},
-        {"mam_32f S2", [&](int c) { return zelmMul_mam_32f(f, 36, 12, 4, 3, 3, f, 12, 4, 3, 3, fd, 72, 24, 8, c); }, 1023},
-        {"mam_32f_L", [&](int c) { return zelmMul_mam_32f_L(tf.data(), 0, 12, 4, 3, 3, f, 12, 4, 3, 3, tfd.data(), 0, 12, 4, c); }, 1023},
-        {"mam_32f_P", [&](int c) { return zelmMul_mam_32f_P(tf.data(), 0, 4, 3, 3, tf.data(), 0, 3, 3, tfd.data(), 0, 4, c); }, 511},
+    const Boundary cases[] = {
+        // 3x3: 9 + 18 count against 36864 (contiguous), 18432 (strided, list), 9216 (pointer form)
+        {"zelmMul_mam_32f", {3, 3, 3}, 1, 2047},
+        {"zelmMul_mam_32f", {3, 3, 3}, 2, 1023},
+        {"zelmMul_mam_32f_L", {3, 3, 3}, 1, 1023},
+        {"zelmMul_mam_32f_P", {3, 3, 3}, 1, 511},
         // Gaxpy mva 4 wide, 3 high: (4 + 6) count against 5000, reached exactly
-        {"Gaxpy mva_32f", [&](int c) { return zelmGaxpy_mva_32f(f, 16, 4, 4, 3, f, 16, 4, 4, f, 16, 4, 3, fd, 16, 4, c); }, 500},
+        {"zelmGaxpy_mva_32f", {3, 4, 1}, 1, 500},
         // Gaxpy mvav_64f order 4: 4 count + 4 (count + 1)
-        {"Gaxpy mvav_64f", [&](int c) { return zelmGaxpy_mvav_64f(g, 32, 8, 4, 4, g, 32, 8, 4, g, 8, 4, gd, 32, 8, c); }, 624},
+        {"zelmGaxpy_mvav_64f", {4, 4, 1}, 1, 624},
     };
-    for (const auto& b : cases)
+    const auto exports = product_exports();
+    for (const auto& b : cases) {
+        const auto e = std::find_if(exports.begin(), exports.end(), [&](const Export& x) { return x.row->name == std::string(b.name); });
+        ASSERT_NE(e, exports.end()) << b.name;
         for (int count : {b.direct, b.direct + 1}) {
             subst::Scope s(4);
-            ASSERT_EQ(b.call(count), zelStsOk) << b.what;
-            EXPECT_EQ(subst::thread_queries.load() > 0, count > b.direct) << b.what << " count " << count;
+            ASSERT_TRUE((Call{b.sh, count, b.step})(*e));
+            EXPECT_EQ(subst::thread_queries.load() > 0, count > b.direct) << b.name << " count " << count;
         }
-}
-
-// Many objects on 4 threads, each still the reference's bits.
-TEST(ProductThresholds, ThreadsGiveTheReferenceBits) {
-    for (const auto& e : product_exports())
-        if (e.array && (e.sig == "mama" || e.sig == "mvav" || e.sig == "mava")) {
-            subst::Scope s(4);
-            for (Shape sh : {Shape{3, 3, e.vec ? 1 : 3}, Shape{7, 7, e.vec ? 1 : 7}})
-                ASSERT_TRUE((Call{sh, 3001, 1, 0, false, false, 5})(e));
-            EXPECT_GT(subst::thread_queries.load(), 0) << e.row->name;
-        }
+    }
 }
 
 }  // namespace
