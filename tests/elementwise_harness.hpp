@@ -51,19 +51,28 @@ inline std::vector<Letter> letters_of(const std::string& sig) {
     return out;
 }
 
+// The source the destination can be (-1: none): the first read as stored (m
+// or v) with as many objects as the result.
+inline int in_place_source(const std::vector<Letter>& ls) {
+    bool any_arr = false;
+    for (auto l : ls) any_arr |= l.array;
+    for (std::size_t i = 0; i < ls.size(); ++i)
+        if ((ls[i].kind == 'm' || ls[i].kind == 'v') && (ls[i].array || !any_arr)) return int(i);
+    return -1;
+}
+
 // One call of one export, laid out (fh::Laid), run and checked. A constant
 // array lies in the list form behind a scrambled (with L.repeat repeating)
 // table with a shift, else at stride0 over its elements; L.in_place makes
-// the destination the first source read as stored with as many objects as
-// the result.
+// the destination in_place_source().
 template <class T>
 class Case {
 public:
     Case(const reg::ExportRow& row, int w_or_len, int h, int count, const Layout& L, unsigned seed = 1)
         : name_(row.name), op_(row.op[0]), letters_(letters_of(row.sig)), rng_(seed) {
-        bool any_arr = false, matrix = false;
+        bool matrix = false;
         int nsrc = 0;
-        for (auto l : letters_) any_arr |= l.array, matrix |= l.kind == 'm' || l.kind == 't', nsrc += l.kind != 'c';
+        for (auto l : letters_) matrix |= l.kind == 'm' || l.kind == 't', nsrc += l.kind != 'c';
         W_ = w_or_len, H_ = matrix ? h : 1;
         fh::Shapes shapes{{"Dst", {H_, W_}}};
         std::map<std::string, std::string> alias;
@@ -72,8 +81,7 @@ public:
             groups_.push_back(l.kind == 'c' ? "" : nsrc == 1 ? "Src" : "Src" + std::to_string(i + 1));
             if (l.kind == 'c') cidx_ = int(i);
             else shapes[groups_[i]] = l.kind == 't' ? std::pair{W_, H_} : std::pair{H_, W_};
-            if (L.in_place && alias.empty() && (l.kind == 'm' || l.kind == 'v') && (l.array || !any_arr))
-                alias["Dst"] = groups_[i];
+            if (L.in_place && int(i) == in_place_source(letters_)) alias["Dst"] = groups_[i];
         }
         l_ = std::make_unique<fh::Laid<T>>(row, count, shapes, fh::Blocks{}, L, seed, alias);
         for (const auto& g : groups_)
