@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -23,28 +23,18 @@ namespace ewt {
 
 using fh::row_named;
 using fh::with_type;
-using lay::build;
 using lay::Layout;
-using lay::Operand;
-using lay::random_value;
-using lay::sentinel;
 
-inline bool is_elementwise(const reg::ExportRow& r) {
-    const std::string op = r.op, sig = r.sig;
-    if (!r.implemented || sig.empty()) return false;
-    if (sig.find_first_not_of("mtvca") != std::string::npos) return false;  // fixed-size v2...
-    if (op == "Add" || op == "Sub") return true;
-    if (op == "Mul") {
-        for (const char* s : {"mc", "tc", "vc", "mac", "tac", "vac", "vca", "vaca"})
-            if (sig == s) return true;
-    }
-    return false;
-}
-
+// Add and Sub of any grid signature, Mul by a constant.
 inline std::vector<const reg::ExportRow*> elementwise_exports() {
+    const std::string by_constant = " mc tc vc mac tac vac vca vaca ";
     std::vector<const reg::ExportRow*> out;
-    for (const auto& r : reg::exports())
-        if (is_elementwise(r)) out.push_back(&r);
+    for (const auto* r : fh::exports_of({"Add", "Sub", "Mul"})) {
+        const std::string sig = r->sig;
+        if (sig.find_first_not_of("mtvca") == std::string::npos &&  // not the fixed-size v2...
+            (std::string(r->op) != "Mul" || by_constant.find(" " + sig + " ") != std::string::npos))
+            out.push_back(r);
+    }
     return out;
 }
 
@@ -61,245 +51,129 @@ inline std::vector<Letter> letters_of(const std::string& sig) {
     return out;
 }
 
-// Whether the destination can be the same memory as a source: one read as
-// stored (m or v) that has as many objects as the result.
-inline bool has_in_place_source(const std::string& sig) {
-    const auto ls = letters_of(sig);
+// The source the destination can be (-1: none): the first read as stored (m
+// or v) with as many objects as the result.
+inline int in_place_source(const std::vector<Letter>& ls) {
     bool any_arr = false;
     for (auto l : ls) any_arr |= l.array;
-    for (auto l : ls)
-        if ((l.kind == 'm' || l.kind == 'v') && (l.array || !any_arr)) return true;
-    return false;
+    for (std::size_t i = 0; i < ls.size(); ++i)
+        if ((ls[i].kind == 'm' || ls[i].kind == 'v') && (ls[i].array || !any_arr)) return int(i);
+    return -1;
 }
 
-enum class Arith { Add, Sub, Mul };
-
-template <class T>
-T apply(Arith a, T x, T y) {
-    switch (a) {
-        case Arith::Add: return x + y;
-        case Arith::Sub: return x - y;
-        case Arith::Mul: return x * y;
-    }
-    return T();
-}
-
-// One call of one export, laid out, run and checked.
+// One call of one export, laid out (fh::Laid), run and checked. A constant
+// array lies in the list form behind a scrambled (with L.repeat repeating)
+// table with a shift, else at stride0 over its elements; L.in_place makes
+// the destination in_place_source().
 template <class T>
 class Case {
 public:
     Case(const reg::ExportRow& row, int w_or_len, int h, int count, const Layout& L, unsigned seed = 1)
-        : row_(row), rng_(seed) {
-        const std::string op = row.op;
-        arith_ = op == "Add" ? Arith::Add : op == "Sub" ? Arith::Sub : Arith::Mul;
-        form_ = row.form[0];
-        letters_ = letters_of(row.sig);
-        bool any_arr = false, matrix = false;
-        for (auto l : letters_) {
-            any_arr |= l.array;
-            matrix |= l.kind == 'm' || l.kind == 't';
-        }
-        W_ = w_or_len;
-        H_ = matrix ? h : 1;
-        count_ = any_arr ? count : 1;
+        : name_(row.name), op_(row.op[0]), letters_(letters_of(row.sig)), rng_(seed) {
+        bool matrix = false;
         int nsrc = 0;
-        for (auto l : letters_) nsrc += l.kind != 'c';
-        // sources
-        int k = 0;
+        for (auto l : letters_) matrix |= l.kind == 'm' || l.kind == 't', nsrc += l.kind != 'c';
+        W_ = w_or_len, H_ = matrix ? h : 1;
+        fh::Shapes shapes{{"Dst", {H_, W_}}};
+        std::map<std::string, std::string> alias;
         for (std::size_t i = 0; i < letters_.size(); ++i) {
             const Letter l = letters_[i];
-            if (l.kind == 'c') {
-                cidx_ = int(i);
-                continue;
-            }
-            auto o = std::make_shared<Operand<T>>();
-            o->kind = l.kind;
-            o->array = l.array;
-            o->rows = l.kind == 't' ? W_ : H_;
-            o->cols = l.kind == 't' ? H_ : W_;
-            o->objs = l.array ? count_ : 1;
-            build(*o, form_, L, false, rng_);
-            for (int n = 0; n < o->objs; ++n)
-                for (int r = 0; r < o->rows; ++r)
-                    for (int c = 0; c < o->cols; ++c) *o->at(n, r, c) = random_value<T>(rng_);
-            names_.push_back(nsrc == 1 ? "Src" : "Src" + std::to_string(++k));
-            srcs_.push_back(o);
-            src_letter_.push_back(int(i));
+            groups_.push_back(l.kind == 'c' ? "" : nsrc == 1 ? "Src" : "Src" + std::to_string(i + 1));
+            if (l.kind == 'c') cidx_ = int(i);
+            else shapes[groups_[i]] = l.kind == 't' ? std::pair{W_, H_} : std::pair{H_, W_};
+            if (L.in_place && int(i) == in_place_source(letters_)) alias["Dst"] = groups_[i];
         }
-        // destination
-        if (L.in_place) {
-            for (std::size_t s = 0; s < srcs_.size(); ++s) {
-                const Letter l = letters_[src_letter_[s]];
-                if (l.kind != 't' && (l.array || !any_arr)) {
-                    dst_ = srcs_[s];
-                    break;
-                }
-            }
+        l_ = std::make_unique<fh::Laid<T>>(row, count, shapes, fh::Blocks{}, L, seed, alias);
+        for (const auto& g : groups_)
+            if (!g.empty()) l_->fill(g, [&](int, int, int) { return lay::random_value<T>(rng_); });
+        l_->num("width", W_);
+        l_->num("len", W_);
+        l_->num("height", H_);
+        if (cidx_ < 0) return;
+        if (!letters_[cidx_].array) {
+            val_ = lay::random_value<T>(rng_);
+            l_->real("val", double(val_));
+            return;
         }
-        if (!dst_) {
-            dst_ = std::make_shared<Operand<T>>();
-            dst_->kind = matrix ? 'm' : 'v';
-            dst_->array = any_arr;
-            dst_->rows = H_;
-            dst_->cols = W_;
-            dst_->objs = count_;
-            build(*dst_, form_, L, true, rng_);
+        const int n = l_->count(), sz = int(sizeof(T)), slot = row.form[0] == 'L' ? L.shift + 2 : L.k2 + (L.pad0 ? 1 : 0);
+        cmem_.assign(std::size_t(slot) * n + 2, lay::sentinel<T>());
+        if (row.form[0] == 'L') {
+            std::vector<int> perm(n);
+            for (int k = 0; k < n; ++k) perm[k] = k;
+            std::shuffle(perm.begin(), perm.end(), rng_);
+            for (int k = 0; k < n; ++k) ctab_.push_back(cmem_.data() + std::size_t(perm[k]) * slot);
+            if (L.repeat && n >= 2) ctab_[n - 1] = ctab_[0];
+            for (T* t : ctab_) cvals_.push_back(t + L.shift);
+            l_->args.ptrs["ppVal"] = ctab_.data();
+            l_->num("valShift", L.shift * sz);
+        } else {
+            for (int k = 0; k < n; ++k) cvals_.push_back(cmem_.data() + std::size_t(k) * slot);
+            l_->args.ptrs["pVal"] = cmem_.data();
+            l_->num("valStride0", slot * sz);
         }
-        // constant
-        if (cidx_ >= 0) {
-            if (letters_[cidx_].array) {
-                const int sz = int(sizeof(T));
-                if (form_ == 'L') {
-                    const int slot = L.shift + 2;
-                    val_shift_ = L.shift * sz;
-                    cmem_.assign(std::size_t(slot) * count_ + 2, sentinel<T>());
-                    std::vector<int> perm(count_);
-                    for (int n = 0; n < count_; ++n) perm[n] = n;
-                    std::shuffle(perm.begin(), perm.end(), rng_);
-                    ctab_.resize(count_);
-                    for (int n = 0; n < count_; ++n) ctab_[n] = cmem_.data() + std::size_t(perm[n]) * slot;
-                    if (L.repeat && count_ >= 2) ctab_[count_ - 1] = ctab_[0];
-                } else {
-                    const int kv = L.k2 + (L.pad0 ? 1 : 0);
-                    val_stride0_ = kv * sz;
-                    cmem_.assign(std::size_t(kv) * count_ + 2, sentinel<T>());
-                }
-                for (int n = 0; n < count_; ++n) *const_at(n) = random_value<T>(rng_);
-            } else {
-                val_ = random_value<T>(rng_);
-            }
-        }
-        fill_args();
-    }
-
-    T* const_at(int n) {
-        if (form_ == 'L')
-            return reinterpret_cast<T*>(reinterpret_cast<char*>(ctab_[n]) + val_shift_);
-        return reinterpret_cast<T*>(reinterpret_cast<char*>(cmem_.data()) + std::ptrdiff_t(n) * val_stride0_);
-    }
-
-    void fill_args() {
-        auto group = [&](Operand<T>& o, const std::string& X) {
-            std::string x = X;
-            x[0] = char(std::tolower(x[0]));
-            if (o.form == 'S') {
-                args.ptrs["p" + X] = o.base;
-                args.nums[x + "Stride0"] = o.s0;
-                args.nums[x + "Stride1"] = o.s1;
-                args.nums[x + "Stride2"] = o.s2;
-            } else {
-                args.ptrs["pp" + X] = o.tab.data();
-                args.nums[x + "Shift"] = o.shift;
-                if (o.form == 'L') {
-                    args.nums[x + "Stride1"] = o.s1;
-                    args.nums[x + "Stride2"] = o.s2;
-                } else {
-                    args.nums[x + "Stride0"] = o.s0;
-                }
-            }
-        };
-        for (std::size_t s = 0; s < srcs_.size(); ++s) group(*srcs_[s], names_[s]);
-        group(*dst_, "Dst");
-        if (cidx_ >= 0) {
-            if (letters_[cidx_].array) {
-                if (form_ == 'L') {
-                    args.ptrs["ppVal"] = ctab_.data();
-                    args.nums["valShift"] = val_shift_;
-                } else {
-                    args.ptrs["pVal"] = cmem_.data();
-                    args.nums["valStride0"] = val_stride0_;
-                }
-            } else {
-                args.reals["val"] = double(val_);
-            }
-        }
-        args.nums["width"] = W_;
-        args.nums["height"] = H_;
-        args.nums["len"] = W_;
-        args.nums["count"] = count_;
+        for (T* v : cvals_) *v = lay::random_value<T>(rng_);
     }
 
     // The destination memory a correct call leaves: what was there, with the
     // results written where the form puts them.
     std::vector<T> expected() {
-        std::vector<std::vector<T>> before;
-        for (auto& s : srcs_) before.push_back(s->mem);
-        std::vector<T> out = dst_->mem;
-        for (int n = 0; n < count_; ++n)
+        std::vector<T> out = l_->memory("Dst");
+        for (int n = 0; n < l_->count(); ++n)
             for (int i = 0; i < H_; ++i)
                 for (int j = 0; j < W_; ++j) {
                     T v[2];
-                    int vi = 0, si = 0;
-                    for (std::size_t li = 0; li < letters_.size(); ++li) {
-                        const Letter l = letters_[li];
-                        if (l.kind == 'c') {
-                            v[vi++] = l.array ? *const_at(n) : val_;
-                            continue;
-                        }
-                        Operand<T>& o = *srcs_[si];
-                        const std::ptrdiff_t off =
-                            l.kind == 't' ? o.offset(n, j, i) : l.kind == 'v' ? o.offset(n, 0, j) : o.offset(n, i, j);
-                        v[vi++] = before[si][off];
-                        ++si;
+                    for (std::size_t k = 0; k < 2; ++k) {
+                        const char kind = letters_[k].kind;
+                        v[k] = kind == 'c' ? (cvals_.empty() ? val_ : *cvals_[n])
+                                           : l_->at(groups_[k], n, kind == 't' ? j : kind == 'v' ? 0 : i,
+                                                    kind == 't' ? i : j);
                     }
-                    out[dst_->offset(n, i, j)] = apply(arith_, v[0], v[1]);
+                    out[&l_->at("Dst", n, i, j) - l_->memory("Dst").data()] =
+                        op_ == 'A' ? v[0] + v[1] : op_ == 'S' ? v[0] - v[1] : v[0] * v[1];
                 }
         return out;
     }
 
-    zelStatus call() { return reg::caller_of(row_.name)(args); }
+    zelStatus call() { return l_->call(); }
 
-    // Runs the call and checks status and memory; returns false (with a
-    // gtest failure) on the first difference.
+    // Runs the call and checks status and memory, the sources and constants
+    // unchanged; false (with a gtest failure) on the first difference.
     bool run_and_check(const std::string& what) {
-        const std::vector<T> want = expected();
-        std::vector<std::vector<T>> src_before;
-        for (auto& s : srcs_) src_before.push_back(s->mem);
-        const std::vector<T> c_before = cmem_;
+        const std::vector<T> want = expected(), c_before = cmem_;
+        std::vector<std::vector<T>> before;
+        for (const auto& g : groups_) before.push_back(g.empty() ? c_before : l_->memory(g));
         const zelStatus st = call();
-        EXPECT_EQ(st, zelStsOk) << row_.name << " " << what;
+        EXPECT_EQ(st, zelStsOk) << name_ << " " << what;
         if (st != zelStsOk) return false;
-        if (std::memcmp(want.data(), dst_->mem.data(), want.size() * sizeof(T)) != 0) {
+        auto differs = [&](const std::vector<T>& a, const std::vector<T>& b, const std::string& name) {
+            if (std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0) return false;
             std::size_t k = 0;
-            while (std::memcmp(&want[k], &dst_->mem[k], sizeof(T)) == 0) ++k;
-            ADD_FAILURE() << row_.name << " " << what << ": destination element " << k << " is "
-                          << dst_->mem[k] << ", expected " << want[k];
-            return false;
-        }
-        for (std::size_t s = 0; s < srcs_.size(); ++s) {
-            if (srcs_[s] == dst_) continue;
-            if (std::memcmp(src_before[s].data(), srcs_[s]->mem.data(), src_before[s].size() * sizeof(T))) {
-                ADD_FAILURE() << row_.name << " " << what << ": source " << s << " changed";
+            while (std::memcmp(&a[k], &b[k], sizeof(T)) == 0) ++k;
+            ADD_FAILURE() << name_ << " " << what << ": " << name << " element " << k << " is " << b[k] << ", expected " << a[k];
+            return true;
+        };
+        if (differs(want, l_->memory("Dst"), "destination")) return false;
+        for (std::size_t k = 0; k < groups_.size(); ++k)
+            if (groups_[k].empty() ? differs(before[k], cmem_, "constant array")
+                                   : &l_->memory(groups_[k]) != &l_->memory("Dst") &&
+                                         differs(before[k], l_->memory(groups_[k]), groups_[k]))
                 return false;
-            }
-        }
-        if (!c_before.empty() && std::memcmp(c_before.data(), cmem_.data(), c_before.size() * sizeof(T))) {
-            ADD_FAILURE() << row_.name << " " << what << ": constant array changed";
-            return false;
-        }
         return true;
     }
 
-    const std::vector<T>& dst_mem() const { return dst_->mem; }
-
-    reg::Args args;
+    const std::vector<T>& dst_mem() const { return l_->memory("Dst"); }
 
 private:
-    const reg::ExportRow& row_;
-    std::mt19937 rng_;
-    Arith arith_;
-    char form_;
+    std::string name_;
+    char op_;  // A(dd), S(ub), M(ul)
     std::vector<Letter> letters_;
-    int W_ = 1, H_ = 1, count_ = 1;
-    std::vector<std::shared_ptr<Operand<T>>> srcs_;
-    std::vector<std::string> names_;
-    std::vector<int> src_letter_;
-    std::shared_ptr<Operand<T>> dst_;
-    int cidx_ = -1;
+    std::mt19937 rng_;
+    int W_ = 1, H_ = 1, cidx_ = -1;
+    std::vector<std::string> groups_;  // by letter; "" for the constant
+    std::unique_ptr<fh::Laid<T>> l_;
     T val_{};
     std::vector<T> cmem_;
-    std::vector<T*> ctab_;
-    int val_stride0_ = 0, val_shift_ = 0;
+    std::vector<T*> ctab_, cvals_;
 };
 
 }  // namespace ewt

@@ -1,12 +1,12 @@
 // Add, Sub and multiplication by a constant on matrices, vectors and arrays of
 // them: every export, every storage form, against a reference loop, bit for
 // bit, with the memory around the results checked as well; in place; vectors
-// long enough for the unrolled runs; the documented examples.
+// long enough for the unrolled runs; overlapping rows; non-finite values.
 #include <gtest/gtest.h>
 
-#include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -49,7 +49,7 @@ void sweep(bool in_place, const std::vector<int>& counts, Sizes&& sizes) {
     const auto rows = ewt::elementwise_exports();
     ASSERT_EQ(rows.size(), 288u);
     for (const auto* row : rows) {
-        if (in_place && !ewt::has_in_place_source(row->sig)) continue;
+        if (in_place && ewt::in_place_source(ewt::letters_of(row->sig)) < 0) continue;
         unsigned seed = 1;
         for (Layout L : layouts()) {
             // equal strides; a destination table naming an object twice is no in-place call
@@ -90,32 +90,7 @@ TEST(ElementwiseExports, SingleOperandSharedByManyObjects) {
     });
 }
 
-// Cases spelled out in the documentation of the operations.
-TEST(ElementwiseExamples, SubConstantFormsHaveOppositeSigns) {
-    double src[3] = {0.25, 0.25, 0.25}, a[3], b[3];
-    ASSERT_EQ(zelmSub_cv_64f(src, 8, 1.0, a, 8, 3), zelStsOk);
-    ASSERT_EQ(zelmSub_vc_64f(src, 8, 1.0, b, 8, 3), zelStsOk);
-    for (int j = 0; j < 3; ++j) {
-        EXPECT_EQ(a[j], 0.75);
-        EXPECT_EQ(b[j], -0.75);
-    }
-}
-
-TEST(ElementwiseExamples, TransposedPointerTableHasRowLengthHeight) {
-    // width 2, height 3: the t source is stored as 2 rows of 3, its table row-major
-    double store[6] = {10, 11, 12, 20, 21, 22};  // stored (r, c) = 10*(r+1) + c
-    const double* tab[6];
-    for (int k = 0; k < 6; ++k) tab[k] = &store[k];
-    double out[6] = {};
-    double* dtab[6];
-    for (int k = 0; k < 6; ++k) dtab[k] = &out[k];
-    ASSERT_EQ(zelmMul_tc_64f_P(tab, 0, 2.0, dtab, 0, 2, 3), zelStsOk);
-    // result (i, j) = stored (j, i) * 2, written through destination entry i*2 + j
-    EXPECT_EQ(out[1 * 2 + 1], 2 * 21.0);  // from table entry 1*3 + 1 = 4
-    EXPECT_EQ(out[0 * 2 + 1], 2 * 20.0);  // from table entry 3
-    EXPECT_EQ(out[2 * 2 + 0], 2 * 12.0);
-}
-
+// Source rows that overlap (stride1 below the row) read as they lie.
 TEST(ElementwiseExamples, OverlappingRowsReadAHankelPattern) {
     float src[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     float dst[9];
@@ -124,64 +99,32 @@ TEST(ElementwiseExamples, OverlappingRowsReadAHankelPattern) {
         for (int j = 0; j < 3; ++j) EXPECT_EQ(dst[i * 3 + j], src[i + j]);
 }
 
-TEST(ElementwiseExamples, ConstantArrayAddressingByForm) {
-    // _P: the constant of object n at pVal + n*valStride0
-    const double src[2] = {1.0, 2.0};
-    const double* stab[2] = {&src[0], &src[1]};
-    double vals[6] = {3, -1, 5, -1, 7, -1};
-    double lane[2][6] = {};  // destination objects at a pitch of 2 elements in each lane
-    double* lanes[2] = {lane[0], lane[1]};
-    ASSERT_EQ(zelmMul_vca_64f_P(stab, 0, vals, 16, lanes, 0, 16, 2, 3), zelStsOk);
-    for (int n = 0; n < 3; ++n) {
-        EXPECT_EQ(lane[0][2 * n], 1.0 * vals[2 * n]);
-        EXPECT_EQ(lane[1][2 * n], 2.0 * vals[2 * n]);
-    }
-    // _L: the constant of object n at ppVal[n] + valShift
-    const double* vtab[3] = {&vals[3], &vals[1], &vals[0]};  // one element on: 7, 5, -1
-    double out[3][2] = {};
-    double* dtab[3] = {out[0], out[1], out[2]};
-    ASSERT_EQ(zelmMul_vca_64f_L(src, 8, vtab, 8, dtab, 0, 8, 2, 3), zelStsOk);
-    const double want[3] = {7, 5, -1};
-    for (int n = 0; n < 3; ++n) {
-        EXPECT_EQ(out[n][0], 1.0 * want[n]);
-        EXPECT_EQ(out[n][1], 2.0 * want[n]);
-    }
-}
-
-// Non-finite values and a constant of -0.0 as they stand on every path, the
-// long runs included: inf * 0 is NaN, max + max inf, 1 * -0 and -0 + -0 -0.
+// Non-finite values and -0.0 on every path of the contiguous vector kernels,
+// the long runs included, against the operation in plain C++ (NaN as NaN,
+// zeros with their sign): inf * 0, max + max, 1 * -0, -0 + -0, -2 * inf.
 template <class T>
 void non_finite() {
-    constexpr bool f = sizeof(T) == 4;
-    constexpr int E = sizeof(T);
-    const T inf = INFINITY, big = f ? T(FLT_MAX) : T(DBL_MAX);
-    auto mul_vc = [](const T* s, T v, T* d, int n) {
-        if constexpr (f) return zelmMul_vc_32f(s, E, v, d, E, n);
-        else return zelmMul_vc_64f(s, E, v, d, E, n);
+    const T inf = INFINITY, big = std::numeric_limits<T>::max(), nz = T(-0.0);
+    const std::string ty = sizeof(T) == 4 ? "_32f" : "_64f";
+    struct Op {
+        const char* name;  // vv: x + x
+        T x, c;
     };
-    auto add_vc = [](const T* s, T v, T* d, int n) {
-        if constexpr (f) return zelmAdd_vc_32f(s, E, v, d, E, n);
-        else return zelmAdd_vc_64f(s, E, v, d, E, n);
-    };
-    auto add_vv = [](const T* s, T* d, int n) {
-        if constexpr (f) return zelmAdd_vv_32f(s, E, s, E, d, E, n);
-        else return zelmAdd_vv_64f(s, E, s, E, d, E, n);
-    };
-    for (int len : {1, 3, 4, 9, 16, 17, 40, 65, 301}) {
-        std::vector<T> zero(len, T(0)), one(len, T(1)), nz(len, T(-0.0)), bigs(len, big), d(len, T(5));
-        ASSERT_EQ(mul_vc(zero.data(), inf, d.data(), len), zelStsOk);
-        for (T x : d) EXPECT_TRUE(std::isnan(x)) << len;
-        ASSERT_EQ(add_vv(bigs.data(), d.data(), len), zelStsOk);
-        for (T x : d) EXPECT_EQ(x, inf) << len;
-        ASSERT_EQ(mul_vc(one.data(), T(-0.0), d.data(), len), zelStsOk);
-        for (T x : d) EXPECT_TRUE(x == 0 && std::signbit(x)) << len;
-        ASSERT_EQ(add_vc(nz.data(), T(-0.0), d.data(), len), zelStsOk);
-        for (T x : d) EXPECT_TRUE(x == 0 && std::signbit(x)) << len;
-    }
-    const T src[3] = {0, 1, -2};
-    T d[3];
-    ASSERT_EQ(mul_vc(src, inf, d, 3), zelStsOk);
-    EXPECT_TRUE(std::isnan(d[0]) && d[1] == inf && d[2] == -inf);
+    for (const Op& op : {Op{"Mul_vc", 0, inf}, Op{"Add_vv", big, big}, Op{"Mul_vc", 1, nz}, Op{"Add_vc", nz, nz},
+                         Op{"Mul_vc", -2, inf}})
+        for (int len : {1, 3, 4, 9, 16, 17, 40, 65, 301}) {
+            std::vector<T> x(len, op.x), d(len, T(5));
+            reg::Args a;
+            a.ptrs = {{"pSrc", x.data()}, {"pSrc1", x.data()}, {"pSrc2", x.data()}, {"pDst", d.data()}};
+            const int e = int(sizeof(T));
+            a.nums = {{"srcStride2", e}, {"src1Stride2", e}, {"src2Stride2", e}, {"dstStride2", e}, {"len", len}};
+            a.reals["val"] = double(op.c);
+            ASSERT_EQ(reg::caller_of("zelm" + std::string(op.name) + ty)(a), zelStsOk);
+            const T want = op.name[0] == 'M' ? op.x * op.c : op.x + op.c;
+            for (T v : d)
+                ASSERT_TRUE(std::isnan(want) ? std::isnan(v) : std::memcmp(&v, &want, sizeof(T)) == 0)
+                    << op.name << ty << " " << op.x << " " << op.c << " len " << len << ": " << v;
+        }
 }
 TEST(ElementwiseExamples, NonFiniteValuesAndNegativeZeroConstants) {
     non_finite<float>();
