@@ -146,9 +146,13 @@ public:
         EXPECT_EQ(st, zelStsOk) << name_ << " " << what;
         if (st != zelStsOk) return false;
         auto differs = [&](const std::vector<T>& a, const std::vector<T>& b, const std::string& name) {
-            if (std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0) return false;
+            if (a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0)) return false;
             std::size_t k = 0;
-            while (std::memcmp(&a[k], &b[k], sizeof(T)) == 0) ++k;
+            while (k < a.size() && k < b.size() && std::memcmp(&a[k], &b[k], sizeof(T)) == 0) ++k;
+            if (k == a.size() || k == b.size()) {
+                ADD_FAILURE() << name_ << " " << what << ": " << name << " has " << b.size() << " elements, expected " << a.size();
+                return true;
+            }
             ADD_FAILURE() << name_ << " " << what << ": " << name << " element " << k << " is " << b[k] << ", expected " << a[k];
             return true;
         };
