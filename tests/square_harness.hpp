@@ -127,4 +127,31 @@ std::vector<T> all_of(fh::Laid<T>& l, const char* operand = "Dst") {
     return v;
 }
 
+// fan_out_checks for the square n x n array exports: `laid(b, T(), count,
+// L)` lays out a call, random sources fill it (one of them zero when the
+// family has no failure, `fails` 0); then, on 4 threads, a zero object in a
+// slice gives the call's status `fails`.
+template <std::size_t N, class Make, class Results>
+void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Make laid, Results results) {
+    for (const auto& b : bs)
+        fh::with_type(fh::row_named(b.name), [&](auto t) {
+            using T = decltype(t);
+            lay::Layout L;
+            L.k2 = L.dst_k2 = b.strided ? 2 : 1;
+            const std::vector<T> zero(std::size_t(b.n) * b.n, T(0));
+            auto filled = [&](int count) {
+                auto l = laid(b, t, count, L);
+                std::mt19937 g(4);
+                for (int k = 0; k < count; ++k) l.set("Src", k, random_matrix<T>(g, b.n, b.n));
+                if (fails == zelStsOk) l.set("Src", count / 2, zero);
+                return l;
+            };
+            fan_out_checks<T>(b.name, b.below, b.at, b.at + 1, filled, results);
+            auto l = filled(b.at + 1);
+            l.set("Src", b.at - 1, zero);
+            subst::Scope scope(4);
+            EXPECT_EQ(l.call(), fails) << b.name;
+        });
+}
+
 }  // namespace sq
