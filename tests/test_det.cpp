@@ -12,8 +12,7 @@
 namespace {
 
 using sq::Mat;
-template <class T>
-using Vec = std::vector<T>;
+using sq::Vec;
 
 // The method of each kernel by order, as documented.
 enum class Method { Generic, Extended, Scalar, Pairs };
@@ -25,25 +24,22 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
     return Method::Extended;
 }
 
-// The single standard call, contiguous or with an element stride of 2.
-template <class T>
-T det(const Vec<T>& a, int n, bool strided = false) {
-    const int k = strided ? 2 : 1, e = int(sizeof(T));
-    Vec<T> s(a.size() * k), buf(std::size_t(n) * n + n);
-    for (std::size_t i = 0; i < a.size(); ++i) s[i * k] = a[i];
-    T d = T(-7);
-    zelStatus st;
-    if constexpr (sizeof(T) == 4) st = zelmDet_m_32f(s.data(), n * k * e, k * e, n, buf.data(), &d);
-    else st = zelmDet_m_64f(s.data(), n * k * e, k * e, n, buf.data(), &d);
-    EXPECT_EQ(st, zelStsOk);
-    return d;
-}
-
 template <class T>
 fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
     fh::Laid<T> l(row, count, {{"Src", {n, n}}}, {{"pBuffer", n * n + n}, {"pDst", count}}, L);
     l.num("widthHeight", n);
     return l;
+}
+
+// The single standard call, contiguous or with an element stride of 2.
+template <class T>
+T det(const Vec<T>& a, int n, bool strided = false) {
+    lay::Layout L;
+    L.k2 = strided ? 2 : 1;
+    auto l = laid<T>(sq::standard<T>("Det"), 1, n, L);
+    l.set("Src", 0, a);
+    EXPECT_EQ(l.call(), zelStsOk);
+    return l.block("pDst")[0];
 }
 
 // The method object k of a call runs. Pairs need pSrc, srcStride0 and

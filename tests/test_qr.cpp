@@ -11,33 +11,7 @@
 namespace {
 
 using sq::Mat;
-template <class T>
-using Vec = std::vector<T>;
-
-// The standard single-object calls, dense: the reference of every form.
-template <class T>
-zelStatus decomp(const Vec<T>& a, Vec<T>& d, int w, int h) {
-    Vec<T> buf(h);
-    const int e = int(sizeof(T));
-    if constexpr (sizeof(T) == 4) return zelmQRDecomp_m_32f(a.data(), e * w, e, buf.data(), d.data(), e * w, e, w, h);
-    else return zelmQRDecomp_m_64f(a.data(), e * w, e, buf.data(), d.data(), e * w, e, w, h);
-}
-template <class T>
-Vec<T> decomposed(const Vec<T>& a, int w, int h) {
-    Vec<T> d(a.size());
-    EXPECT_EQ(decomp(a, d, w, h), zelStsOk);
-    return d;
-}
-template <class T>
-Vec<T> solved(const Vec<T>& qr, const Vec<T>& b, int w, int h) {
-    Vec<T> x(w), buf(h);
-    const int e = int(sizeof(T));
-    zelStatus st;
-    if constexpr (sizeof(T) == 4) st = zelmQRBackSubst_mv_32f(qr.data(), e * w, e, buf.data(), b.data(), e, x.data(), e, w, h);
-    else st = zelmQRBackSubst_mv_64f(qr.data(), e * w, e, buf.data(), b.data(), e, x.data(), e, w, h);
-    EXPECT_EQ(st, zelStsOk);
-    return x;
-}
+using sq::Vec;
 
 bool is_dec(const reg::ExportRow& r) { return std::string(r.op) == "QRDecomp"; }
 
@@ -54,6 +28,30 @@ fh::Laid<T> laid(const reg::ExportRow& row, int count, int w, int h, const lay::
     l.num("width", w);
     l.num("height", h);
     return l;
+}
+
+// The standard single-object calls: the reference of every form.
+template <class T>
+zelStatus decomp(const Vec<T>& a, Vec<T>& d, int w, int h) {
+    auto l = laid<T>(sq::standard<T>("QRDecomp"), 1, w, h);
+    l.set("Src", 0, a);
+    const zelStatus st = l.call();
+    d = l.get("Dst", 0);
+    return st;
+}
+template <class T>
+Vec<T> decomposed(const Vec<T>& a, int w, int h) {
+    Vec<T> d;
+    EXPECT_EQ(decomp(a, d, w, h), zelStsOk);
+    return d;
+}
+template <class T>
+Vec<T> solved(const Vec<T>& qr, const Vec<T>& b, int w, int h) {
+    auto l = laid<T>(sq::standard<T>("QRBackSubst"), 1, w, h);
+    l.set("Src1", 0, qr);
+    l.set("Src2", 0, b);
+    EXPECT_EQ(l.call(), zelStsOk);
+    return l.get("Dst", 0);
 }
 
 // The source rebuilt from a packed result: H(0) H(1) ... H(K-1) R, with
@@ -143,7 +141,7 @@ void worked_examples() {
 // is below, fails.
 template <class T>
 void rank_threshold(T x, T y, T column) {
-    Vec<T> d(2);
+    Vec<T> d;
     EXPECT_EQ(decomp(Vec<T>{x, y}, d, 1, 2), zelStsOk);
     EXPECT_EQ(decomp(Vec<T>{std::nextafter(x, T(0)), y}, d, 1, 2), zelStsErrDivByZero);
     EXPECT_EQ(decomp(Vec<T>{column, column}, d, 1, 2), zelStsErrDivByZero);
@@ -190,7 +188,7 @@ TEST(QR, RankDeficiencyStopsTheArrayWithTheFinishedSteps) {
                         for (int j = 1; j < w; ++j) EXPECT_NEAR(got[i * w + j], after(i, j), 16 * sq::eps<T>()) << at;
                     }
                 }
-            Vec<T> z(12, T(1)), d(12);
+            Vec<T> z(12, T(1)), d;
             for (int i = 0; i < 4; ++i) z[i * 3] = 0;
             EXPECT_EQ(decomp(z, d, 3, 4), zelStsErrDivByZero);
             EXPECT_EQ(d, z);
