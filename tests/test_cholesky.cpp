@@ -31,7 +31,7 @@ T rsqrt_ref(T d) {
 template <class T>
 Expect<T> chol_ref(const Vec<T>& A, int n, bool pointer_form) {
     const T bound = pointer_form && n == 3 ? T(0x1p-23) : T(0);
-    Expect<T> e{Vec<T>(n * n, T(0)), std::vector<char>(n * n, 0)};
+    Expect<T> e{Vec<T>(n * n, T(0)), std::vector<char>(n * n, 0), {}};
     auto F = [&](int i, int j) -> T& { return e.f[i * n + j]; };
     auto minus = [&](T v, int i, int j, int K) {
         Vec<T> t;
