@@ -201,29 +201,27 @@ TEST(Cholesky, BackSubstitution) {
 // order 30 with 11 objects and at order 4 with 4001 (lanes in every slice):
 // a failing object stops its own slice only.
 TEST(Cholesky, FanOut) {
-    expect_limits({"CholeskyDecomp", "CholeskyBackSubst"}, zel::cholesky::kLimits, [](const reg::ExportRow& row, auto& l) {
-        l.fill(is_decomp(row) ? "Src" : "Src1", [](int o, int r, int c) { return r == c ? 2.0 + o % 3 : 0.5; });
-        if (!is_decomp(row)) l.fill("Src2", [](int, int, int c) { return c; });
-    });
-    for (auto [n, count, bad] : {std::tuple{30, 11, 4}, std::tuple{4, 4001, 1500}}) {
-        std::vector<Vec<double>> A;
+    // matrices from spd_matrix, A(n/2, n/2) of object `bad` -1, their factors
+    // for the back-substitution
+    auto fill = [](const reg::ExportRow& row, auto& l, int bad) {
+        using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
+        const int n = l.args.nums.at("widthHeight");
+        const bool dec = is_decomp(row);
         std::mt19937 g(9);
-        for (int o = 0; o < count; ++o) A.push_back(spd_matrix<double>(g, n));
-        auto fill = [&](const reg::ExportRow& row, auto& l) {
-            using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
-            for (int o = 0; o < mats_of(row, count); ++o) {
-                Vec<T> a(A[o].begin(), A[o].end());
-                if (is_decomp(row) && o == bad) a[n / 2 * (n + 1)] = -1;
-                l.set(is_decomp(row) ? "Src" : "Src1", o, is_decomp(row) ? a : chol_ref(a, n, false).f);
-            }
-            if (!is_decomp(row)) l.fill("Src2", [&](int o, int, int c) { return std::sin(o + 3.0 * c); });
-        };
-        auto done = [&](auto& l, int o) {
-            using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
-            return residual(Vec<T>(A[o].begin(), A[o].end()), l, o, n) < 1e-5;
-        };
+        for (int o = 0; o < mats_of(row, l.count()); ++o) {
+            Vec<T> a = spd_matrix<T>(g, n);
+            if (dec && o == bad) a[n / 2 * (n + 1)] = -1;
+            l.set(dec ? "Src" : "Src1", o, dec ? a : chol_ref(a, n, false).f);
+        }
+        if (!dec) l.fill("Src2", [&](int o, int, int c) { return std::sin(o + 3.0 * c); });
+    };
+    expect_limits({"CholeskyDecomp", "CholeskyBackSubst"}, zel::cholesky::kLimits,
+                  [&](const reg::ExportRow& row, auto& l) { fill(row, l, -1); });
+    for (auto [n, count, bad] : {std::tuple{30, 11, 4}, std::tuple{4, 4001, 1500}}) {
+        auto done = [&](auto& l, int o) { return residual(l.get("Src", o), l, o, n) < 1e-5; };
         auto untouched = [&](auto& l, int o) { return std::isnan(l.at("Dst", o, 0, 0)); };
-        expect_threads({"CholeskyDecomp", "CholeskyBackSubst"}, n, count, bad, zelStsErrNotPosDefinite, fill, done, untouched);
+        expect_threads({"CholeskyDecomp", "CholeskyBackSubst"}, n, count, bad, zelStsErrNotPosDefinite,
+                       [&](const reg::ExportRow& row, auto& l) { fill(row, l, bad); }, done, untouched);
     }
 }
 

@@ -247,27 +247,25 @@ TEST(LU, OverlappingObjectsInOrder) {
 // order 61 with 11 objects and at order 4 with 4001 (lanes in every slice):
 // a singular object stops its own slice only.
 TEST(LU, FanOut) {
-    expect_limits({"LUDecomp", "LUBackSubst"}, zel::lu::kLimits, [](const reg::ExportRow& row, auto& l) {
+    // diagonally dominant factors, an object `bad` with column n/2 zero, a
+    // permuted table for the back-substitution
+    auto fill = [](const reg::ExportRow& row, auto& l, int bad) {
         const int n = l.args.nums.at("widthHeight");
-        l.fill(is_decomp(row) ? "Src" : "Src1", [](int o, int r, int c) { return r == c ? 2.0 + o % 3 : 0.5; });
-        if (is_decomp(row)) return;
-        l.fill("Src2", [](int, int, int c) { return c; });
-        for (int k = 0; k < n * mats_of(row, l.count()); ++k) l.index("pSrcIndex")[k] = k % n;
-    });
+        std::mt19937 g(9);
+        const bool dec = is_decomp(row);
+        l.fill(dec ? "Src" : "Src1", [&](int o, int r, int c) {
+            return dec && o == bad && c == n / 2 ? 0.0 : (r == c ? 30.0 : 0.0) + rand_in<double>(g, -1, 1);
+        });
+        if (dec) return;
+        l.fill("Src2", [&](int, int, int) { return rand_in<double>(g, -1, 1); });
+        for (int i = 0; i < n * mats_of(row, l.count()); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % n;
+    };
+    expect_limits({"LUDecomp", "LUBackSubst"}, zel::lu::kLimits, [&](const reg::ExportRow& row, auto& l) { fill(row, l, -1); });
     for (auto [n, count, bad] : {std::tuple{61, 11, 4}, std::tuple{4, 4001, 1500}}) {
-        auto fill = [&](const reg::ExportRow& row, auto& l) {
-            std::mt19937 g(9);
-            const bool dec = is_decomp(row);
-            l.fill(dec ? "Src" : "Src1", [&](int o, int r, int c) {
-                return dec && o == bad && c == n / 2 ? 0.0 : (r == c ? 30.0 : 0.0) + rand_in<double>(g, -1, 1);
-            });
-            if (dec) return;
-            l.fill("Src2", [&](int, int, int) { return rand_in<double>(g, -1, 1); });
-            for (int i = 0; i < n * mats_of(row, count); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % n;
-        };
         auto done = [&](auto& l, int o) { return residual(l.get("Src", o), l.get("Dst", o), l.index("pDstIndex") + o * n, n) < 1e-5; };
         auto untouched = [&](auto& l, int o) { return l.index("pDstIndex")[o * n] == 0x5A5A5A5A; };
-        expect_threads({"LUDecomp", "LUBackSubst"}, n, count, bad, zelStsErrSingular, fill, done, untouched);
+        expect_threads({"LUDecomp", "LUBackSubst"}, n, count, bad, zelStsErrSingular,
+                       [&](const reg::ExportRow& row, auto& l) { fill(row, l, bad); }, done, untouched);
     }
 }
 
