@@ -1,7 +1,8 @@
 // Determinants: every export in every form at the orders 1 to 9 against
 // Eigen and bit for bit against the standard call of the same method, the
 // method of each kernel shown by a matrix on which 80-bit and element-type
-// arithmetic differ, the worked examples, and the parallel wrapper.
+// arithmetic differ, singular objects that do not stop an array, the worked
+// examples, and the parallel wrapper.
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -11,6 +12,7 @@
 namespace {
 
 using sq::Mat;
+using sq::Vec;
 
 // The method of each kernel by order, as documented.
 enum class Method { Generic, Extended, Scalar, Pairs };
@@ -22,90 +24,74 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
     return Method::Extended;
 }
 
-// The single standard call, contiguous or with an element stride of 2.
-template <class T>
-T det(const std::vector<T>& a, int n, bool strided = false) {
-    const int k = strided ? 2 : 1, e = int(sizeof(T));
-    std::vector<T> s(a.size() * k), buf(std::size_t(n) * n + n);
-    for (std::size_t i = 0; i < a.size(); ++i) s[i * k] = a[i];
-    T d = T(-7);
-    zelStatus st;
-    if constexpr (sizeof(T) == 4) st = zelmDet_m_32f(s.data(), n * k * e, k * e, n, buf.data(), &d);
-    else st = zelmDet_m_64f(s.data(), n * k * e, k * e, n, buf.data(), &d);
-    EXPECT_EQ(st, zelStsOk);
-    return d;
-}
-
 template <class T>
 fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
     fh::Laid<T> l(row, count, {{"Src", {n, n}}}, {{"pBuffer", n * n + n}, {"pDst", count}}, L);
     l.num("widthHeight", n);
     return l;
 }
-// Pairs need pSrc, srcStride0 and srcStride1 on 16-byte boundaries (asked
-// only where pairs can run, so there is a row 1 and object 1 to look at).
+
+// The single standard call, contiguous or with an element stride of 2.
 template <class T>
-bool aligned(fh::Laid<T>& l, int count) {
+T det(const Vec<T>& a, int n, bool strided = false) {
+    lay::Layout L;
+    L.k2 = strided ? 2 : 1;
+    auto l = laid<T>(sq::standard<T>("Det"), 1, n, L);
+    l.set("Src", 0, a);
+    EXPECT_EQ(l.call(), zelStsOk);
+    return l.block("pDst")[0];
+}
+
+// The method object k of a call runs. Pairs need pSrc, srcStride0 and
+// srcStride1 on 16-byte boundaries, and leave an odd last object to the
+// extended method.
+template <class T>
+Method method_at(Method m, fh::Laid<T>& l, int k) {
+    if (m != Method::Pairs) return m;
     const auto p = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 0, 0));
     const auto row1 = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 1, 0));
-    const auto next = reinterpret_cast<std::uintptr_t>(&l.at("Src", count > 1 ? 1 : 0, 0, 0));
-    return p % 16 == 0 && (row1 - p) % 16 == 0 && (next - p) % 16 == 0;
-}
-// The method object k of a call runs: pairs leave an odd last object to the
-// extended method.
-Method method_at(Method m, bool paired, int k, int count) {
-    if (m != Method::Pairs) return m;
-    return paired && k < count / 2 * 2 ? Method::Scalar : Method::Extended;
+    const auto next = reinterpret_cast<std::uintptr_t>(&l.at("Src", l.count() > 1 ? 1 : 0, 0, 0));
+    const bool paired = p % 16 == 0 && (row1 - p) % 16 == 0 && (next - p) % 16 == 0;
+    return paired && k < l.count() / 2 * 2 ? Method::Scalar : Method::Extended;
 }
 
-TEST(Det, EveryFormAgreesWithEigen) {
-    for (const auto* row : fh::exports_of({"Det"}))
-        fh::with_type(*row, [&](auto t) {
-            using T = decltype(t);
-            for (int n = 1; n <= 9; ++n)
-                for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, sq::kCount, n, L);
-                    std::mt19937 g{unsigned(n)};
-                    std::vector<std::vector<T>> src;
-                    for (int k = 0; k < l.count(); ++k) l.set("Src", k, src.emplace_back(sq::random_matrix<T>(g, n, n)));
-                    const auto at = sq::where(*row, L, n);
-                    ASSERT_EQ(l.call(), zelStsOk) << at;
-                    EXPECT_TRUE(l.guards_intact()) << at;
-                    const Method m = method_of(*row, L.k2 == 1, n);
-                    const bool paired = m == Method::Pairs && aligned(l, l.count());
-                    for (int k = 0; k < l.count(); ++k) {
-                        const T got = l.block("pDst")[k];
-                        EXPECT_EQ(got, det(src[k], n, method_at(m, paired, k, l.count()) == Method::Scalar)) << at;
-                        const Mat A = sq::to_eigen(src[k], n, n);
-                        EXPECT_NEAR(got, A.determinant(), 64 * n * sq::eps<T>() * A.rowwise().norm().prod()) << at;
-                    }
-                }
-        });
-}
-
-// Identity with the block ((p, q), (q, p)) in the top left corner, p = q + 1
-// and q a power of 2 whose square p^2 needs more bits than the type has: its
-// determinant 2q + 1 comes out exactly from the extended method, as 2q from
-// the element type's arithmetic.
-TEST(Det, MethodOfEachKernel) {
+// Random objects, object 5 zero (status 0, every other object filled); then
+// the identity with the block ((p, q), (q, p)) in the top left corner, p =
+// q + 1 and q a power of 2 whose square p^2 needs more bits than the type
+// has: its determinant 2q + 1 comes out exactly from the extended method, as
+// 2q from the element type's arithmetic.
+TEST(Det, EveryFormAgreesWithEigenAndShowsItsMethod) {
     for (const auto* row : fh::exports_of({"Det"}))
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
             const T q = std::ldexp(T(1), fh::is64(*row) ? 27 : 12), p = q + 1;
-            for (int n = 3; n <= 6; ++n)
+            for (int n = 1; n <= 9; ++n)
                 for (const auto& L : sq::layouts()) {
                     auto l = laid<T>(*row, sq::kCount, n, L);
-                    std::vector<T> a(std::size_t(n) * n, T(0));
+                    std::mt19937 g{unsigned(n)};
+                    Vec<Vec<T>> src;
+                    for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
+                    if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0));
+                    for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
+                    const auto at = sq::where(*row, L, n);
+                    ASSERT_EQ(l.call(), zelStsOk) << at;
+                    EXPECT_TRUE(l.guards_intact()) << at;
+                    const Method m = method_of(*row, L.k2 == 1, n);
+                    for (int k = 0; k < l.count(); ++k) {
+                        const T got = l.block("pDst")[k];
+                        EXPECT_EQ(got, det(src[k], n, method_at(m, l, k) == Method::Scalar)) << at;
+                        const Mat A = sq::to_eigen(src[k], n, n);
+                        EXPECT_NEAR(got, A.determinant(), 64 * n * sq::eps<T>() * A.rowwise().norm().prod()) << at;
+                    }
+                    if (n < 3 || n > 6) continue;
+                    Vec<T> a(std::size_t(n) * n, T(0));
                     for (int i = 0; i < n; ++i) a[std::size_t(i) * (n + 1)] = 1;
                     a[0] = a[std::size_t(n) + 1] = p;
                     a[1] = a[std::size_t(n)] = q;
                     for (int k = 0; k < l.count(); ++k) l.set("Src", k, a);
                     ASSERT_EQ(l.call(), zelStsOk);
-                    const Method m = method_of(*row, L.k2 == 1, n);
-                    const bool paired = m == Method::Pairs && aligned(l, l.count());
                     for (int k = 0; k < l.count(); ++k)
-                        EXPECT_EQ(l.block("pDst")[k], method_at(m, paired, k, l.count()) == Method::Scalar ? 2 * q : 2 * q + 1)
-                            << sq::where(*row, L, n) << " object " << k;
+                        EXPECT_EQ(l.block("pDst")[k], method_at(m, l, k) == Method::Scalar ? 2 * q : 2 * q + 1) << at << " object " << k;
                 }
         });
 }
@@ -124,7 +110,7 @@ void worked_examples() {
     EXPECT_EQ(det<T>({1}, 1), T(1));
     // one exchange of rows negates the result
     EXPECT_EQ(det<T>({0, 1, 1, 0}, 2), T(-1));
-    std::vector<T> id(49, T(0));
+    Vec<T> id(49, T(0));
     for (int i = 0; i < 7; ++i) id[i * 8] = 1;
     EXPECT_EQ(det(id, 7), T(1));
     if constexpr (sizeof(T) == 4) {
@@ -136,53 +122,19 @@ TEST(Det, WorkedExamples) {
     worked_examples<double>();
 }
 
-// A singular matrix in the middle of an array of order 5: status 0, every
-// other object filled.
-TEST(Det, SingularObjectsDoNotStopTheArray) {
-    for (const auto* row : fh::exports_of({"Det"}))
-        fh::with_type(*row, [&](auto t) {
-            using T = decltype(t);
-            for (int n : {5, 7}) {
-                auto l = laid<T>(*row, sq::kCount, n);
-                std::mt19937 g(8);
-                std::vector<std::vector<T>> src;
-                for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
-                if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0));
-                for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
-                ASSERT_EQ(l.call(), zelStsOk) << row->name;
-                for (int k = 0; k < l.count(); ++k) EXPECT_EQ(l.block("pDst")[k], det(src[k], n, *row->form == 'P')) << row->name;
-            }
-        });
-}
-
-// ---------------------------------------------------------------------------
 // The parallel wrapper: estimate n count against 20001, 40001 in the 32f
 // list form with contiguous elements; no status to merge; the wrapper's
-// scratch in place of pBuffer.
-using sq::Boundary;
-const Boundary kBoundaries[] = {
-    {"zelmDet_ma_32f", 4, 5000, 5001, false},    {"zelmDet_ma_64f", 4, 5000, 5001, true},
-    {"zelmDet_ma_32f_L", 4, 10000, 10001, false}, {"zelmDet_ma_32f_L", 4, 5000, 5001, true},
-    {"zelmDet_ma_64f_P", 7, 2857, 2858, false},
-};
-
+// scratch in place of pBuffer; singular objects among the others.
 TEST(Det, FanOut) {
-    for (const auto& b : kBoundaries)
-        fh::with_type(fh::row_named(b.name), [&](auto t) {
-            using T = decltype(t);
-            lay::Layout L;
-            L.k2 = b.strided ? 2 : 1;
-            sq::fan_out_checks<T>(
-                b.name, b.below, b.at, b.at + 1,
-                [&](int count) {
-                    auto l = laid<T>(fh::row_named(b.name), count, b.n, L);
-                    std::mt19937 g(4);
-                    for (int k = 0; k < count; ++k) l.set("Src", k, sq::random_matrix<T>(g, b.n, b.n));
-                    l.set("Src", count / 2, std::vector<T>(std::size_t(b.n) * b.n, T(0)));
-                    return l;
-                },
-                [](fh::Laid<T>& l) { return std::vector<T>(l.block("pDst"), l.block("pDst") + l.count()); });
-        });
+    const sq::Boundary kBoundaries[] = {
+        {"zelmDet_ma_32f", 4, 5000, 5001, false},     {"zelmDet_ma_64f", 4, 5000, 5001, true},
+        {"zelmDet_ma_32f_L", 4, 10000, 10001, false}, {"zelmDet_ma_32f_L", 4, 5000, 5001, true},
+        {"zelmDet_ma_64f_P", 7, 2857, 2858, false},
+    };
+    sq::square_fan_out(
+        kBoundaries, zelStsOk,
+        [](const auto& b, auto t, int count, const lay::Layout& L) { return laid<decltype(t)>(fh::row_named(b.name), count, b.n, L); },
+        [](auto& l) { return std::vector(l.block("pDst"), l.block("pDst") + l.count()); });
 }
 
 }  // namespace

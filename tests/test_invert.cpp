@@ -1,8 +1,8 @@
 // Inversion: every export in every form at the orders 1 to 9 against A X = I
-// and bit for bit against the standard call of the same method, the worked
-// examples, the thresholds per kernel, what stands in the destination after
-// a singular matrix on each path (the pivot column rules of the orders 5 and
-// 6 among them), and the parallel wrapper.
+// and bit for bit against the standard call of the same method, what stands
+// after a singular matrix on each path (the pivot column rules of the orders
+// 5 and 6, the aligned pairs), the worked examples, the thresholds per
+// kernel, and the parallel wrapper.
 #include <emmintrin.h>
 
 #include <cmath>
@@ -14,6 +14,7 @@
 namespace {
 
 using sq::Mat;
+using sq::Vec;
 
 // The method of each kernel by order, as documented: exports of one method
 // agree bit for bit.
@@ -22,36 +23,7 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
     if (n < 3 || n > 6) return Method::Generic;
     if (fh::is64(r) || !unit || *r.form == 'P') return Method::Scalar;
     if (n >= 5) return Method::Pivot;
-    const bool array_kernel = std::string(r.sig) == "ma" && *r.form == 'S';
-    return n == 3 && array_kernel ? Method::Scalar : Method::Packed;
-}
-
-// The single standard call, contiguous or with an element stride of 2 (the
-// kernel with S2: the scalar method), on a dense matrix.
-template <class T>
-zelStatus invert(const T* a, T* d, int n, bool strided) {
-    const int k = strided ? 2 : 1, e = int(sizeof(T));
-    std::vector<T> s(std::size_t(n) * n * k), x(s.size()), buf(std::size_t(n) * n + n);
-    for (int i = 0; i < n * n; ++i) s[std::size_t(i) * k] = a[i], x[std::size_t(i) * k] = d[i];
-    zelStatus st;
-    if constexpr (sizeof(T) == 4) st = zelmInvert_m_32f(s.data(), n * k * e, k * e, buf.data(), x.data(), n * k * e, k * e, n);
-    else st = zelmInvert_m_64f(s.data(), n * k * e, k * e, buf.data(), x.data(), n * k * e, k * e, n);
-    for (int i = 0; i < n * n; ++i) d[i] = x[std::size_t(i) * k];
-    return st;
-}
-template <class T>
-std::vector<T> inverted(const std::vector<T>& a, int n, bool strided = false) {
-    std::vector<T> d(a.size());
-    EXPECT_EQ(invert(a.data(), d.data(), n, strided), zelStsOk);
-    return d;
-}
-template <class T>
-T T_of(int n, int times = 1) {
-    return T(2 * n * n * n * times) * std::numeric_limits<T>::min();
-}
-float rcp_newton(float d) {
-    const float r0 = _mm_cvtss_f32(_mm_rcp_ss(_mm_set_ss(d)));
-    return (r0 + r0) - d * r0 * r0;
+    return n == 3 && std::string(r.sig) == "ma" && *r.form == 'S' ? Method::Scalar : Method::Packed;
 }
 
 template <class T>
@@ -61,31 +33,95 @@ fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout&
     return l;
 }
 
-TEST(Invert, EveryFormTimesTheSourceIsTheIdentity) {
+// The single standard call, contiguous or with an element stride of 2 (the
+// kernel with S2: the scalar method): the status and what stands in the
+// destination, sentinels where nothing was stored.
+template <class T>
+zelStatus invert(const Vec<T>& a, Vec<T>& d, int n, bool strided = false) {
+    lay::Layout L;
+    L.k2 = L.dst_k2 = strided ? 2 : 1;
+    auto l = laid<T>(sq::standard<T>("Invert"), 1, n, L);
+    l.set("Src", 0, a);
+    const zelStatus st = l.call();
+    d = l.get("Dst", 0);
+    return st;
+}
+template <class T>
+Vec<T> inverted(const Vec<T>& a, int n, bool strided = false) {
+    Vec<T> d;
+    EXPECT_EQ(invert(a, d, n, strided), zelStsOk);
+    return d;
+}
+
+// The threshold T(n) = 2 n^3 times the smallest normal number.
+template <class T>
+T T_of(int n, int times = 1) {
+    return T(2 * n * n * n * times) * std::numeric_limits<T>::min();
+}
+float rcp_newton(float d) {
+    const float r0 = _mm_cvtss_f32(_mm_rcp_ss(_mm_set_ss(d)));
+    return (r0 + r0) - d * r0 * r0;
+}
+// diag(x, 1, ...): determinant x on every path.
+template <class T>
+Vec<T> diagonal(int n, T x) {
+    Vec<T> a(std::size_t(n) * n, T(0));
+    for (int i = 0; i < n; ++i) a[std::size_t(i) * (n + 1)] = i ? T(1) : x;
+    return a;
+}
+
+template <class T>
+bool aligned16(const T* a, const T* b) {
+    return reinterpret_cast<std::uintptr_t>(a) % 16 == 0 && reinterpret_cast<std::uintptr_t>(b) % 16 == 0;
+}
+
+// Every layout, and the contiguous one shifted off 16 bytes (no pairs); no
+// object singular, or object 5 zero (order 1 to 7): the ones before are
+// inverted, the ones after untouched, the singular one keeps what its path
+// leaves: nothing, or the working rows of the pivot methods (here the
+// source's rows, for the first pivot fails). The aligned pairs of the 32f
+// array kernel at order 4 test both matrices before storing either.
+TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
+    auto layouts = sq::layouts();
+    layouts.push_back(layouts[0]);
+    layouts.back().lead = 1, layouts.back().label = "shifted";
     for (const auto* row : fh::exports_of({"Invert"}))
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
             for (int n = 1; n <= 9; ++n)
-                for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, sq::kCount, n, L);
-                    std::mt19937 g{unsigned(n)};
-                    std::vector<std::vector<T>> src;
-                    for (int k = 0; k < l.count(); ++k) l.set("Src", k, src.emplace_back(sq::random_matrix<T>(g, n, n)));
-                    const auto at = sq::where(*row, L, n);
-                    ASSERT_EQ(l.call(), zelStsOk) << at;
-                    EXPECT_TRUE(l.guards_intact()) << at;
-                    const bool unit = L.k2 == 1;
-                    const Method m = method_of(*row, unit, n);
-                    for (int k = 0; k < l.count(); ++k) {
-                        const auto got = l.get("Dst", k);
-                        EXPECT_TRUE(sq::same_bits(got, inverted(src[k], n, m == Method::Scalar))) << at;
-                        const Mat A = sq::to_eigen(src[k], n, n);
-                        const Eigen::JacobiSVD<Mat> svd(A);
-                        const double cond = svd.singularValues()(0) / svd.singularValues()(n - 1);
-                        EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * cond * sq::eps<T>())
-                            << at;
+                for (const auto& L : layouts)
+                    for (bool singular : {false, n <= 7}) {
+                        auto l = laid<T>(*row, sq::kCount, n, L);
+                        std::mt19937 g{unsigned(n) + 5 * singular};
+                        Vec<Vec<T>> src;
+                        for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
+                        const int bad = singular ? (l.count() > 1 ? sq::kBad : 0) : l.count();
+                        if (singular) std::fill(src[bad].begin(), src[bad].end(), T(0));
+                        for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
+                        const auto at = sq::where(*row, L, n) + (singular ? " singular" : "");
+                        ASSERT_EQ(l.call(), singular ? zelStsErrSingular : zelStsOk) << at;
+                        EXPECT_TRUE(l.guards_intact()) << at;
+                        const Method m = method_of(*row, L.k2 == 1, n);
+                        const bool paired = std::string(row->name) == "zelmInvert_ma_32f" && n == 4 && L.k2 == 1 &&
+                                            aligned16(&l.at("Src", 0, 0, 0), &l.at("Dst", 0, 0, 0));
+                        const int stored = singular && paired ? bad & ~1 : bad;  // the partner of a failing pair is not stored
+                        for (int k = 0; k < stored; ++k) {
+                            const auto got = l.get("Dst", k);
+                            EXPECT_TRUE(sq::same_bits(got, inverted(src[k], n, m == Method::Scalar))) << at;
+                            const Mat A = sq::to_eigen(src[k], n, n);
+                            const Eigen::JacobiSVD<Mat> svd(A);
+                            const double cond = svd.singularValues()(0) / svd.singularValues()(n - 1);
+                            EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * cond * sq::eps<T>())
+                                << at;
+                        }
+                        const int rows = m == Method::Pivot ? n - 4 : 0;
+                        for (int k = stored; k < l.count(); ++k) {
+                            const auto got = l.get("Dst", k);
+                            for (int e = 0; e < n * n; ++e)
+                                ASSERT_TRUE(k == bad && e < rows * n ? got[e] == 0 : fh::Laid<T>::same(got[e], lay::sentinel<T>()))
+                                    << at << " object " << k << " element " << e;
+                        }
                     }
-                }
         });
 }
 
@@ -95,129 +131,53 @@ void worked_examples() {
     // off-diagonal elements of the identity's inverse (at order 2 with the
     // negative sign of their positions)
     for (int n : {2, 7}) {
-        std::vector<T> id(std::size_t(n) * n, T(0));
-        for (int i = 0; i < n; ++i) id[std::size_t(i) * (n + 1)] = 1;
-        const auto x = inverted(id, n);
-        for (int i = 0; i < n; ++i)
-            for (int j = 0; j < n; ++j) {
-                const T v = x[std::size_t(i) * n + j];
-                EXPECT_EQ(i == j ? v : n == 2 ? -v : std::fabs(v), i == j ? T(1) : T_of<T>(n)) << n;
-            }
+        const auto x = inverted(diagonal(n, T(1)), n);
+        for (int i = 0; i < n * n; ++i) {
+            const T v = x[std::size_t(i)];
+            EXPECT_EQ(i % (n + 1) == 0 ? v : n == 2 ? -v : std::fabs(v), i % (n + 1) == 0 ? T(1) : T_of<T>(n)) << n;
+        }
     }
     // order 1: the element must be above T(1)
-    std::vector<T> a{T_of<T>(1)}, d{T(7)};
-    EXPECT_EQ(invert(a.data(), d.data(), 1, false), zelStsErrSingular);
-    EXPECT_EQ(d[0], T(7));
-    a[0] = -4;
-    EXPECT_EQ(inverted(a, 1), std::vector<T>{T(-0.25)});
+    Vec<T> d;
+    EXPECT_EQ(invert(Vec<T>{T_of<T>(1)}, d, 1), zelStsErrSingular);
+    EXPECT_TRUE(fh::Laid<T>::same(d[0], lay::sentinel<T>()));
+    EXPECT_EQ(inverted(Vec<T>{-4}, 1), Vec<T>{T(-0.25)});
 }
-TEST(Invert, WorkedExamples) {
+
+// 64f orders 3 and 4: the contiguous kernels use twice the threshold; the
+// fixed orders pass a determinant equal to T(n), the generic path fails it.
+TEST(Invert, WorkedExamplesAndThresholdsPerKernel) {
     EXPECT_EQ(T_of<float>(2), 1.88079096131566e-37f);
     EXPECT_EQ(T_of<double>(7), 686 * std::ldexp(1.0, -1022));
     worked_examples<float>();
     worked_examples<double>();
-}
-
-// diag(x, 1, ...) has determinant x on every path.
-template <class T>
-std::vector<T> diagonal(int n, T x) {
-    std::vector<T> a(std::size_t(n) * n, T(0));
-    for (int i = 0; i < n; ++i) a[std::size_t(i) * (n + 1)] = i ? T(1) : x;
-    return a;
-}
-TEST(Invert, ThresholdPerKernel) {
-    std::vector<double> d(16);
-    // 64f orders 3 and 4: contiguous kernels use twice the formula
+    Vec<double> d;
     for (int n : {3, 4}) {
         const auto a = diagonal(n, T_of<double>(n, 2) * 0.75);
-        EXPECT_EQ(invert(a.data(), d.data(), n, false), zelStsErrSingular) << n;
-        EXPECT_EQ(invert(a.data(), d.data(), n, true), zelStsOk) << n;
-        fh::Laid<double> l(fh::row_named("zelmInvert_m_64f_P"), 1, {{"Src", {n, n}}, {"Dst", {n, n}}}, {{"pBuffer", n * n + n}});
-        l.num("widthHeight", n);
+        EXPECT_EQ(invert(a, d, n, false), zelStsErrSingular) << n;
+        EXPECT_EQ(invert(a, d, n, true), zelStsOk) << n;
+        auto l = laid<double>(fh::row_named("zelmInvert_m_64f_P"), 1, n);
         l.set("Src", 0, a);
         EXPECT_EQ(l.call(), zelStsOk) << n;
     }
-    // the fixed orders pass a determinant equal to T, the generic path fails it
-    std::vector<float> f(64);
+    Vec<float> f;
     for (int n = 2; n <= 7; ++n) {
-        const auto a = diagonal(n, T_of<float>(n));
         for (bool strided : {false, true})
-            EXPECT_EQ(invert(a.data(), f.data(), n, strided), n == 2 || n == 7 ? zelStsErrSingular : zelStsOk) << n;
-        const auto b = diagonal(n, std::nextafter(T_of<float>(n), 0.0f));
-        EXPECT_EQ(invert(b.data(), f.data(), n, false), zelStsErrSingular) << n;
+            EXPECT_EQ(invert(diagonal(n, T_of<float>(n)), f, n, strided), n == 2 || n == 7 ? zelStsErrSingular : zelStsOk) << n;
+        EXPECT_EQ(invert(diagonal(n, std::nextafter(T_of<float>(n), 0.0f)), f, n), zelStsErrSingular) << n;
     }
 }
 
-// A singular object in the middle of an array: the ones before are inverted,
-// the ones after untouched; the singular one keeps what its path leaves: nothing,
-// or the working rows of the pivot methods (here the source's rows, for the
-// first pivot fails).
-TEST(Invert, SingularStopsTheArrayAndLeavesWhatThePathSays) {
-    for (const auto* row : fh::exports_of({"Invert"}))
-        fh::with_type(*row, [&](auto t) {
-            using T = decltype(t);
-            for (int n = 1; n <= 7; ++n)
-                for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, sq::kCount, n, L);
-                    std::mt19937 g(unsigned(n) + 5);
-                    std::vector<std::vector<T>> src;
-                    for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
-                    const int bad = l.count() > 1 ? sq::kBad : 0;
-                    std::fill(src[bad].begin(), src[bad].end(), T(0));
-                    for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
-                    const auto at = sq::where(*row, L, n);
-                    ASSERT_EQ(l.call(), zelStsErrSingular) << at;
-                    const Method m = method_of(*row, L.k2 == 1, n);
-                    // the aligned pairs: the regular object before shares the failing pair
-                    const bool paired = std::string(row->name) == "zelmInvert_ma_32f" && n == 4 && L.k2 == 1 &&
-                                        reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 0, 0)) % 16 == 0 &&
-                                        reinterpret_cast<std::uintptr_t>(&l.at("Dst", 0, 0, 0)) % 16 == 0;
-                    const int stored = paired ? bad & ~1 : bad;
-                    for (int k = 0; k < stored; ++k)
-                        EXPECT_TRUE(sq::same_bits(l.get("Dst", k), inverted(src[k], n, m == Method::Scalar))) << at;
-                    const int rows = m == Method::Pivot ? n - 4 : 0;
-                    for (int k = stored; k < l.count(); ++k) {
-                        const auto got = l.get("Dst", k);
-                        for (int e = 0; e < n * n; ++e)
-                            ASSERT_TRUE(k == bad && e < rows * n ? got[e] == 0 : fh::Laid<T>::same(got[e], lay::sentinel<T>()))
-                                << at << " object " << k << " element " << e;
-                    }
-                }
-        });
-}
-
-// The aligned pairs of the contiguous 32f array kernel at order 4 test both
-// matrices before storing either.
-TEST(Invert, AlignedPairsStoreBothOrNeither) {
-    const auto& row = fh::row_named("zelmInvert_ma_32f");
-    for (int count : {1, 2})
-        for (int lead : {0, 1}) {
-            lay::Layout L;
-            L.lead = lead;
-            auto l = laid<float>(row, count, 4, L);
-            std::mt19937 g(2);
-            const auto a = sq::random_matrix<float>(g, 4, 4);
-            l.set("Src", 0, a);
-            if (count == 2) l.set("Src", 1, std::vector<float>(16, 0.0f));
-            ASSERT_EQ(l.call(), count == 2 ? zelStsErrSingular : zelStsOk);
-            const bool aligned = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 0, 0)) % 16 == 0 &&
-                                 reinterpret_cast<std::uintptr_t>(&l.at("Dst", 0, 0, 0)) % 16 == 0;
-            const bool stored = count == 1 || !aligned;
-            EXPECT_EQ(sq::same_bits(l.get("Dst", 0), inverted(a, 4)), stored) << count << " " << lead;
-        }
-}
-
-// Orders 5 and 6 by pivot rows, with everything below the rows named zero so
+// Orders 5 and 6 by pivot rows, with everything below the rows given zero so
 // that the Schur complement (or row 1's pivot) fails: row 0 keeps its
 // columns exchanged and the pivot's reciprocal in front, which shows the
-// pivot column. A row with ties, and the column it must take.
+// pivot column c0 (and c1 of row 1; -1: row 1 is zero and fails).
 TEST(Invert, PivotColumnRules) {
-    struct Case {
+    const struct {
         int n;
-        std::vector<float> row0, row1;
-        int c0, c1;  // expected pivot columns (c1 -1: row 1 is zero and fails)
-    };
-    const Case cases[] = {
+        Vec<float> row0, row1;
+        int c0, c1;
+    } cases[] = {
         {5, {1, 2, 0, -2, 0}, {}, 3, -1},  // the last of the tied columns 0 .. 3
         {5, {0, 0, 0, 3, -3}, {}, 3, -1},  // column 4 ties with 3: 3
         {5, {0, 1, 0, 0, 2}, {}, 4, -1},   // column 4 only when strictly the greatest
@@ -228,12 +188,12 @@ TEST(Invert, PivotColumnRules) {
         for (const auto& cs : cases) {
             const int n = cs.n;
             auto l = laid<float>(fh::row_named(name), 1, n);
-            std::vector<float> a(std::size_t(n) * n, 0.0f);
+            Vec<float> a(std::size_t(n) * n, 0.0f), want(a.size(), lay::sentinel<float>());
             std::copy(cs.row0.begin(), cs.row0.end(), a.begin());
             std::copy(cs.row1.begin(), cs.row1.end(), a.begin() + n);
             l.set("Src", 0, a);
             ASSERT_EQ(l.call(), zelStsErrSingular) << name;
-            std::vector<float> r0 = cs.row0, r1 = cs.row1;
+            Vec<float> r0 = cs.row0, r1 = cs.row1;
             std::swap(r0[0], r0[cs.c0]);
             r0[0] = rcp_newton(r0[0]);
             if (cs.c1 > 0) {
@@ -242,45 +202,26 @@ TEST(Invert, PivotColumnRules) {
                 r1[1] = rcp_newton(r1[1]);
             }
             const auto got = l.get("Dst", 0);
-            for (int j = 0; j < n; ++j) {
-                EXPECT_EQ(got[j], r0[j]) << name << " order " << n << " column " << j;
-                if (cs.c1 > 0) {
-                    EXPECT_EQ(got[n + j], r1[j]) << name << " order " << n << " column " << j;
-                }
-            }
-            for (int e = (n - 4) * n; e < n * n; ++e) EXPECT_TRUE(fh::Laid<float>::same(got[e], lay::sentinel<float>()));
+            std::copy(r0.begin(), r0.end(), want.begin());
+            if (n == 6) std::copy(r1.begin(), r1.end(), want.begin() + n);
+            if (n == 6 && cs.c1 < 0) std::copy(got.begin() + n, got.begin() + 2 * n, want.begin() + n);  // row 1 failed: any
+            EXPECT_TRUE(sq::same_bits(got, want)) << name << " order " << n << " row 0 " << cs.row0[0];
         }
 }
 
-// ---------------------------------------------------------------------------
 // The parallel wrapper: estimate 2 n count against 20001, 40001 in the
-// contiguous 32f list form; the wrapper's scratch in place of pBuffer.
-using sq::Boundary;
-const Boundary kBoundaries[] = {
-    {"zelmInvert_ma_32f", 4, 2500, 2501, false},   {"zelmInvert_ma_64f", 4, 2500, 2501, true},
-    {"zelmInvert_ma_32f_L", 4, 5000, 5001, false}, {"zelmInvert_ma_32f_L", 4, 2500, 2501, true},
-    {"zelmInvert_ma_64f_P", 7, 1428, 1429, false},
-};
-
+// contiguous 32f list form; the wrapper's scratch in place of pBuffer; a
+// singular object in a slice merged into the call's status.
 TEST(Invert, FanOut) {
-    for (const auto& b : kBoundaries)
-        fh::with_type(fh::row_named(b.name), [&](auto t) {
-            using T = decltype(t);
-            lay::Layout L;
-            L.k2 = L.dst_k2 = b.strided ? 2 : 1;
-            auto filled = [&](int count) {
-                auto l = laid<T>(fh::row_named(b.name), count, b.n, L);
-                std::mt19937 g(4);
-                for (int k = 0; k < count; ++k) l.set("Src", k, sq::random_matrix<T>(g, b.n, b.n));
-                return l;
-            };
-            sq::fan_out_checks<T>(b.name, b.below, b.at, b.at + 1, filled, [](fh::Laid<T>& l) { return sq::all_of(l); });
-            // a singular object in a slice: merged into the call's status
-            auto l = filled(b.at + 1);
-            l.set("Src", b.at - 1, std::vector<T>(std::size_t(b.n) * b.n, T(0)));
-            subst::Scope scope(4);
-            EXPECT_EQ(l.call(), zelStsErrSingular) << b.name;
-        });
+    const sq::Boundary kBoundaries[] = {
+        {"zelmInvert_ma_32f", 4, 2500, 2501, false},   {"zelmInvert_ma_64f", 4, 2500, 2501, true},
+        {"zelmInvert_ma_32f_L", 4, 5000, 5001, false}, {"zelmInvert_ma_32f_L", 4, 2500, 2501, true},
+        {"zelmInvert_ma_64f_P", 7, 1428, 1429, false},
+    };
+    sq::square_fan_out(
+        kBoundaries, zelStsErrSingular,
+        [](const auto& b, auto t, int count, const lay::Layout& L) { return laid<decltype(t)>(fh::row_named(b.name), count, b.n, L); },
+        [](auto& l) { return sq::all_of(l); });
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ void check_decomp(const reg::ExportRow& row, int n, const std::vector<Vec<T>>& m
     }
     ASSERT_EQ(l.call(), want);
     EXPECT_TRUE(img.matches());
-    if (lu) EXPECT_TRUE(std::equal(table.begin(), table.end(), l.index("pDstIndex")));
+    EXPECT_TRUE(!lu || std::equal(table.begin(), table.end(), l.index("pDstIndex")));
     EXPECT_TRUE(l.guards_intact());
     for (int o = 0; o < done - (want != zelStsOk); ++o) EXPECT_LT(residual(l, o), sizeof(T) == 4 ? 1e-5 : 1e-14) << o;
 }
@@ -232,11 +232,11 @@ void expect_threads(const std::vector<std::string>& ops, int n, int count, int b
                     ASSERT_EQ(subst::thread_queries, k + 1) << row->name;
                     mem[k] = l.memory("Dst");
                     for (int o = 0; is_decomp(*row) && o < count; ++o) {
-                        if (completed(o, bad, count, threads)) ASSERT_TRUE(done(l, o)) << row->name << " object " << o;
-                        else if (o > bad) ASSERT_TRUE(untouched(l, o)) << row->name << " object " << o;
+                        const bool ok = completed(o, bad, count, threads) ? done(l, o) : o <= bad || untouched(l, o);
+                        ASSERT_TRUE(ok) << row->name << " object " << o;
                     }
                 }
-                if (!is_decomp(*row)) EXPECT_EQ(std::memcmp(mem[0].data(), mem[1].data(), mem[0].size() * sizeof(T)), 0);
+                EXPECT_TRUE(is_decomp(*row) || std::memcmp(mem[0].data(), mem[1].data(), mem[0].size() * sizeof(T)) == 0);
             });
 }
 
