@@ -267,11 +267,11 @@ ZEL_INLINE void reflect_rows(E<T>* c, int n, int cnt, W v1, W v2, W t1, W t2, W 
     if constexpr (Lanes && std::is_same_v<W, double>) {
         auto ld = [](const E<T>* p) __attribute__((always_inline)) {
             if constexpr (std::is_same_v<T, float>) return _mm_cvtps_pd(_mm_castpd_ps(simd::load_sd(p)));
-            else return _mm_loadu_pd(p);
+            else return _mm_loadu_pd(reinterpret_cast<const double*>(p));
         };
         auto st = [](E<T>* p, __m128d v) __attribute__((always_inline)) {
             if constexpr (std::is_same_v<T, float>) simd::store_sd(p, _mm_castps_pd(_mm_cvtpd_ps(v)));
-            else _mm_storeu_pd(p, v);
+            else _mm_storeu_pd(reinterpret_cast<double*>(p), v);
         };
         const __m128d w1 = _mm_set1_pd(v1), w2 = _mm_set1_pd(v2);
         const __m128d s1 = _mm_set1_pd(t1), s2 = _mm_set1_pd(t2), s3 = _mm_set1_pd(t3);

@@ -422,7 +422,7 @@ zelStatus entry(const Call<T>& call) {
         if constexpr (ly.kind != 'c') unit = unit && c.src[iy].s2 == int(sizeof(T));
     }
 
-    auto run = [W, H](const Call<T>& s) -> zelStatus {
+    auto run = [=](const Call<T>& s) -> zelStatus {
         if constexpr (F == Form::P) {
             // Tables that name each object's elements one behind the other
             // are run as the strided form they amount to.

@@ -181,7 +181,7 @@ zelStatus entry(Call<T>& c) {
     constexpr Form F = form_of<FS>();
     constexpr bool array = std::string_view(Sig.s) == "ma";
     const bool unit = F == Form::P || c.src[0].s2 == int(sizeof(T));
-    auto run = [unit](const Call<T>& s) -> zelStatus {
+    auto run = [=](const Call<T>& s) -> zelStatus {
         return unit ? kernel<T, F, true, array>(s) : kernel<T, F, false, array>(s);
     };
     if constexpr (!array) {

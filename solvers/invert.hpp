@@ -276,7 +276,7 @@ zelStatus entry(Call<T>& c) {
         return zelStsOk;
     }
     const bool unit = F == Form::P || (c.src[0].s2 == esz && c.dst[0].s2 == esz);
-    auto run = [unit](const Call<T>& s) -> zelStatus {
+    auto run = [=](const Call<T>& s) -> zelStatus {
         return unit ? kernel<T, F, true, array>(s) : kernel<T, F, false, array>(s);
     };
     if constexpr (!array) {
