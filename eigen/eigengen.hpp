@@ -32,7 +32,7 @@ zelStatus kernel_at(const Call<T>& c) {
     const int count = Array ? c.count : 1;
     const Ref<T, F> src{&c.src[0], n};
     const Ref<T, F> d0{&c.dst[0], n}, d1{&c.dst[1], n};
-    E<T>* buf = reinterpret_cast<E<T>*>(c.buf);
+    Loose<T>* const buf = c.buf;
     for (int k = 0; k < count; ++k) {
         for (int i = 0; i < n; ++i)
             for (int j = 0; j < n; ++j) buf[i * n + j] = load(src.at(k, i, j));
@@ -41,11 +41,11 @@ zelStatus kernel_at(const Call<T>& c) {
         if (st != zelStsOk) return st;
         if constexpr (fam.sets != kNoSet) {
             // element (r, c) of a destination is component r of vector c
-            const E<T>* z = buf + std::ptrdiff_t(fam.z_block) * n * n;
+            const Loose<T>* z = buf + std::ptrdiff_t(fam.z_block) * n * n;
             for (int r = 0; r < n; ++r)
                 for (int j = 0; j < n; ++j) store(d0.at(k, r, j), T(z[j * n + r]));
             if constexpr (fam.copy_block != 0) {
-                const E<T>* y = buf + std::ptrdiff_t(fam.copy_block) * n * n;
+                const Loose<T>* y = buf + std::ptrdiff_t(fam.copy_block) * n * n;
                 for (int r = 0; r < n; ++r)
                     for (int j = 0; j < n; ++j) store(d1.at(k, r, j), T(y[j * n + r]));
             }

@@ -25,10 +25,6 @@
 
 namespace zel::eigengen {
 
-// pBuffer's element at any alignment: a 64f buffer need only be 4-byte
-// aligned on a 32-bit caller's stack.
-template <class T>
-using E = Loose<T>;
 
 template <class W>
 ZEL_INLINE W sgn(W x) {
@@ -74,17 +70,17 @@ ZEL_INLINE W reflector(W& alpha, W (&x)[M], int m) {
 template <class T, class W, int N>
 struct Object {
     using C = Consts<T>;
-    E<T>* buf;
+    Loose<T>* buf;
     int n_;
     int n() const { return N ? N : n_; }
-    E<T>& h(int r, int c) const { return buf[c * n() + r]; }
-    E<T>* block(int b) const { return buf + b * n() * n(); }
+    Loose<T>& h(int r, int c) const { return buf[c * n() + r]; }
+    Loose<T>* block(int b) const { return buf + b * n() * n(); }
     W hw(int r, int c) const { return W(h(r, c)); }
 };
 
 // Matrix element (r, c) of a column-contiguous block of order n.
 template <class T>
-ZEL_INLINE E<T>& at(E<T>* b, int n, int r, int c) {
+ZEL_INLINE Loose<T>& at(Loose<T>* b, int n, int r, int c) {
     return b[c * n + r];
 }
 
@@ -93,7 +89,7 @@ ZEL_INLINE E<T>& at(E<T>* b, int n, int r, int c) {
 // stays in column k below the subdiagonal (v[k+1] = 1 implied), its scalar
 // in tau[k].
 template <class T, class W, int N>
-void reduce(const Object<T, W, N>& o, E<T>* tau) {
+void reduce(const Object<T, W, N>& o, Loose<T>* tau) {
     using C = Consts<T>;
     const int n = o.n();
     for (int k = 0; k + 2 <= n; ++k) {
@@ -139,7 +135,7 @@ void clear_below_subdiagonal(const Object<T, W, N>& o) {
 // Q = P[0] P[1] ... P[n-2] into block q, last reflector first, in the
 // element type.
 template <class T, class W, int N>
-void form_q(const Object<T, W, N>& o, E<T>* q, const E<T>* tau) {
+void form_q(const Object<T, W, N>& o, Loose<T>* q, const Loose<T>* tau) {
     const int n = o.n();
     for (int c = 0; c < n; ++c)
         for (int r = 0; r < n; ++r) at<T>(q, n, r, c) = T(r == c ? 1 : 0);
@@ -262,14 +258,14 @@ ZEL_INLINE void reflect(Entry e, W v1, W v2, W t1, W t2, W t3) {
 // each lane doing exactly its row's operations. (The values family's short
 // active rows gain nothing from it.)
 template <int R, class T, class W, bool Lanes>
-ZEL_INLINE void reflect_rows(E<T>* c, int n, int cnt, W v1, W v2, W t1, W t2, W t3) {
+ZEL_INLINE void reflect_rows(Loose<T>* c, int n, int cnt, W v1, W v2, W t1, W t2, W t3) {
     int j = 0;
     if constexpr (Lanes && std::is_same_v<W, double>) {
-        auto ld = [](const E<T>* p) __attribute__((always_inline)) {
+        auto ld = [](const Loose<T>* p) __attribute__((always_inline)) {
             if constexpr (std::is_same_v<T, float>) return _mm_cvtps_pd(_mm_castpd_ps(simd::load_sd(p)));
             else return _mm_loadu_pd(reinterpret_cast<const double*>(p));
         };
-        auto st = [](E<T>* p, __m128d v) __attribute__((always_inline)) {
+        auto st = [](Loose<T>* p, __m128d v) __attribute__((always_inline)) {
             if constexpr (std::is_same_v<T, float>) simd::store_sd(p, _mm_castps_pd(_mm_cvtpd_ps(v)));
             else _mm_storeu_pd(reinterpret_cast<double*>(p), v);
         };
@@ -288,14 +284,14 @@ ZEL_INLINE void reflect_rows(E<T>* c, int n, int cnt, W v1, W v2, W t1, W t2, W 
         }
     }
     for (; j < cnt; ++j)
-        reflect<R, T, W>([&](int i) -> E<T>& { return c[i * n + j]; }, v1, v2, t1, t2, t3);
+        reflect<R, T, W>([&](int i) -> Loose<T>& { return c[i * n + j]; }, v1, v2, t1, t2, t3);
 }
 
 // One double-shift sweep over the active block lo..hi from start row m.
 // Orders 3 and 4 call it with the block's bounds as compile-time constants
 // (see with_block), so that its loops unroll; the arithmetic is the same.
 template <Family F, class T, class W, int N, class Lo, class Hi, class M>
-ZEL_INLINE void sweep(const Object<T, W, N>& o, E<T>* z, Lo lo_, Hi hi_, M m_, W u1, W u2, W u3) {
+ZEL_INLINE void sweep(const Object<T, W, N>& o, Loose<T>* z, Lo lo_, Hi hi_, M m_, W u1, W u2, W u3) {
     using C = Consts<T>;
     const int lo = lo_, hi = hi_, m = m_;
     constexpr bool whole = F.reach == Reach::Whole;
@@ -329,7 +325,7 @@ ZEL_INLINE void sweep(const Object<T, W, N>& o, E<T>* z, Lo lo_, Hi hi_, M m_, W
         // rows k2.. of columns k2..jend, columns k2.. of rows rbeg..rend, and Z
         auto apply = [&]<int R>() __attribute__((always_inline)) {
             for (int j = k2; j <= jend; ++j)
-                reflect<R, T, W>([&](int i) -> E<T>& { return o.h(k2 + i, j); }, v1, v2, t1, t2, t3);
+                reflect<R, T, W>([&](int i) -> Loose<T>& { return o.h(k2 + i, j); }, v1, v2, t1, t2, t3);
             reflect_rows<R, T, W, whole>(&o.h(rbeg, k2), n, rend - rbeg + 1, v1, v2, t1, t2, t3);
             if constexpr (whole) reflect_rows<R, T, W, whole>(&at<T>(z, n, 0, k2), n, n, v1, v2, t1, t2, t3);
         };
@@ -378,7 +374,7 @@ zelStatus qr(const Object<T, W, N>& o, T* re, T* im) {
     const int n = o.n();
     const W eps = W(C::eps), safmin = W(C::safmin), tiny = W(kTiny32);
     const W smlnum = W(n) * W(C::small_unit);
-    E<T>* z = whole ? o.block(F.z_block) : nullptr;
+    Loose<T>* z = whole ? o.block(F.z_block) : nullptr;
     auto ab = [&](int r, int c) { return std::fabs(o.hw(r, c)); };
 
     int itn = kSweepsPerOrder * n;
@@ -518,7 +514,7 @@ zelStatus qr(const Object<T, W, N>& o, T* re, T* im) {
                 o.h(hi, hi - 1) = T(p.c);
                 o.h(hi, hi) = T(p.d);
                 const W cs = p.cs, sn = p.sn;
-                auto rot = [cs, sn](E<T>& pe, E<T>& qe) {
+                auto rot = [cs, sn](Loose<T>& pe, Loose<T>& qe) {
                     const W pv = W(pe), qv = W(qe);
                     pe = T(cs * pv + sn * qv);
                     qe = T(cs * qv - sn * pv);
@@ -709,9 +705,9 @@ template <class T, class W, int N>
 struct Vectors {
     using C = Consts<T>;
     const Object<T, W, N>& o;
-    E<T>* colsum;  // s[j] = sum over i < j of |T[i][j]|
-    E<T>* re;
-    E<T>* im;
+    Loose<T>* colsum;  // s[j] = sum over i < j of |T[i][j]|
+    Loose<T>* re;
+    Loose<T>* im;
 
     int n() const { return o.n(); }
     W t(int r, int c) const { return o.hw(r, c); }
@@ -746,7 +742,7 @@ struct Vectors {
 
     // First set: H x = lambda x, ki descending, back-transformed by the
     // columns of V to the left of ki. Returns a status.
-    zelStatus first_set(E<T>* v) const {
+    zelStatus first_set(Loose<T>* v) const {
         const int n = this->n();
         const W safmin = W(C::safmin);
         for (int ki = n - 1; ki >= 0; --ki) {
@@ -826,7 +822,7 @@ struct Vectors {
 
     // Second set: y^H H = lambda y^H, ki ascending, back-transformed by the
     // columns of V to the right of the vector's block.
-    zelStatus second_set(E<T>* v) const {
+    zelStatus second_set(Loose<T>* v) const {
         const int n = this->n();
         const W safmin = W(C::safmin);
         for (int ki = 0; ki < n; ++ki) {
@@ -902,7 +898,7 @@ struct Vectors {
     }
 
     // Column c of V becomes V[:, lo..hi] x[lo..hi] + x_c V[:, c].
-    void transform(E<T>* v, int c, int lo, int hi, const E<T>* x, W xc) const {
+    void transform(Loose<T>* v, int c, int lo, int hi, const Loose<T>* x, W xc) const {
         const int n = this->n();
         for (int r = 0; r < n; ++r) {
             W s = 0;
@@ -913,7 +909,7 @@ struct Vectors {
 
     // A complex vector in columns c, c+1 divided by its largest |re| + |im|.
     // The first set fails on a vector that small; the second leaves it.
-    bool scale_pair(E<T>* v, int c, bool first) const {
+    bool scale_pair(Loose<T>* v, int c, bool first) const {
         const int n = this->n();
         W emax = 0;
         for (int r = 0; r < n; ++r)
@@ -929,7 +925,7 @@ struct Vectors {
 
     // Unit 2-norm for each vector; a complex one turned so that its largest
     // component is real.
-    void normalise(E<T>* v, const T* val_im) const {
+    void normalise(Loose<T>* v, const T* val_im) const {
         const int n = this->n();
         const W safmin = W(C::safmin);
         for (int j = 0; j < n; ++j) {
@@ -981,12 +977,12 @@ struct Vectors {
 // One object of family F whose source is already in pBuffer (row by row):
 // values to re/im, vectors left in their blocks.
 template <Family F, class T, class W, int N>
-__attribute__((noinline)) zelStatus solve_object(E<T>* buf, int n_rt, T* re, T* im) {
+__attribute__((noinline)) zelStatus solve_object(Loose<T>* buf, int n_rt, T* re, T* im) {
     const Object<T, W, N> o{buf, n_rt};
     const int n = o.n();
     const int nn = n * n;
-    E<T>* work = o.block(F.work_block);
-    E<T>* tau = F.sets ? work + 3 * n : work;
+    Loose<T>* work = o.block(F.work_block);
+    Loose<T>* tau = F.sets ? work + 3 * n : work;
     reduce(o, tau);
     if constexpr (F.sets != kNoSet) {
         form_q(o, o.block(F.z_block), tau);
@@ -997,8 +993,8 @@ __attribute__((noinline)) zelStatus solve_object(E<T>* buf, int n_rt, T* re, T* 
 
     const Vectors<T, W, N> vec{o, work, work + n, work + 2 * n};
     vec.column_sums();
-    E<T>* z = o.block(F.z_block);
-    E<T>* second = F.copy_block ? o.block(F.copy_block) : z;
+    Loose<T>* z = o.block(F.z_block);
+    Loose<T>* second = F.copy_block ? o.block(F.copy_block) : z;
     if (F.copy_block)
         for (int i = 0; i < nn; ++i) second[i] = z[i];
     if constexpr ((F.sets & kFirst) != 0) {

@@ -158,16 +158,11 @@ ZEL_INLINE void store(T* p, T v) {
 }
 
 // An element type for arrays the caller hands in (pBuffer, compact results)
-// that are indexed directly: float or double at any alignment.
+// that are indexed directly: float or double at any alignment (a 64f array
+// need only be 4-byte aligned on a 32-bit caller's stack).
 template <class T>
-struct LooseOf;
-template <>
-struct LooseOf<float> {
-    typedef float type __attribute__((aligned(1)));
-};
-template <>
-struct LooseOf<double> {
-    typedef double type __attribute__((aligned(1)));
+struct LooseOf {
+    typedef T type __attribute__((aligned(1)));
 };
 template <class T>
 using Loose = typename LooseOf<T>::type;

@@ -86,23 +86,23 @@ Vec<T> all_of(fh::Laid<T>& l) {
     return v;
 }
 
-// An export at the fan-out limit of its kernel: object counts just below and
-// at the limit for order n, with contiguous or strided elements.
+// An export at the fan-out limit of its kernel: the first object count that
+// reaches the limit for order n, with contiguous or strided elements.
 struct Boundary {
     const char* name;
-    int n, below, at;
+    int n, at;
     bool strided;
 };
 
 // The parallel wrapper of one export. `make(count)` lays out and fills a call
 // of `count` objects, `results(l)` reads all its destinations as one vector.
-// Below the limit the direct path (ownGetNumThreads not asked), at it the
+// One object below `at` the direct path (ownGetNumThreads not asked), at it the
 // wrapper forks (asked twice); 1 thread, 4 threads and 4 threads whose
 // scratch allocation fails give the same bits, with one block per forking
 // call freed once and the caller's pBuffer left alone.
 template <class T, class Make, class Results>
-void fan_out_checks(const std::string& name, int below, int at, int count, Make make, Results results) {
-    for (int c : {below, at}) {
+void fan_out_checks(const std::string& name, int at, int count, Make make, Results results) {
+    for (int c : {at - 1, at}) {
         auto l = make(c);
         subst::Scope scope(2);
         l.call();
@@ -143,7 +143,7 @@ void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Make laid, Results
                 if (fails == zelStsOk) l.set("Src", count / 2, zero);
                 return l;
             };
-            fan_out_checks<T>(b.name, b.below, b.at, b.at + 1, filled, results);
+            fan_out_checks<T>(b.name, b.at, b.at + 1, filled, results);
             auto l = filled(b.at + 1);
             l.set("Src", b.at - 1, zero);
             subst::Scope scope(4);

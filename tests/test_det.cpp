@@ -127,9 +127,9 @@ TEST(Det, WorkedExamples) {
 // scratch in place of pBuffer; singular objects among the others.
 TEST(Det, FanOut) {
     const sq::Boundary kBoundaries[] = {
-        {"zelmDet_ma_32f", 4, 5000, 5001, false},     {"zelmDet_ma_64f", 4, 5000, 5001, true},
-        {"zelmDet_ma_32f_L", 4, 10000, 10001, false}, {"zelmDet_ma_32f_L", 4, 5000, 5001, true},
-        {"zelmDet_ma_64f_P", 7, 2857, 2858, false},
+        {"zelmDet_ma_32f", 4, 5001, false},     {"zelmDet_ma_64f", 4, 5001, true},
+        {"zelmDet_ma_32f_L", 4, 10001, false}, {"zelmDet_ma_32f_L", 4, 5001, true},
+        {"zelmDet_ma_64f_P", 7, 2858, false},
     };
     sq::square_fan_out(
         kBoundaries, zelStsOk,

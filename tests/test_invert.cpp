@@ -214,9 +214,9 @@ TEST(Invert, PivotColumnRules) {
 // singular object in a slice merged into the call's status.
 TEST(Invert, FanOut) {
     const sq::Boundary kBoundaries[] = {
-        {"zelmInvert_ma_32f", 4, 2500, 2501, false},   {"zelmInvert_ma_64f", 4, 2500, 2501, true},
-        {"zelmInvert_ma_32f_L", 4, 5000, 5001, false}, {"zelmInvert_ma_32f_L", 4, 2500, 2501, true},
-        {"zelmInvert_ma_64f_P", 7, 1428, 1429, false},
+        {"zelmInvert_ma_32f", 4, 2501, false},   {"zelmInvert_ma_64f", 4, 2501, true},
+        {"zelmInvert_ma_32f_L", 4, 5001, false}, {"zelmInvert_ma_32f_L", 4, 2501, true},
+        {"zelmInvert_ma_64f_P", 7, 1429, false},
     };
     sq::square_fan_out(
         kBoundaries, zelStsErrSingular,
