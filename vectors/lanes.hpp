@@ -271,7 +271,7 @@ ZEL_INLINE void reduce_range(const Call<T>& c, int from, int to, const Vec<T>* h
 }
 
 template <Op O, Str Sig, class T, Form F, int N, Assoc Own, Assoc Block>
-bool reduce(const Call<T>& c, int blocked) {
+bool reduce(const Call<T>& __restrict c, int blocked) {
     static constexpr Operands ops = parse<Sig>();
     constexpr bool single2 = O == Op::DotProduct && !ops.l[1].array;
     constexpr int C = Obj<T, N>::C;
@@ -374,7 +374,7 @@ __attribute__((target("avx"), noinline)) int frob_avx(const Call<float>& c, int 
 // Objects below `blocked` in the block association, the others in Own, as
 // far as they fill groups; returns the first object not done.
 template <Str Sig, class T, Form F, int N, Assoc Own, Assoc Block>
-int frob(const Call<T>& c, int blocked) {
+int frob(const Call<T>& __restrict c, int blocked) {
     constexpr int W = X<T>::n;
     if constexpr (F != Form::S || !frob_fits<Own, W>() || !frob_fits<Block, W>()) {
         return 0;
@@ -480,7 +480,7 @@ __attribute__((target("avx"), noinline)) int cross_avx(const T* a, const T* b, T
 }
 
 template <Str Sig, class T, Form F>
-bool cross(const Call<T>& c) {
+bool cross(const Call<T>& __restrict c) {
     static constexpr Operands ops = parse<Sig>();
     constexpr bool A1 = ops.l[0].array, A2 = ops.l[1].array;
     constexpr int esz = int(sizeof(T)), n = X<T>::n;
@@ -566,7 +566,7 @@ __attribute__((target("avx"), noinline)) std::ptrdiff_t combine_avx(const T* a, 
 }
 
 template <Op O, Str Sig, class T, Form F, class Fn>
-bool combine(const Call<T>& c, const Fn& f) {
+bool combine(const Call<T>& __restrict c, const Fn& f) {
     static constexpr Operands ops = parse<Sig>();
     if constexpr (F != Form::S || !ops.l[0].array || !ops.l[1].array) {
         return false;

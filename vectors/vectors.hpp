@@ -144,7 +144,7 @@ void source_span(const Opd& o, int from, int count, int len, std::uintptr_t& lo,
 }
 
 template <int N, Op O, Str Sig, class T, Form F, bool Unit>
-zelStatus vec_fixed(const Call<T>& c) {
+zelStatus vec_fixed(const Call<T>& __restrict c) {
     using K_ = Kernel<O, Sig, T, F, Unit>;
     constexpr bool dot = O == Op::DotProduct;
     static constexpr const ShortRow& sr = find_row(kShort, K_::key);
@@ -211,7 +211,7 @@ zelStatus vec_fixed(const Call<T>& c) {
 }
 
 template <Op O, Str Sig, class T, Form F, bool Unit>
-zelStatus vec_kernel(const Call<T>& c) {
+zelStatus vec_kernel(const Call<T>& __restrict c) {
     using K_ = Kernel<O, Sig, T, F, Unit>;
     constexpr bool dot = O == Op::DotProduct;
     static constexpr const LongRow& lr = find_row(kLong, K_::key);
@@ -247,7 +247,7 @@ zelStatus vec_kernel(const Call<T>& c) {
 // ---------------------------------------------------------------------------
 // Trace: d(i) = A(i,i), from d0 (also outside the written-out orders).
 template <int N, Str Sig, class T, Form F, bool Unit>
-zelStatus trace_fixed(const Call<T>& c) {
+zelStatus trace_fixed(const Call<T>& __restrict c) {
     using K_ = Kernel<Op::Trace, Sig, T, F, Unit>;
     static constexpr Assoc own = find_row(kShort, K_::key).at[N - 3];
     static constexpr int br = block_index(K_::key, N);
@@ -264,7 +264,7 @@ zelStatus trace_fixed(const Call<T>& c) {
 }
 
 template <Str Sig, class T, Form F, bool Unit>
-zelStatus trace_kernel(const Call<T>& c) {
+zelStatus trace_kernel(const Call<T>& __restrict c) {
     using K_ = Kernel<Op::Trace, Sig, T, F, Unit>;
     const int n = c.widthHeight;
     switch (n) {
@@ -307,7 +307,7 @@ T frob_lanes(const V& a, int W, int H) {
 }
 
 template <int N, Str Sig, class T, Form F, bool Unit, bool UnitView>
-zelStatus frob_fixed(const Call<T>& c) {
+zelStatus frob_fixed(const Call<T>& __restrict c) {
     using K_ = Kernel<Op::FrobNorm, Sig, T, F, Unit>;
     static constexpr Assoc own = find_row(kFrobOrders, K_::key).at[N - 2];
     static constexpr int br = block_index(K_::key, N);
@@ -335,7 +335,7 @@ zelStatus frob_fixed(const Call<T>& c) {
 
 // The single matrix has one kernel for all strides (the table's Std row).
 template <Str Sig, class T, Form F, bool Unit>
-zelStatus frob_kernel(const Call<T>& c) {
+zelStatus frob_kernel(const Call<T>& __restrict c) {
     constexpr bool single = Sig.s[1] != 'a';
     constexpr bool UnitView = Unit && !single;
     using K_ = Kernel<Op::FrobNorm, Sig, T, F, Unit>;
@@ -384,7 +384,7 @@ zelStatus frob_kernel(const Call<T>& c) {
 // each product rounded before the subtraction. A single operand's three
 // elements are read once before the object loop.
 template <Str Sig, class T, Form F, bool Unit>
-zelStatus cross_kernel(const Call<T>& c) {
+zelStatus cross_kernel(const Call<T>& __restrict c) {
     using K_ = Kernel<Op::CrossProduct, Sig, T, F, Unit>;
     if constexpr (Unit && F != Form::P) {
         if (lanes::cross<Sig, T, F>(c)) return zelStsOk;
@@ -436,7 +436,7 @@ struct Combine {
 };
 
 template <Op O, Str Sig, class T, Form F, bool Unit>
-zelStatus comb_kernel(const Call<T>& c) {
+zelStatus comb_kernel(const Call<T>& __restrict c) {
     using K_ = Kernel<O, Sig, T, F, Unit>;
     const Combine<O, T> f{O == Op::Saxpy ? c.val : c.val1, c.val2};
     if constexpr (Unit && F != Form::P) {
@@ -454,7 +454,7 @@ zelStatus comb_kernel(const Call<T>& c) {
 
 // ---------------------------------------------------------------------------
 template <Op O, Str Sig, class T, Form F, bool Unit>
-zelStatus kernel(const Call<T>& c) {
+zelStatus kernel(const Call<T>& __restrict c) {
     if constexpr (O == Op::DotProduct || O == Op::L2Norm) return vec_kernel<O, Sig, T, F, Unit>(c);
     else if constexpr (O == Op::Trace) return trace_kernel<Sig, T, F, Unit>(c);
     else if constexpr (O == Op::FrobNorm) return frob_kernel<Sig, T, F, Unit>(c);
