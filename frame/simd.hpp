@@ -5,9 +5,36 @@
 
 #include <emmintrin.h>
 
+#include <type_traits>
+
 #include "frame/frame.hpp"
 
 namespace zel::simd {
+
+// Shuffles of GCC vectors within each 128-bit half, written as generic
+// shuffles so that one routine compiles for 128 bits (SSE2) and for 256 bits
+// (AVX, several objects in the halves).
+template <class V>
+using Elem = std::remove_cvref_t<decltype(V{}[0])>;
+
+// floats: [a(I0), a(I1), b(I2), b(I3)]; doubles: [a(I0), b(I1)]. The
+// 256-bit instances are always inlined into AVX functions, so their calling
+// convention never matters.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpsabi"
+template <int I0, int I1, int I2 = 0, int I3 = 0, class V>
+ZEL_INLINE V shuf(V a, V b) {
+    // __builtin_shufflevector: g++ 12 and clang both have it
+    if constexpr (sizeof(Elem<V>) == 4 && sizeof(V) == 16)
+        return __builtin_shufflevector(a, b, I0, I1, 4 + I2, 4 + I3);
+    else if constexpr (sizeof(Elem<V>) == 4)
+        return __builtin_shufflevector(a, b, I0, I1, 8 + I2, 8 + I3, 4 + I0, 4 + I1, 12 + I2, 12 + I3);
+    else if constexpr (sizeof(V) == 16)
+        return __builtin_shufflevector(a, b, I0, 2 + I1);
+    else
+        return __builtin_shufflevector(a, b, I0, 4 + I1, 2 + I0, 6 + I1);
+}
+#pragma GCC diagnostic pop
 
 // Eight bytes into or out of the low lane, at any alignment.
 ZEL_INLINE __m128d load_sd(const void* p) {

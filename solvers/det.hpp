@@ -130,7 +130,7 @@ T generic(const S& src, T* buf, int n) {
 // ---------------------------------------------------------------------------
 // The kernels.
 template <class T, Form F, bool Unit, bool Array, int N>
-void fixed_kernel(const Call<T>& c, int count) {
+void fixed_kernel(const Call<T>& __restrict c, int count) {
     constexpr Method method = method_of(ty_of<T>(), kern_of(Array, F, Unit), N);
     int o = 0;
     if constexpr (method == Method::Pairs && std::is_same_v<T, float>) {
@@ -145,7 +145,7 @@ void fixed_kernel(const Call<T>& c, int count) {
             }
         }
     } else if constexpr (method == Method::Scalar && Array && F != Form::P) {
-        if (count >= 2) o = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count);
+        if (N >= kLanesFrom && count >= 2) o = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count);
     }
     for (; o < count; ++o) {
         const auto s = obj<T, F, Unit>(c.src[0], o, N);

@@ -50,6 +50,11 @@ constexpr Method method_of(unsigned ty, unsigned kern, int n) {
     return Method::Generic;
 }
 
+// The scalar method of array kernels takes several matrices across vector
+// lanes from this order on; at order 3 gathering the lanes costs more than
+// the nine products it shares.
+inline constexpr int kLanesFrom = 4;
+
 // Pairs: pSrc, srcStride0 and srcStride1 all multiples of this.
 inline constexpr int kPairAlign = 16;
 

@@ -189,12 +189,17 @@ zelStatus invert_generic(const S& src, const D& dst, T* buf, int n) {
 // The kernels: the method of the table for each fixed order, the generic
 // path otherwise, object by object; the first failure ends the kernel.
 template <class T, Form F, bool Unit, bool Array, int N>
-zelStatus fixed_kernel(const Call<T>& c, int count) {
+zelStatus fixed_kernel(const Call<T>& __restrict c, int count) {
     constexpr unsigned kern = kern_of(Array, F, Unit);
     constexpr Method method = method_of(ty_of<T>(), kern, N);
     const T thr = threshold<T>(N, twice_of(ty_of<T>(), kern, N));
     int n = 0;
     if constexpr (std::is_same_v<T, float> && method != Method::Scalar) {
+        auto at4 = [&](int o) {
+            const auto s = obj<T, F, true>(c.src[0], o, N);
+            const auto d = obj<T, F, true>(c.dst[0], o, N);
+            return packed::Mat4{s.ptr(0, 0), s.s1, d.ptr(0, 0), d.s1};
+        };
         auto one = [&](int o) {
             const auto s = obj<T, F, true>(c.src[0], o, N);
             const auto d = obj<T, F, true>(c.dst[0], o, N);
@@ -212,6 +217,7 @@ zelStatus fixed_kernel(const Call<T>& c, int count) {
                 a16(so.s0) && a16(dd.s0) && so.s1 == kPairAlign && dd.s1 == kPairAlign) {
                 const char* sp = static_cast<const char*>(so.p);
                 char* dp = static_cast<char*>(const_cast<void*>(dd.p));
+                if (cpu::avx) n = packed::invert4_twos(at4, 0, count, thr, true);
                 for (; n + 1 < count; n += 2) {
                     const std::ptrdiff_t a = std::ptrdiff_t(n) * so.s0, b = std::ptrdiff_t(n) * dd.s0;
                     const zelStatus st = packed::invert4_pair(
@@ -220,6 +226,13 @@ zelStatus fixed_kernel(const Call<T>& c, int count) {
                     if (st != zelStsOk) return st;
                 }
             }
+        }
+        if constexpr (method == Method::PackedPairs) {
+            // the others one after the other, two at a time where reading the
+            // second source before the first result is stored changes nothing
+            const std::ptrdiff_t bytes = extent<T>(c.src[0], N, N);
+            if (cpu::avx && n + 1 < count && batch_safe(c.src[0], c.dst[0], count, bytes, bytes))
+                n = packed::invert4_twos(at4, n, count, thr, false);
         }
         for (; n < count; ++n)
             if (const zelStatus st = one(n); st != zelStsOk) return st;

@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 #include "frame/simd.hpp"
@@ -18,22 +19,54 @@
 namespace zel::invert::packed {
 
 using V4 = simd::V128<float>;
+using simd::shuf;
 
-template <int A, int B, int C, int D>
-ZEL_INLINE __m128 sh(__m128 v) {  // lanes v[A], v[B], v[C], v[D]
-    return _mm_shuffle_ps(v, v, _MM_SHUFFLE(D, C, B, A));
+// The order-4 routines below are written once on GCC float vectors: one
+// matrix in 128 bits, or (AVX) two matrices in the halves of 256 bits, each
+// half doing exactly its matrix's operations. Every shuffle stays in a half.
+// The 256-bit instances are always inlined into an AVX function, so their
+// calling convention never matters.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpsabi"
+typedef float V8 __attribute__((vector_size(32)));
+typedef int I4 __attribute__((vector_size(16)));
+typedef int I8 __attribute__((vector_size(32)));
+
+template <int A, int B, int C, int D, class V>
+ZEL_INLINE V sh(V v) {  // lanes v[A], v[B], v[C], v[D] of each half
+    return shuf<A, B, C, D>(v, v);
 }
-ZEL_INLINE __m128 neg(__m128 v) { return _mm_xor_ps(v, _mm_set1_ps(-0.0f)); }
-template <bool L0, bool L1, bool L2, bool L3>
-ZEL_INLINE __m128 negate_lanes(__m128 v) {
-    return _mm_xor_ps(v, _mm_setr_ps(L0 ? -0.0f : 0.0f, L1 ? -0.0f : 0.0f, L2 ? -0.0f : 0.0f, L3 ? -0.0f : 0.0f));
+template <bool L0, bool L1, bool L2, bool L3, class V>
+ZEL_INLINE V negate_lanes(V v) {
+    using I = std::conditional_t<sizeof(V) == 16, I4, I8>;
+    constexpr int s = int(0x80000000u);
+    I m;
+    for (int i = 0; i < int(sizeof(V) / 4); ++i) {
+        const int k = i % 4;
+        m[i] = (k == 0 ? L0 : k == 1 ? L1 : k == 2 ? L2 : L3) ? s : 0;
+    }
+    return V(I(v) ^ m);
 }
-// (x0 + x1) + (x2 + x3) in every lane.
-ZEL_INLINE __m128 hsum(__m128 x) {
-    const __m128 y = _mm_add_ps(x, sh<1, 0, 3, 2>(x));
-    return _mm_add_ps(y, sh<2, 3, 0, 1>(y));
+template <class V>
+ZEL_INLINE V neg(V v) {
+    return negate_lanes<true, true, true, true>(v);
+}
+// (x0 + x1) + (x2 + x3) in every lane of each half.
+template <class V>
+ZEL_INLINE V hsum(V x) {
+    const V y = x + sh<1, 0, 3, 2>(x);
+    return y + sh<2, 3, 0, 1>(y);
 }
 ZEL_INLINE float lane0(__m128 v) { return _mm_cvtss_f32(v); }
+// The halves of a vector as 128-bit vectors, and back.
+ZEL_INLINE __m128 half(__m128 v, int) { return v; }
+ZEL_INLINE __m128 half(V8 v, int h) {
+    return h ? __builtin_shufflevector(v, v, 4, 5, 6, 7) : __builtin_shufflevector(v, v, 0, 1, 2, 3);
+}
+ZEL_INLINE V8 join(__m128 lo, __m128 hi) { return __builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7); }
+template <class V>
+inline constexpr int kHalves = int(sizeof(V)) / 16;
+
 // The test of every method: T greater than the magnitude of the determinant.
 ZEL_INLINE bool below(float thr, __m128 det) {
     return _mm_comigt_ss(_mm_set_ss(thr), _mm_andnot_ps(_mm_set1_ps(-0.0f), det)) != 0;
@@ -49,39 +82,43 @@ ZEL_INLINE bool below(float thr, __m128 det) {
 //   C(2, j) = (-1)^j     the same with b3 and p;  C(3, j): b2 and p, (-1)^(j+1)
 // det = b0 . C(0, .) = (x0 + x1) + (x2 + x3): the expansion along A's first
 // column.
+template <class V>
 struct Adj4 {
-    __m128 row[4];
-    __m128 det;  // in every lane
+    V row[4];
+    V det;  // in every lane of the matrix's half
 };
-ZEL_INLINE Adj4 adjugate4(__m128 b0, __m128 b1, __m128 b2, __m128 b3) {
+template <class V>
+ZEL_INLINE Adj4<V> adjugate4(V b0, V b1, V b2, V b3) {
     // lane j: the first, second and third of the columns other than j
-    auto s1 = [](__m128 v) { return sh<1, 0, 0, 0>(v); };
-    auto s2 = [](__m128 v) { return sh<2, 2, 1, 1>(v); };
-    auto s3 = [](__m128 v) { return sh<3, 3, 3, 2>(v); };
-    auto minors = [&](__m128 x, __m128 y, __m128& m1, __m128& m2, __m128& m3) {
-        const __m128 x1 = s1(x), x2 = s2(x), x3 = s3(x), y1 = s1(y), y2 = s2(y), y3 = s3(y);
-        m1 = _mm_sub_ps(_mm_mul_ps(x2, y3), _mm_mul_ps(x3, y2));  // minors over columns k2, k3
-        m2 = _mm_sub_ps(_mm_mul_ps(x1, y3), _mm_mul_ps(x3, y1));  // k1, k3
-        m3 = _mm_sub_ps(_mm_mul_ps(x1, y2), _mm_mul_ps(x2, y1));  // k1, k2
+    auto s1 = [](V v) { return sh<1, 0, 0, 0>(v); };
+    auto s2 = [](V v) { return sh<2, 2, 1, 1>(v); };
+    auto s3 = [](V v) { return sh<3, 3, 3, 2>(v); };
+    auto minors = [&](V x, V y, V& m1, V& m2, V& m3) {
+        const V x1 = s1(x), x2 = s2(x), x3 = s3(x), y1 = s1(y), y2 = s2(y), y3 = s3(y);
+        m1 = x2 * y3 - x3 * y2;  // minors over columns k2, k3
+        m2 = x1 * y3 - x3 * y1;  // k1, k3
+        m3 = x1 * y2 - x2 * y1;  // k1, k2
     };
-    __m128 q1, q2, q3, p1, p2, p3;
+    V q1, q2, q3, p1, p2, p3;
     minors(b2, b3, q1, q2, q3);
     minors(b0, b1, p1, p2, p3);
-    auto row = [&](__m128 e, __m128 m1, __m128 m2, __m128 m3) {
-        return _mm_add_ps(_mm_sub_ps(_mm_mul_ps(s1(e), m1), _mm_mul_ps(s2(e), m2)), _mm_mul_ps(s3(e), m3));
-    };
-    Adj4 a;
+    auto row = [&](V e, V m1, V m2, V m3) { return (s1(e) * m1 - s2(e) * m2) + s3(e) * m3; };
+    Adj4<V> a;
     a.row[0] = negate_lanes<false, true, false, true>(row(b1, q1, q2, q3));
     a.row[1] = negate_lanes<true, false, true, false>(row(b0, q1, q2, q3));
     a.row[2] = negate_lanes<false, true, false, true>(row(b3, p1, p2, p3));
     a.row[3] = negate_lanes<true, false, true, false>(row(b2, p1, p2, p3));
-    a.det = hsum(_mm_mul_ps(b0, a.row[0]));
+    a.det = hsum(b0 * a.row[0]);
     return a;
 }
-// The inverse's rows, after the test: the adjugate times the reciprocal.
-ZEL_INLINE void scale(Adj4& a) {
-    const __m128 r = objects::rcp_newton(a.det);
-    for (auto& x : a.row) x = _mm_mul_ps(x, r);
+// The inverse's rows, after the test: the adjugate times the reciprocal,
+// which the SSE estimate gives for each half.
+ZEL_INLINE __m128 reciprocal(__m128 det) { return objects::rcp_newton(det); }
+ZEL_INLINE V8 reciprocal(V8 det) { return join(objects::rcp_newton(half(det, 0)), objects::rcp_newton(half(det, 1))); }
+template <class V>
+ZEL_INLINE void scale(Adj4<V>& a) {
+    const V r = reciprocal(a.det);
+    for (auto& x : a.row) x = x * r;
 }
 
 ZEL_INLINE const float* row_at(const float* p, std::ptrdiff_t s1, int i) {
@@ -91,34 +128,80 @@ ZEL_INLINE float* row_at(float* p, std::ptrdiff_t s1, int i) {
     return reinterpret_cast<float*>(reinterpret_cast<char*>(p) + std::ptrdiff_t(i) * s1);
 }
 
-ZEL_INLINE Adj4 adjugate4_of(const float* s, std::ptrdiff_t s1) {
-    __m128 r0 = V4::load(row_at(s, s1, 0)), r1 = V4::load(row_at(s, s1, 1)), r2 = V4::load(row_at(s, s1, 2)),
-           r3 = V4::load(row_at(s, s1, 3));
-    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
-    return adjugate4(r0, r1, r2, r3);
+// The matrices of the halves: the source and destination of each, with its
+// row stride.
+struct Mat4 {
+    const float* s;
+    std::ptrdiff_t ss1;
+    float* d;
+    std::ptrdiff_t ds1;
+};
+ZEL_INLINE __m128 rows_at(const Mat4* m, int i, __m128) { return V4::load(row_at(m[0].s, m[0].ss1, i)); }
+ZEL_INLINE V8 rows_at(const Mat4* m, int i, V8) {
+    return join(V4::load(row_at(m[0].s, m[0].ss1, i)), V4::load(row_at(m[1].s, m[1].ss1, i)));
 }
-ZEL_INLINE void store4(const Adj4& a, float* d, std::ptrdiff_t s1) {
-    for (int i = 0; i < 4; ++i) V4::store(row_at(d, s1, i), a.row[i]);
+template <class V>
+ZEL_INLINE Adj4<V> adjugate4_of(const Mat4* m) {
+    const V r0 = rows_at(m, 0, V{}), r1 = rows_at(m, 1, V{}), r2 = rows_at(m, 2, V{}), r3 = rows_at(m, 3, V{});
+    const V t0 = shuf<0, 1, 0, 1>(r0, r1), t1 = shuf<2, 3, 2, 3>(r0, r1);
+    const V t2 = shuf<0, 1, 0, 1>(r2, r3), t3 = shuf<2, 3, 2, 3>(r2, r3);
+    return adjugate4(shuf<0, 2, 0, 2>(t0, t2), shuf<1, 3, 1, 3>(t0, t2), shuf<0, 2, 0, 2>(t1, t3),
+                     shuf<1, 3, 1, 3>(t1, t3));
+}
+// The test for the matrix of half h (no vector crosses into or out of an
+// AVX function by value: clang does not allow it).
+template <class V>
+ZEL_INLINE bool below(float thr, const Adj4<V>& a, int h) {
+    return below(thr, half(a.det, h));
+}
+template <class V>
+ZEL_INLINE void store4(const Adj4<V>& a, const Mat4& m, int h) {
+    for (int i = 0; i < 4; ++i) V4::store(row_at(m.d, m.ds1, i), half(a.row[i], h));
 }
 
 ZEL_INLINE zelStatus invert4(const float* s, std::ptrdiff_t ss1, float* d, std::ptrdiff_t ds1, float thr) {
-    Adj4 a = adjugate4_of(s, ss1);
+    const Mat4 m{s, ss1, d, ds1};
+    auto a = adjugate4_of<__m128>(&m);
     if (below(thr, a.det)) return zelStsErrSingular;
     scale(a);
-    store4(a, d, ds1);
+    store4(a, m, 0);
     return zelStsOk;
 }
 
 // Two matrices in one pass; neither is stored unless both pass the test.
 ZEL_INLINE zelStatus invert4_pair(const float* s, const float* s_next, float* d, float* d_next, float thr) {
-    Adj4 a = adjugate4_of(s, 16), b = adjugate4_of(s_next, 16);
+    const Mat4 m[2] = {{s, 16, d, 16}, {s_next, 16, d_next, 16}};
+    auto a = adjugate4_of<__m128>(&m[0]), b = adjugate4_of<__m128>(&m[1]);
     if (below(thr, a.det) || below(thr, b.det)) return zelStsErrSingular;
     scale(a);
     scale(b);
-    store4(a, d, 16);
-    store4(b, d_next, 16);
+    store4(a, m[0], 0);
+    store4(b, m[1], 0);
     return zelStsOk;
 }
+
+// Objects from..count-1, two at a time in the halves of 256-bit vectors:
+// at(o) gives object o's Mat4. `pairs`: both matrices of a step are tested
+// before either is stored (the aligned pairs); otherwise each is finished in
+// turn. Returns the first object not finished: the end, or where a
+// determinant fails the test (for pairs, the step's first), which the caller
+// redoes one way or the other with the same result.
+template <class At>
+__attribute__((target("avx"), noinline)) int invert4_twos(const At& at, int from, int count, float thr, bool pairs) {
+    int o = from;
+    for (; o + 2 <= count; o += 2) {
+        const Mat4 m[2] = {at(o), at(o + 1)};
+        auto a = adjugate4_of<V8>(m);
+        const bool b0 = below(thr, a, 0), b1 = below(thr, a, 1);
+        if (b0 || (pairs && b1)) return o;
+        scale(a);
+        store4(a, m[0], 0);
+        if (b1) return o + 1;
+        store4(a, m[1], 1);
+    }
+    return o;
+}
+#pragma GCC diagnostic pop
 
 // ---------------------------------------------------------------------------
 // Order 3: with b0, b1, b2 the columns of A, rows of the inverse are the
@@ -191,7 +274,7 @@ ZEL_INLINE Block block(float r, __m128 b, __m128 u, const __m128 (&B)[4], const 
 // The inverse of the Schur complement given by its columns, tested against
 // `thr`, as rows and columns.
 ZEL_INLINE bool schur_inverse(const __m128 (&S)[4], float thr, __m128 (&B)[4], __m128 (&Bc)[4]) {
-    Adj4 a = adjugate4(S[0], S[1], S[2], S[3]);
+    auto a = adjugate4(S[0], S[1], S[2], S[3]);
     if (below(thr, a.det)) return false;
     scale(a);
     for (int i = 0; i < 4; ++i) B[i] = Bc[i] = a.row[i];

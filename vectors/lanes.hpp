@@ -398,25 +398,11 @@ int frob(const Call<T>& __restrict c, int blocked) {
 // CrossProduct of objects packed back to back (stride0 three elements) in the
 // standard form: n objects (n the lane count) are three vectors, taken apart
 // into the element vectors a0, a1, a2 (lane i: object i), computed, and put
-// back. With AVX two such groups ride in the halves of a vector. Shuffles are
-// written as generic shuffles within each 128-bit half, so that they compile
-// for either width.
-template <class V>
-using Elem = std::remove_cvref_t<decltype(V{}[0])>;
+// back. With AVX two such groups ride in the halves of a vector (the
+// shuffles are simd::shuf, within each half).
+using simd::Elem;
+using simd::shuf;
 
-// floats: [a(I0), a(I1), b(I2), b(I3)]; doubles: [a(I0), b(I1)]
-template <int I0, int I1, int I2 = 0, int I3 = 0, class V>
-ZEL_INLINE V shuf(V a, V b) {
-    // __builtin_shufflevector: g++ 12 and clang both have it
-    if constexpr (sizeof(Elem<V>) == 4 && sizeof(V) == 16)
-        return __builtin_shufflevector(a, b, I0, I1, 4 + I2, 4 + I3);
-    else if constexpr (sizeof(Elem<V>) == 4)
-        return __builtin_shufflevector(a, b, I0, I1, 8 + I2, 8 + I3, 4 + I0, 4 + I1, 12 + I2, 12 + I3);
-    else if constexpr (sizeof(V) == 16)
-        return __builtin_shufflevector(a, b, I0, 2 + I1);
-    else
-        return __builtin_shufflevector(a, b, I0, 4 + I1, 2 + I0, 6 + I1);
-}
 // floats: [a0 a1 a2 b0] [b1 b2 c0 c1] [c2 d0 d1 d2] -> [a0 b0 c0 d0] [a1 b1 c1 d1] [a2 b2 c2 d2]
 // doubles: [a0 a1] [a2 b0] [b1 b2] -> [a0 b0] [a1 b1] [a2 b2]
 template <class V>

@@ -480,7 +480,7 @@ zelStatus entry(Call<T>& c) {
         if constexpr (ops.n > 1) unit = unit && c.src[1].s2 == esz;
         if constexpr (!reduction) unit = unit && c.dst[0].s2 == esz;
     }
-    auto run = [unit](const Call<T>& s) -> zelStatus {
+    auto run = [=](const Call<T>& s) -> zelStatus {
         // the single FrobNorm matrix has one kernel for all strides
         if constexpr (O == Op::FrobNorm && !array) return kernel<O, Sig, T, F, true>(s);
         else return unit ? kernel<O, Sig, T, F, true>(s) : kernel<O, Sig, T, F, false>(s);
