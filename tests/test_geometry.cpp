@@ -55,19 +55,13 @@ protected:
 template <int N>
 glm::vec<N, float> gv(const float* p) {
     glm::vec<N, float> v;
-    for (int i = 0; i < N; ++i) v[i] = p[i];
-    return v;
+    return std::memcpy(&v, p, sizeof v), v;
 }
 
 // ---------------------------------------------------------------------------
 // Small vectors, each length against glm: ZEL_V calls the export of length N
 // with `args`, glm's `expr` on the same values (A .. D the glm vectors of
 // a .. d; s, t the scalars); `outs` values written (0: the length).
-template <int N>
-void put(const glm::vec<N, float>& v, float* o) {
-    for (int i = 0; i < N; ++i) o[i] = v[i];
-}
-void put(float v, float* o) { *o = v; }
 
 template <int N>
 void run_vec_rows() {
@@ -79,7 +73,7 @@ void run_vec_rows() {
         const auto check = [&](const char* name, auto ours, auto expr, int outs, float tol) {
             float got[5], want[4];
             std::fill(got, got + 5, kSentinel);
-            ours(got), put(expr, want);
+            ours(got), std::memcpy(want, &expr, sizeof expr);
             outs = outs ? outs : N;
             ASSERT_TRUE(close(got, want, outs, tol)) << name << " v" << N << " trial " << trial;
             ASSERT_EQ(got[outs], kSentinel) << name << " v" << N << " wrote past its result";
@@ -257,9 +251,8 @@ TEST_F(Geometry, ProductsTransposeDeterminantAndInverse) {
         ASSERT_EQ(zelmInvert_m4_32f(a, nullptr, a), zelStsOk);
         ASSERT_TRUE(close(a, inv, 16, 0));
     }
-    float m[16] = {}, det = 1;
-    zelmDet_m4_32f(m, &det);
-    EXPECT_EQ(det, 0.0f);
+    float zero[16] = {}, det = 1;
+    EXPECT_TRUE(zelmDet_m4_32f(zero, &det) == zelStsOk && det == 0.0f);
 }
 
 // Singular by the absolute pivot threshold 12 * 2^-23: the destination is
@@ -433,7 +426,9 @@ struct H3D {
     }
 };
 
-TEST_F(Geometry, EachKernelInItsOrderAndTheDivisionFailure) {
+// count * 6 above 1984 goes to the wrapper (ownGetNumThreads asked, and
+// asked again to fork) with the results and merged status of the direct path.
+TEST_F(Geometry, EachKernelInItsOrderTheDivisionFailureAndTheWrapper) {
     const int steps[][3] = {{1, 1, 1}, {2, 1, 1}, {1, 3, 1}, {1, 1, 2}};
     for (const auto& st : steps) {
         H3D c(st[0], st[1], st[2], 40);
@@ -448,12 +443,6 @@ TEST_F(Geometry, EachKernelInItsOrderAndTheDivisionFailure) {
         EXPECT_EQ(c.call(), zelStsOk);
         c.expect();
     }
-}
-
-// count * 6 above 1984 goes to the wrapper (ownGetNumThreads asked, and
-// asked again to fork); the results and the merged status are those of the
-// direct path.
-TEST_F(Geometry, ThresholdAndWrapper) {
     for (const int count : {330, 331})
         for (const bool failing : {false, true}) {
             H3D c(1, 2, 1, count);
