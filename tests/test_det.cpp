@@ -7,7 +7,7 @@
 #include <limits>
 #include <vector>
 
-#include "square_harness.hpp"
+#include "solvers_harness.hpp"
 
 namespace {
 
@@ -24,19 +24,12 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
     return Method::Extended;
 }
 
-template <class T>
-fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
-    fh::Laid<T> l(row, count, {{"Src", {n, n}}}, {{"pBuffer", n * n + n}, {"pDst", count}}, L);
-    l.num("widthHeight", n);
-    return l;
-}
-
 // The single standard call, contiguous or with an element stride of 2.
 template <class T>
 T det(const Vec<T>& a, int n, bool strided = false) {
     lay::Layout L;
     L.k2 = strided ? 2 : 1;
-    auto l = laid<T>(sq::standard<T>("Det"), 1, n, L);
+    auto l = sq::square_laid<T>(sq::standard<T>("Det"), 1, n, L);
     l.set("Src", 0, a);
     EXPECT_EQ(l.call(), zelStsOk);
     return l.block("pDst")[0];
@@ -67,12 +60,9 @@ TEST(Det, EveryFormAgreesWithEigenAndShowsItsMethod) {
             const T q = std::ldexp(T(1), fh::is64(*row) ? 27 : 12), p = q + 1;
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, sq::kCount, n, L);
-                    std::mt19937 g{unsigned(n)};
-                    Vec<Vec<T>> src;
-                    for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
-                    if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0));
-                    for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
+                    auto l = sq::square_laid<T>(*row, sq::kCount, n, L);
+                    auto src = sq::random_objects(l, "Src", unsigned(n), n, n);
+                    if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0)), l.set("Src", sq::kBad, src[sq::kBad]);
                     const auto at = sq::where(*row, L, n);
                     ASSERT_EQ(l.call(), zelStsOk) << at;
                     EXPECT_TRUE(l.guards_intact()) << at;
@@ -127,14 +117,10 @@ TEST(Det, WorkedExamples) {
 // scratch in place of pBuffer; singular objects among the others.
 TEST(Det, FanOut) {
     const sq::Boundary kBoundaries[] = {
-        {"zelmDet_ma_32f", 4, 5001, false},     {"zelmDet_ma_64f", 4, 5001, true},
-        {"zelmDet_ma_32f_L", 4, 10001, false}, {"zelmDet_ma_32f_L", 4, 5001, true},
-        {"zelmDet_ma_64f_P", 7, 2858, false},
+        {"zelmDet_ma_32f", 4, 5001, false},  {"zelmDet_ma_64f", 4, 5001, true},    {"zelmDet_ma_32f_L", 4, 10001, false},
+        {"zelmDet_ma_32f_L", 4, 5001, true}, {"zelmDet_ma_64f_P", 7, 2858, false},
     };
-    sq::square_fan_out(
-        kBoundaries, zelStsOk,
-        [](const auto& b, auto t, int count, const lay::Layout& L) { return laid<decltype(t)>(fh::row_named(b.name), count, b.n, L); },
-        [](auto& l) { return std::vector(l.block("pDst"), l.block("pDst") + l.count()); });
+    sq::square_fan_out(kBoundaries, zelStsOk, [](auto& l) { return std::vector(l.block("pDst"), l.block("pDst") + l.count()); });
 }
 
 }  // namespace

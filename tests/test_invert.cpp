@@ -9,7 +9,7 @@
 #include <limits>
 #include <vector>
 
-#include "square_harness.hpp"
+#include "solvers_harness.hpp"
 
 namespace {
 
@@ -26,13 +26,6 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
     return n == 3 && std::string(r.sig) == "ma" && *r.form == 'S' ? Method::Scalar : Method::Packed;
 }
 
-template <class T>
-fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
-    fh::Laid<T> l(row, count, {{"Src", {n, n}}, {"Dst", {n, n}}}, {{"pBuffer", n * n + n}}, L);
-    l.num("widthHeight", n);
-    return l;
-}
-
 // The single standard call, contiguous or with an element stride of 2 (the
 // kernel with S2: the scalar method): the status and what stands in the
 // destination, sentinels where nothing was stored.
@@ -40,7 +33,7 @@ template <class T>
 zelStatus invert(const Vec<T>& a, Vec<T>& d, int n, bool strided = false) {
     lay::Layout L;
     L.k2 = L.dst_k2 = strided ? 2 : 1;
-    auto l = laid<T>(sq::standard<T>("Invert"), 1, n, L);
+    auto l = sq::square_laid<T>(sq::standard<T>("Invert"), 1, n, L);
     l.set("Src", 0, a);
     const zelStatus st = l.call();
     d = l.get("Dst", 0);
@@ -91,13 +84,10 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : layouts)
                     for (bool singular : {false, n <= 7}) {
-                        auto l = laid<T>(*row, sq::kCount, n, L);
-                        std::mt19937 g{unsigned(n) + 5 * singular};
-                        Vec<Vec<T>> src;
-                        for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
+                        auto l = sq::square_laid<T>(*row, sq::kCount, n, L);
+                        auto src = sq::random_objects(l, "Src", unsigned(n) + 5 * singular, n, n);
                         const int bad = singular ? (l.count() > 1 ? sq::kBad : 0) : l.count();
-                        if (singular) std::fill(src[bad].begin(), src[bad].end(), T(0));
-                        for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
+                        if (singular) src[bad].assign(src[bad].size(), T(0)), l.set("Src", bad, src[bad]);
                         const auto at = sq::where(*row, L, n) + (singular ? " singular" : "");
                         ASSERT_EQ(l.call(), singular ? zelStsErrSingular : zelStsOk) << at;
                         EXPECT_TRUE(l.guards_intact()) << at;
@@ -109,9 +99,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
                             const auto got = l.get("Dst", k);
                             EXPECT_TRUE(sq::same_bits(got, inverted(src[k], n, m == Method::Scalar))) << at;
                             const Mat A = sq::to_eigen(src[k], n, n);
-                            const Eigen::JacobiSVD<Mat> svd(A);
-                            const double cond = svd.singularValues()(0) / svd.singularValues()(n - 1);
-                            EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * cond * sq::eps<T>())
+                            EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * sq::cond(A) * sq::eps<T>())
                                 << at;
                         }
                         const int rows = m == Method::Pivot ? n - 4 : 0;
@@ -156,7 +144,7 @@ TEST(Invert, WorkedExamplesAndThresholdsPerKernel) {
         const auto a = diagonal(n, T_of<double>(n, 2) * 0.75);
         EXPECT_EQ(invert(a, d, n, false), zelStsErrSingular) << n;
         EXPECT_EQ(invert(a, d, n, true), zelStsOk) << n;
-        auto l = laid<double>(fh::row_named("zelmInvert_m_64f_P"), 1, n);
+        auto l = sq::square_laid<double>(fh::row_named("zelmInvert_m_64f_P"), 1, n);
         l.set("Src", 0, a);
         EXPECT_EQ(l.call(), zelStsOk) << n;
     }
@@ -181,13 +169,12 @@ TEST(Invert, PivotColumnRules) {
         {5, {1, 2, 0, -2, 0}, {}, 3, -1},  // the last of the tied columns 0 .. 3
         {5, {0, 0, 0, 3, -3}, {}, 3, -1},  // column 4 ties with 3: 3
         {5, {0, 1, 0, 0, 2}, {}, 4, -1},   // column 4 only when strictly the greatest
-        {6, {0, 1, 0, 0, 2, -2}, {}, 5, -1},
-        {6, {2, 0, 0, 0, 0, 0}, {0, 1, 0, -1, 0.5f, 0}, 0, 3},
+        {6, {0, 1, 0, 0, 2, -2}, {}, 5, -1}, {6, {2, 0, 0, 0, 0, 0}, {0, 1, 0, -1, 0.5f, 0}, 0, 3},
     };
     for (const auto* name : {"zelmInvert_m_32f", "zelmInvert_ma_32f", "zelmInvert_ma_32f_L"})
         for (const auto& cs : cases) {
             const int n = cs.n;
-            auto l = laid<float>(fh::row_named(name), 1, n);
+            auto l = sq::square_laid<float>(fh::row_named(name), 1, n);
             Vec<float> a(std::size_t(n) * n, 0.0f), want(a.size(), lay::sentinel<float>());
             std::copy(cs.row0.begin(), cs.row0.end(), a.begin());
             std::copy(cs.row1.begin(), cs.row1.end(), a.begin() + n);
@@ -214,14 +201,10 @@ TEST(Invert, PivotColumnRules) {
 // singular object in a slice merged into the call's status.
 TEST(Invert, FanOut) {
     const sq::Boundary kBoundaries[] = {
-        {"zelmInvert_ma_32f", 4, 2501, false},   {"zelmInvert_ma_64f", 4, 2501, true},
-        {"zelmInvert_ma_32f_L", 4, 5001, false}, {"zelmInvert_ma_32f_L", 4, 2501, true},
-        {"zelmInvert_ma_64f_P", 7, 1429, false},
+        {"zelmInvert_ma_32f", 4, 2501, false},  {"zelmInvert_ma_64f", 4, 2501, true},    {"zelmInvert_ma_32f_L", 4, 5001, false},
+        {"zelmInvert_ma_32f_L", 4, 2501, true}, {"zelmInvert_ma_64f_P", 7, 1429, false},
     };
-    sq::square_fan_out(
-        kBoundaries, zelStsErrSingular,
-        [](const auto& b, auto t, int count, const lay::Layout& L) { return laid<decltype(t)>(fh::row_named(b.name), count, b.n, L); },
-        [](auto& l) { return sq::all_of(l); });
+    sq::square_fan_out(kBoundaries, zelStsErrSingular, [](auto& l) { return sq::all_of(l); });
 }
 
 }  // namespace
