@@ -1,11 +1,9 @@
 // Shared by the solver suites. sq (QR, inversion, determinant): layouts,
-// random matrices, Eigen views, bitwise comparison, the standard call as the
-// reference of every form, the parallel wrapper at fixed boundaries. tri_test
-// (LU, Cholesky): the exports laid out on logical objects, a decomposition or
-// a solve checked bit for bit against a family's reference (memory image,
-// tables and guards included), the partial sums of the generic paths, Eigen
-// as the oracle of solutions, the wrapper's limits taken from the family's
-// table and four threads against one.
+// random operands, the standard call as the reference of every form, the
+// parallel wrapper at fixed boundaries. tri_test (LU, Cholesky): a
+// decomposition or solve bit for bit against the family's reference (memory
+// image, tables, guards), Eigen as the oracle of solutions, the wrapper's
+// limits from the family's table and four threads against one.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -77,6 +75,20 @@ Mat to_eigen(const Vec<T>& v, int rows, int cols) {
 template <class T>
 bool same_bits(const Vec<T>& a, const Vec<T>& b) {
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+}
+
+// f(float()), then f(double()).
+template <class F>
+void for_types(F f) {
+    f(float());
+    f(double());
+}
+
+// Whether every address is on a 16-byte boundary (the aligned pairs).
+inline bool aligned16(std::initializer_list<const void*> ps) {
+    for (const void* p : ps)
+        if (reinterpret_cast<std::uintptr_t>(p) % 16) return false;
+    return true;
 }
 
 template <class T>

@@ -41,10 +41,7 @@ T det(const Vec<T>& a, int n, bool strided = false) {
 template <class T>
 Method method_at(Method m, fh::Laid<T>& l, int k) {
     if (m != Method::Pairs) return m;
-    const auto p = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 0, 0));
-    const auto row1 = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 1, 0));
-    const auto next = reinterpret_cast<std::uintptr_t>(&l.at("Src", l.count() > 1 ? 1 : 0, 0, 0));
-    const bool paired = p % 16 == 0 && (row1 - p) % 16 == 0 && (next - p) % 16 == 0;
+    const bool paired = sq::aligned16({&l.at("Src", 0, 0, 0), &l.at("Src", 0, 1, 0), &l.at("Src", l.count() > 1 ? 1 : 0, 0, 0)});
     return paired && k < l.count() / 2 * 2 ? Method::Scalar : Method::Extended;
 }
 
@@ -86,30 +83,28 @@ TEST(Det, EveryFormAgreesWithEigenAndShowsItsMethod) {
         });
 }
 
-template <class T>
-void worked_examples() {
-    const T tiny = std::numeric_limits<T>::min();
-    // exactly 0 in extended precision: all products are exact
-    EXPECT_EQ(det<T>({1, 2, 3, 4, 5, 6, 7, 8, 9}, 3), T(0));
-    // generic path: pivot 2 from row 1, sign -1, l = 0, the result 0
-    EXPECT_EQ(det<T>({1, 2, 2, 4}, 2), T(0));
-    // a first pivot below T(2) = 16 times the smallest normal
-    EXPECT_EQ(det<T>({8 * tiny, 0, 0, 8 * tiny}, 2), T(0));
-    // order 1: the element, or 0 when not above T(1)
-    EXPECT_EQ(det<T>({2 * tiny}, 1), T(0));
-    EXPECT_EQ(det<T>({1}, 1), T(1));
-    // one exchange of rows negates the result
-    EXPECT_EQ(det<T>({0, 1, 1, 0}, 2), T(-1));
-    Vec<T> id(49, T(0));
-    for (int i = 0; i < 7; ++i) id[i * 8] = 1;
-    EXPECT_EQ(det(id, 7), T(1));
-    if constexpr (sizeof(T) == 4) {
-        EXPECT_EQ(det<T>({1e-37f, 0, 0, 1e-37f}, 2), 0.0f);
-    }
-}
 TEST(Det, WorkedExamples) {
-    worked_examples<float>();
-    worked_examples<double>();
+    sq::for_types([](auto t) {
+        using T = decltype(t);
+        const T tiny = std::numeric_limits<T>::min();
+        // exactly 0 in extended precision: all products are exact
+        EXPECT_EQ(det<T>({1, 2, 3, 4, 5, 6, 7, 8, 9}, 3), T(0));
+        // generic path: pivot 2 from row 1, sign -1, l = 0, the result 0
+        EXPECT_EQ(det<T>({1, 2, 2, 4}, 2), T(0));
+        // a first pivot below T(2) = 16 times the smallest normal
+        EXPECT_EQ(det<T>({8 * tiny, 0, 0, 8 * tiny}, 2), T(0));
+        // order 1: the element, or 0 when not above T(1)
+        EXPECT_EQ(det<T>({2 * tiny}, 1), T(0));
+        EXPECT_EQ(det<T>({1}, 1), T(1));
+        // one exchange of rows negates the result
+        EXPECT_EQ(det<T>({0, 1, 1, 0}, 2), T(-1));
+        Vec<T> id(49, T(0));
+        for (int i = 0; i < 7; ++i) id[i * 8] = 1;
+        EXPECT_EQ(det(id, 7), T(1));
+        if constexpr (sizeof(T) == 4) {
+            EXPECT_EQ(det<T>({1e-37f, 0, 0, 1e-37f}, 2), 0.0f);
+        }
+    });
 }
 
 // The parallel wrapper: estimate n count against 20001, 40001 in the 32f

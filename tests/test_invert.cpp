@@ -63,11 +63,6 @@ Vec<T> diagonal(int n, T x) {
     return a;
 }
 
-template <class T>
-bool aligned16(const T* a, const T* b) {
-    return reinterpret_cast<std::uintptr_t>(a) % 16 == 0 && reinterpret_cast<std::uintptr_t>(b) % 16 == 0;
-}
-
 // Every layout, and the contiguous one shifted off 16 bytes (no pairs); no
 // object singular, or object 5 zero (order 1 to 7): the ones before are
 // inverted, the ones after untouched, the singular one keeps what its path
@@ -93,7 +88,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
                         EXPECT_TRUE(l.guards_intact()) << at;
                         const Method m = method_of(*row, L.k2 == 1, n);
                         const bool paired = std::string(row->name) == "zelmInvert_ma_32f" && n == 4 && L.k2 == 1 &&
-                                            aligned16(&l.at("Src", 0, 0, 0), &l.at("Dst", 0, 0, 0));
+                                            sq::aligned16({&l.at("Src", 0, 0, 0), &l.at("Dst", 0, 0, 0)});
                         const int stored = singular && paired ? bad & ~1 : bad;  // the partner of a failing pair is not stored
                         for (int k = 0; k < stored; ++k) {
                             const auto got = l.get("Dst", k);
@@ -113,32 +108,29 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
         });
 }
 
-template <class T>
-void worked_examples() {
-    // a vanishing cofactor of the generic path comes out as T(n), not 0: the
-    // off-diagonal elements of the identity's inverse (at order 2 with the
-    // negative sign of their positions)
-    for (int n : {2, 7}) {
-        const auto x = inverted(diagonal(n, T(1)), n);
-        for (int i = 0; i < n * n; ++i) {
-            const T v = x[std::size_t(i)];
-            EXPECT_EQ(i % (n + 1) == 0 ? v : n == 2 ? -v : std::fabs(v), i % (n + 1) == 0 ? T(1) : T_of<T>(n)) << n;
-        }
-    }
-    // order 1: the element must be above T(1)
-    Vec<T> d;
-    EXPECT_EQ(invert(Vec<T>{T_of<T>(1)}, d, 1), zelStsErrSingular);
-    EXPECT_TRUE(fh::Laid<T>::same(d[0], lay::sentinel<T>()));
-    EXPECT_EQ(inverted(Vec<T>{-4}, 1), Vec<T>{T(-0.25)});
-}
-
 // 64f orders 3 and 4: the contiguous kernels use twice the threshold; the
 // fixed orders pass a determinant equal to T(n), the generic path fails it.
 TEST(Invert, WorkedExamplesAndThresholdsPerKernel) {
     EXPECT_EQ(T_of<float>(2), 1.88079096131566e-37f);
     EXPECT_EQ(T_of<double>(7), 686 * std::ldexp(1.0, -1022));
-    worked_examples<float>();
-    worked_examples<double>();
+    sq::for_types([](auto t) {
+        using T = decltype(t);
+        // a vanishing cofactor of the generic path comes out as T(n), not 0: the
+        // off-diagonal elements of the identity's inverse (at order 2 with the
+        // negative sign of their positions)
+        for (int n : {2, 7}) {
+            const auto x = inverted(diagonal(n, T(1)), n);
+            for (int i = 0; i < n * n; ++i) {
+                const T v = x[std::size_t(i)];
+                EXPECT_EQ(i % (n + 1) == 0 ? v : n == 2 ? -v : std::fabs(v), i % (n + 1) == 0 ? T(1) : T_of<T>(n)) << n;
+            }
+        }
+        // order 1: the element must be above T(1)
+        Vec<T> d;
+        EXPECT_EQ(invert(Vec<T>{T_of<T>(1)}, d, 1), zelStsErrSingular);
+        EXPECT_TRUE(fh::Laid<T>::same(d[0], lay::sentinel<T>()));
+        EXPECT_EQ(inverted(Vec<T>{-4}, 1), Vec<T>{T(-0.25)});
+    });
     Vec<double> d;
     for (int n : {3, 4}) {
         const auto a = diagonal(n, T_of<double>(n, 2) * 0.75);

@@ -113,21 +113,6 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
         });
 }
 
-template <class T>
-void worked_examples() {
-    // the column (3, 4): s = 25, alpha = 5, r = 1/8, reflector entry 0.5, tau = -1.6; x = 1
-    const Vec<T> col{3, 4}, p = decomposed(col, 1, 2);
-    EXPECT_EQ(p, (Vec<T>{-5, T(0.5)}));
-    EXPECT_EQ(solved(p, col, 1, 2), Vec<T>{1});
-    // 1x1: no reflector, no test, the element copied, even 0; x = b / a
-    EXPECT_EQ(decomposed(Vec<T>{0}, 1, 1), Vec<T>{0});
-    EXPECT_EQ(solved(Vec<T>{4}, Vec<T>{3}, 1, 1), Vec<T>{T(0.75)});
-    // the identity of order 4: -1 on the reflected diagonal, the last +1, reflectors 0
-    Vec<T> id(16, T(0)), want(16, T(0));
-    for (int i = 0; i < 4; ++i) id[i * 5] = 1, want[i * 5] = i < 3 ? -1 : 1;
-    EXPECT_EQ(decomposed(id, 4, 4), want);
-}
-
 // A column whose squared norm x^2 + y^2 is exactly the threshold passes; one
 // below it, or a column far from zero in the type's terms whose squared norm
 // is below, fails.
@@ -140,8 +125,20 @@ void rank_threshold(T x, T y, T column) {
 }
 
 TEST(QR, WorkedExamplesAndTheStrictRankThreshold) {
-    worked_examples<float>();
-    worked_examples<double>();
+    sq::for_types([](auto t) {
+        using T = decltype(t);
+        // the column (3, 4): s = 25, alpha = 5, r = 1/8, reflector entry 0.5, tau = -1.6; x = 1
+        const Vec<T> col{3, 4}, p = decomposed(col, 1, 2);
+        EXPECT_EQ(p, (Vec<T>{-5, T(0.5)}));
+        EXPECT_EQ(solved(p, col, 1, 2), Vec<T>{1});
+        // 1x1: no reflector, no test, the element copied, even 0; x = b / a
+        EXPECT_EQ(decomposed(Vec<T>{0}, 1, 1), Vec<T>{0});
+        EXPECT_EQ(solved(Vec<T>{4}, Vec<T>{3}, 1, 1), Vec<T>{T(0.75)});
+        // the identity of order 4: -1 on the reflected diagonal, the last +1, reflectors 0
+        Vec<T> id(16, T(0)), want(16, T(0));
+        for (int i = 0; i < 4; ++i) id[i * 5] = 1, want[i * 5] = i < 3 ? -1 : 1;
+        EXPECT_EQ(decomposed(id, 4, 4), want);
+    });
     rank_threshold<float>(std::ldexp(1.0f, -12), std::ldexp(1.0f, -12), 1e-4f);  // 2^-24 + 2^-24
     rank_threshold<double>(std::ldexp(1.0, -26), 0.0, 1e-9);                     // 2^-52
 }
