@@ -9,7 +9,7 @@
 #include <xmmintrin.h>
 
 #include "solvers/cholesky_table.hpp"
-#include "triangular_harness.hpp"
+#include "solvers_harness.hpp"
 
 namespace {
 
@@ -119,29 +119,17 @@ double residual(const Vec<T>& A, Laid<T>& l, int o, int n) {
     return worst;
 }
 
-// 19 objects (whole batches of lanes and a rest), object 10 failing at row
-// i (A(i, i) = -1, or the 1x1 zero), or none failing (i = -1, also in
-// place).
+// Object 10 fails at row i: A(i, i) = -1, or the 1x1 zero.
 TEST(Cholesky, DecompositionAndWhatStandsAfterAMatrixThatIsNotPositiveDefinite) {
-    unsigned seed = 1;
-    for (const auto* row : fh::exports_of({"CholeskyDecomp"}))
-        for (int n = 1; n <= 9; ++n)
-            for (int i = -1; i < n; ++i)
-                fh::with_type(*row, [&](auto t) {
-                    using T = decltype(t);
-                    std::mt19937 g(seed++);
-                    std::vector<Vec<T>> mats;
-                    for (int o = 0; o < 19; ++o) mats.push_back(spd_matrix<T>(g, n));
-                    if (i >= 0) mats[10][i * n + i] = n == 1 ? 0 : -1;
-                    if (!is_array(*row)) mats = {mats[10]};
-                    for (bool in_place : {false, i < 0})
-                        check_decomp<T>(*row, n, mats, layouts()[(i + 2) % 2], in_place, chol_ref<T>,
-                                        [&](Laid<T>& l) {
-                                            if (!in_place) hide_upper(l, "Dst", n);
-                                            hide_upper(l, "Src", n);
-                                        },
-                                        [&](Laid<T>& l, int o) { return residual(mats[o], l, o, n); });
-                });
+    check_decomps(
+        "CholeskyDecomp", [](auto t, std::mt19937& g, int n, int) { return spd_matrix<decltype(t)>(g, n); },
+        [](auto& A, int n, int i) { A[i * n + i] = n == 1 ? 0 : -1; }, [](const auto& A, int n, bool p) { return chol_ref(A, n, p); },
+        [](auto& l, bool in_place) {
+            const int n = l.args.nums.at("widthHeight");
+            if (!in_place) hide_upper(l, "Dst", n);
+            hide_upper(l, "Src", n);
+        },
+        [](const auto& A, auto& l, int o, int n) { return residual(A, l, o, n); });
 }
 
 // Status of 16 matrices diag(1, ..., 1, d) by the last radicand d: zero
@@ -153,9 +141,16 @@ TEST(Cholesky, RadicandTests) {
         double d;
         bool fails, fails_p;
     } cases[] = {
-        {3, 1e-9, false, true}, {3, 0x1p-23, false, true}, {3, 0x1.000002p-23, false, false},
-        {4, 1e-9, false, false}, {2, 1e-30, false, false}, {7, 1e-30, false, false}, {6, 0, true, true},
-        {3, -1e-30, true, true}, {8, 0, true, true}, {3, std::nan(""), false, false},
+        {3, 1e-9, false, true},
+        {3, 0x1p-23, false, true},
+        {3, 0x1.000002p-23, false, false},
+        {4, 1e-9, false, false},
+        {2, 1e-30, false, false},
+        {7, 1e-30, false, false},
+        {6, 0, true, true},
+        {3, -1e-30, true, true},
+        {8, 0, true, true},
+        {3, std::nan(""), false, false},
     };
     for (const auto* row : fh::exports_of({"CholeskyDecomp"}))
         for (const auto& k : cases)
@@ -181,28 +176,21 @@ TEST(Cholesky, DocumentedExample) {
 // From reference factors (NaN and null pointers above the diagonal); b may
 // be the destination at every order.
 TEST(Cholesky, BackSubstitution) {
-    unsigned seed = 500;
-    for (const auto* row : fh::exports_of({"CholeskyBackSubst"}))
-        for (int n = 1; n <= 9; ++n)
-            for (int k = 0; k < 3; ++k)
-                fh::with_type(*row, [&](auto t) {
-                    using T = decltype(t);
-                    auto factor = [&](Laid<T>& l, int o, const Vec<T>& A) {
-                        const Expect<T> e = chol_ref(A, n, false);
-                        l.set("Src1", o, e.f);
-                        if (o + 1 == mats_of(*row, l.count())) hide_upper(l, "Src1", n);
-                        return e;
-                    };
-                    check_solve<T>(*row, n, layouts()[k % 2], k == 2, seed++, spd_matrix<T>, factor, solve_ref<T>);
-                });
+    check_solves(
+        "CholeskyBackSubst", [](int) { return true; }, [](auto t, std::mt19937& g, int n) { return spd_matrix<decltype(t)>(g, n); },
+        [](const auto& A, int n) { return chol_ref(A, n, false); },
+        [](auto& l, int o, const auto& F) {
+            l.set("Src1", o, F.f);
+            if (o + 1 == l.objects("Src1")) hide_upper(l, "Src1", int(std::sqrt(F.f.size())));
+        },
+        [](const auto& F, const auto& b, const std::string& sig) { return solve_ref(F, b, sig); });
 }
 
 // The wrapper at the limits of the table; four threads against one, at
 // order 30 with 11 objects and at order 4 with 4001 (lanes in every slice):
-// a failing object stops its own slice only.
+// a failing object stops its own slice only. Matrices from spd_matrix,
+// A(n/2, n/2) of object `bad` -1, their factors for the solves.
 TEST(Cholesky, FanOut) {
-    // matrices from spd_matrix, A(n/2, n/2) of object `bad` -1, their factors
-    // for the back-substitution
     auto fill = [](const reg::ExportRow& row, auto& l, int bad) {
         using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
         const int n = l.args.nums.at("widthHeight");
@@ -215,14 +203,10 @@ TEST(Cholesky, FanOut) {
         }
         if (!dec) l.fill("Src2", [&](int o, int, int c) { return std::sin(o + 3.0 * c); });
     };
-    expect_limits({"CholeskyDecomp", "CholeskyBackSubst"}, zel::cholesky::kLimits,
-                  [&](const reg::ExportRow& row, auto& l) { fill(row, l, -1); });
-    for (auto [n, count, bad] : {std::tuple{30, 11, 4}, std::tuple{4, 4001, 1500}}) {
-        auto done = [&](auto& l, int o) { return residual(l.get("Src", o), l, o, n) < 1e-5; };
-        auto untouched = [&](auto& l, int o) { return std::isnan(l.at("Dst", o, 0, 0)); };
-        expect_threads({"CholeskyDecomp", "CholeskyBackSubst"}, n, count, bad, zelStsErrNotPosDefinite,
-                       [&](const reg::ExportRow& row, auto& l) { fill(row, l, bad); }, done, untouched);
-    }
+    fan_out(
+        {"CholeskyDecomp", "CholeskyBackSubst"}, zel::cholesky::kLimits, {{30, 11, 4}, {4, 4001, 1500}}, zelStsErrNotPosDefinite, fill,
+        [](auto& l, int o, int n) { return residual(l.get("Src", o), l, o, n) < 1e-5; },
+        [](auto& l, int o) { return std::isnan(l.at("Dst", o, 0, 0)); });
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <limits>
 #include <vector>
 
-#include "square_harness.hpp"
+#include "solvers_harness.hpp"
 
 namespace {
 
@@ -24,19 +24,12 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
     return Method::Extended;
 }
 
-template <class T>
-fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
-    fh::Laid<T> l(row, count, {{"Src", {n, n}}}, {{"pBuffer", n * n + n}, {"pDst", count}}, L);
-    l.num("widthHeight", n);
-    return l;
-}
-
 // The single standard call, contiguous or with an element stride of 2.
 template <class T>
 T det(const Vec<T>& a, int n, bool strided = false) {
     lay::Layout L;
     L.k2 = strided ? 2 : 1;
-    auto l = laid<T>(sq::standard<T>("Det"), 1, n, L);
+    auto l = sq::square_laid<T>(sq::standard<T>("Det"), 1, n, L);
     l.set("Src", 0, a);
     EXPECT_EQ(l.call(), zelStsOk);
     return l.block("pDst")[0];
@@ -48,10 +41,7 @@ T det(const Vec<T>& a, int n, bool strided = false) {
 template <class T>
 Method method_at(Method m, fh::Laid<T>& l, int k) {
     if (m != Method::Pairs) return m;
-    const auto p = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 0, 0));
-    const auto row1 = reinterpret_cast<std::uintptr_t>(&l.at("Src", 0, 1, 0));
-    const auto next = reinterpret_cast<std::uintptr_t>(&l.at("Src", l.count() > 1 ? 1 : 0, 0, 0));
-    const bool paired = p % 16 == 0 && (row1 - p) % 16 == 0 && (next - p) % 16 == 0;
+    const bool paired = sq::aligned16({&l.at("Src", 0, 0, 0), &l.at("Src", 0, 1, 0), &l.at("Src", l.count() > 1 ? 1 : 0, 0, 0)});
     return paired && k < l.count() / 2 * 2 ? Method::Scalar : Method::Extended;
 }
 
@@ -67,12 +57,9 @@ TEST(Det, EveryFormAgreesWithEigenAndShowsItsMethod) {
             const T q = std::ldexp(T(1), fh::is64(*row) ? 27 : 12), p = q + 1;
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, sq::kCount, n, L);
-                    std::mt19937 g{unsigned(n)};
-                    Vec<Vec<T>> src;
-                    for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
-                    if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0));
-                    for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
+                    auto l = sq::square_laid<T>(*row, sq::kCount, n, L);
+                    auto src = sq::random_objects(l, "Src", unsigned(n), n, n);
+                    if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0)), l.set("Src", sq::kBad, src[sq::kBad]);
                     const auto at = sq::where(*row, L, n);
                     ASSERT_EQ(l.call(), zelStsOk) << at;
                     EXPECT_TRUE(l.guards_intact()) << at;
@@ -96,30 +83,28 @@ TEST(Det, EveryFormAgreesWithEigenAndShowsItsMethod) {
         });
 }
 
-template <class T>
-void worked_examples() {
-    const T tiny = std::numeric_limits<T>::min();
-    // exactly 0 in extended precision: all products are exact
-    EXPECT_EQ(det<T>({1, 2, 3, 4, 5, 6, 7, 8, 9}, 3), T(0));
-    // generic path: pivot 2 from row 1, sign -1, l = 0, the result 0
-    EXPECT_EQ(det<T>({1, 2, 2, 4}, 2), T(0));
-    // a first pivot below T(2) = 16 times the smallest normal
-    EXPECT_EQ(det<T>({8 * tiny, 0, 0, 8 * tiny}, 2), T(0));
-    // order 1: the element, or 0 when not above T(1)
-    EXPECT_EQ(det<T>({2 * tiny}, 1), T(0));
-    EXPECT_EQ(det<T>({1}, 1), T(1));
-    // one exchange of rows negates the result
-    EXPECT_EQ(det<T>({0, 1, 1, 0}, 2), T(-1));
-    Vec<T> id(49, T(0));
-    for (int i = 0; i < 7; ++i) id[i * 8] = 1;
-    EXPECT_EQ(det(id, 7), T(1));
-    if constexpr (sizeof(T) == 4) {
-        EXPECT_EQ(det<T>({1e-37f, 0, 0, 1e-37f}, 2), 0.0f);
-    }
-}
 TEST(Det, WorkedExamples) {
-    worked_examples<float>();
-    worked_examples<double>();
+    sq::for_types([](auto t) {
+        using T = decltype(t);
+        const T tiny = std::numeric_limits<T>::min();
+        // exactly 0 in extended precision: all products are exact
+        EXPECT_EQ(det<T>({1, 2, 3, 4, 5, 6, 7, 8, 9}, 3), T(0));
+        // generic path: pivot 2 from row 1, sign -1, l = 0, the result 0
+        EXPECT_EQ(det<T>({1, 2, 2, 4}, 2), T(0));
+        // a first pivot below T(2) = 16 times the smallest normal
+        EXPECT_EQ(det<T>({8 * tiny, 0, 0, 8 * tiny}, 2), T(0));
+        // order 1: the element, or 0 when not above T(1)
+        EXPECT_EQ(det<T>({2 * tiny}, 1), T(0));
+        EXPECT_EQ(det<T>({1}, 1), T(1));
+        // one exchange of rows negates the result
+        EXPECT_EQ(det<T>({0, 1, 1, 0}, 2), T(-1));
+        Vec<T> id(49, T(0));
+        for (int i = 0; i < 7; ++i) id[i * 8] = 1;
+        EXPECT_EQ(det(id, 7), T(1));
+        if constexpr (sizeof(T) == 4) {
+            EXPECT_EQ(det<T>({1e-37f, 0, 0, 1e-37f}, 2), 0.0f);
+        }
+    });
 }
 
 // The parallel wrapper: estimate n count against 20001, 40001 in the 32f
@@ -127,14 +112,10 @@ TEST(Det, WorkedExamples) {
 // scratch in place of pBuffer; singular objects among the others.
 TEST(Det, FanOut) {
     const sq::Boundary kBoundaries[] = {
-        {"zelmDet_ma_32f", 4, 5001, false},     {"zelmDet_ma_64f", 4, 5001, true},
-        {"zelmDet_ma_32f_L", 4, 10001, false}, {"zelmDet_ma_32f_L", 4, 5001, true},
-        {"zelmDet_ma_64f_P", 7, 2858, false},
+        {"zelmDet_ma_32f", 4, 5001, false},  {"zelmDet_ma_64f", 4, 5001, true},    {"zelmDet_ma_32f_L", 4, 10001, false},
+        {"zelmDet_ma_32f_L", 4, 5001, true}, {"zelmDet_ma_64f_P", 7, 2858, false},
     };
-    sq::square_fan_out(
-        kBoundaries, zelStsOk,
-        [](const auto& b, auto t, int count, const lay::Layout& L) { return laid<decltype(t)>(fh::row_named(b.name), count, b.n, L); },
-        [](auto& l) { return std::vector(l.block("pDst"), l.block("pDst") + l.count()); });
+    sq::square_fan_out(kBoundaries, zelStsOk, [](auto& l) { return std::vector(l.block("pDst"), l.block("pDst") + l.count()); });
 }
 
 }  // namespace

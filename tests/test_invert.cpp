@@ -9,7 +9,7 @@
 #include <limits>
 #include <vector>
 
-#include "square_harness.hpp"
+#include "solvers_harness.hpp"
 
 namespace {
 
@@ -26,13 +26,6 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
     return n == 3 && std::string(r.sig) == "ma" && *r.form == 'S' ? Method::Scalar : Method::Packed;
 }
 
-template <class T>
-fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
-    fh::Laid<T> l(row, count, {{"Src", {n, n}}, {"Dst", {n, n}}}, {{"pBuffer", n * n + n}}, L);
-    l.num("widthHeight", n);
-    return l;
-}
-
 // The single standard call, contiguous or with an element stride of 2 (the
 // kernel with S2: the scalar method): the status and what stands in the
 // destination, sentinels where nothing was stored.
@@ -40,7 +33,7 @@ template <class T>
 zelStatus invert(const Vec<T>& a, Vec<T>& d, int n, bool strided = false) {
     lay::Layout L;
     L.k2 = L.dst_k2 = strided ? 2 : 1;
-    auto l = laid<T>(sq::standard<T>("Invert"), 1, n, L);
+    auto l = sq::square_laid<T>(sq::standard<T>("Invert"), 1, n, L);
     l.set("Src", 0, a);
     const zelStatus st = l.call();
     d = l.get("Dst", 0);
@@ -70,11 +63,6 @@ Vec<T> diagonal(int n, T x) {
     return a;
 }
 
-template <class T>
-bool aligned16(const T* a, const T* b) {
-    return reinterpret_cast<std::uintptr_t>(a) % 16 == 0 && reinterpret_cast<std::uintptr_t>(b) % 16 == 0;
-}
-
 // Every layout, and the contiguous one shifted off 16 bytes (no pairs); no
 // object singular, or object 5 zero (order 1 to 7): the ones before are
 // inverted, the ones after untouched, the singular one keeps what its path
@@ -91,27 +79,22 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : layouts)
                     for (bool singular : {false, n <= 7}) {
-                        auto l = laid<T>(*row, sq::kCount, n, L);
-                        std::mt19937 g{unsigned(n) + 5 * singular};
-                        Vec<Vec<T>> src;
-                        for (int k = 0; k < l.count(); ++k) src.push_back(sq::random_matrix<T>(g, n, n));
+                        auto l = sq::square_laid<T>(*row, sq::kCount, n, L);
+                        auto src = sq::random_objects(l, "Src", unsigned(n) + 5 * singular, n, n);
                         const int bad = singular ? (l.count() > 1 ? sq::kBad : 0) : l.count();
-                        if (singular) std::fill(src[bad].begin(), src[bad].end(), T(0));
-                        for (int k = 0; k < l.count(); ++k) l.set("Src", k, src[k]);
+                        if (singular) src[bad].assign(src[bad].size(), T(0)), l.set("Src", bad, src[bad]);
                         const auto at = sq::where(*row, L, n) + (singular ? " singular" : "");
                         ASSERT_EQ(l.call(), singular ? zelStsErrSingular : zelStsOk) << at;
                         EXPECT_TRUE(l.guards_intact()) << at;
                         const Method m = method_of(*row, L.k2 == 1, n);
                         const bool paired = std::string(row->name) == "zelmInvert_ma_32f" && n == 4 && L.k2 == 1 &&
-                                            aligned16(&l.at("Src", 0, 0, 0), &l.at("Dst", 0, 0, 0));
+                                            sq::aligned16({&l.at("Src", 0, 0, 0), &l.at("Dst", 0, 0, 0)});
                         const int stored = singular && paired ? bad & ~1 : bad;  // the partner of a failing pair is not stored
                         for (int k = 0; k < stored; ++k) {
                             const auto got = l.get("Dst", k);
                             EXPECT_TRUE(sq::same_bits(got, inverted(src[k], n, m == Method::Scalar))) << at;
                             const Mat A = sq::to_eigen(src[k], n, n);
-                            const Eigen::JacobiSVD<Mat> svd(A);
-                            const double cond = svd.singularValues()(0) / svd.singularValues()(n - 1);
-                            EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * cond * sq::eps<T>())
+                            EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * sq::cond(A) * sq::eps<T>())
                                 << at;
                         }
                         const int rows = m == Method::Pivot ? n - 4 : 0;
@@ -125,38 +108,35 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
         });
 }
 
-template <class T>
-void worked_examples() {
-    // a vanishing cofactor of the generic path comes out as T(n), not 0: the
-    // off-diagonal elements of the identity's inverse (at order 2 with the
-    // negative sign of their positions)
-    for (int n : {2, 7}) {
-        const auto x = inverted(diagonal(n, T(1)), n);
-        for (int i = 0; i < n * n; ++i) {
-            const T v = x[std::size_t(i)];
-            EXPECT_EQ(i % (n + 1) == 0 ? v : n == 2 ? -v : std::fabs(v), i % (n + 1) == 0 ? T(1) : T_of<T>(n)) << n;
-        }
-    }
-    // order 1: the element must be above T(1)
-    Vec<T> d;
-    EXPECT_EQ(invert(Vec<T>{T_of<T>(1)}, d, 1), zelStsErrSingular);
-    EXPECT_TRUE(fh::Laid<T>::same(d[0], lay::sentinel<T>()));
-    EXPECT_EQ(inverted(Vec<T>{-4}, 1), Vec<T>{T(-0.25)});
-}
-
 // 64f orders 3 and 4: the contiguous kernels use twice the threshold; the
 // fixed orders pass a determinant equal to T(n), the generic path fails it.
 TEST(Invert, WorkedExamplesAndThresholdsPerKernel) {
     EXPECT_EQ(T_of<float>(2), 1.88079096131566e-37f);
     EXPECT_EQ(T_of<double>(7), 686 * std::ldexp(1.0, -1022));
-    worked_examples<float>();
-    worked_examples<double>();
+    sq::for_types([](auto t) {
+        using T = decltype(t);
+        // a vanishing cofactor of the generic path comes out as T(n), not 0: the
+        // off-diagonal elements of the identity's inverse (at order 2 with the
+        // negative sign of their positions)
+        for (int n : {2, 7}) {
+            const auto x = inverted(diagonal(n, T(1)), n);
+            for (int i = 0; i < n * n; ++i) {
+                const T v = x[std::size_t(i)];
+                EXPECT_EQ(i % (n + 1) == 0 ? v : n == 2 ? -v : std::fabs(v), i % (n + 1) == 0 ? T(1) : T_of<T>(n)) << n;
+            }
+        }
+        // order 1: the element must be above T(1)
+        Vec<T> d;
+        EXPECT_EQ(invert(Vec<T>{T_of<T>(1)}, d, 1), zelStsErrSingular);
+        EXPECT_TRUE(fh::Laid<T>::same(d[0], lay::sentinel<T>()));
+        EXPECT_EQ(inverted(Vec<T>{-4}, 1), Vec<T>{T(-0.25)});
+    });
     Vec<double> d;
     for (int n : {3, 4}) {
         const auto a = diagonal(n, T_of<double>(n, 2) * 0.75);
         EXPECT_EQ(invert(a, d, n, false), zelStsErrSingular) << n;
         EXPECT_EQ(invert(a, d, n, true), zelStsOk) << n;
-        auto l = laid<double>(fh::row_named("zelmInvert_m_64f_P"), 1, n);
+        auto l = sq::square_laid<double>(fh::row_named("zelmInvert_m_64f_P"), 1, n);
         l.set("Src", 0, a);
         EXPECT_EQ(l.call(), zelStsOk) << n;
     }
@@ -181,13 +161,12 @@ TEST(Invert, PivotColumnRules) {
         {5, {1, 2, 0, -2, 0}, {}, 3, -1},  // the last of the tied columns 0 .. 3
         {5, {0, 0, 0, 3, -3}, {}, 3, -1},  // column 4 ties with 3: 3
         {5, {0, 1, 0, 0, 2}, {}, 4, -1},   // column 4 only when strictly the greatest
-        {6, {0, 1, 0, 0, 2, -2}, {}, 5, -1},
-        {6, {2, 0, 0, 0, 0, 0}, {0, 1, 0, -1, 0.5f, 0}, 0, 3},
+        {6, {0, 1, 0, 0, 2, -2}, {}, 5, -1}, {6, {2, 0, 0, 0, 0, 0}, {0, 1, 0, -1, 0.5f, 0}, 0, 3},
     };
     for (const auto* name : {"zelmInvert_m_32f", "zelmInvert_ma_32f", "zelmInvert_ma_32f_L"})
         for (const auto& cs : cases) {
             const int n = cs.n;
-            auto l = laid<float>(fh::row_named(name), 1, n);
+            auto l = sq::square_laid<float>(fh::row_named(name), 1, n);
             Vec<float> a(std::size_t(n) * n, 0.0f), want(a.size(), lay::sentinel<float>());
             std::copy(cs.row0.begin(), cs.row0.end(), a.begin());
             std::copy(cs.row1.begin(), cs.row1.end(), a.begin() + n);
@@ -214,14 +193,10 @@ TEST(Invert, PivotColumnRules) {
 // singular object in a slice merged into the call's status.
 TEST(Invert, FanOut) {
     const sq::Boundary kBoundaries[] = {
-        {"zelmInvert_ma_32f", 4, 2501, false},   {"zelmInvert_ma_64f", 4, 2501, true},
-        {"zelmInvert_ma_32f_L", 4, 5001, false}, {"zelmInvert_ma_32f_L", 4, 2501, true},
-        {"zelmInvert_ma_64f_P", 7, 1429, false},
+        {"zelmInvert_ma_32f", 4, 2501, false},  {"zelmInvert_ma_64f", 4, 2501, true},    {"zelmInvert_ma_32f_L", 4, 5001, false},
+        {"zelmInvert_ma_32f_L", 4, 2501, true}, {"zelmInvert_ma_64f_P", 7, 1429, false},
     };
-    sq::square_fan_out(
-        kBoundaries, zelStsErrSingular,
-        [](const auto& b, auto t, int count, const lay::Layout& L) { return laid<decltype(t)>(fh::row_named(b.name), count, b.n, L); },
-        [](auto& l) { return sq::all_of(l); });
+    sq::square_fan_out(kBoundaries, zelStsErrSingular, [](auto& l) { return sq::all_of(l); });
 }
 
 }  // namespace

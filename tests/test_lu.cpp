@@ -9,7 +9,7 @@
 #include <numeric>
 
 #include "solvers/lu_table.hpp"
-#include "triangular_harness.hpp"
+#include "solvers_harness.hpp"
 
 namespace {
 
@@ -128,34 +128,21 @@ double residual(const Vec<T>& A, const Vec<T>& F, const int* p, int n) {
     return worst;
 }
 
-template <class T>
-void check(const reg::ExportRow& row, int n, const std::vector<Vec<T>>& mats, const lay::Layout& L, bool in_place) {
-    check_decomp<T>(row, n, mats, L, in_place, lu_ref<T>, [](auto&) {}, [&](Laid<T>& l, int o) {
-        return residual(mats[o], l.get("Dst", o), l.index("pDstIndex") + o * n, n);
-    });
-}
-
-// 19 objects (whole batches of lanes and a rest), object 10 with column c
-// zero, so that it fails at stage c (at the last pivot for c = n-1), or no
-// column zero (c = -1, also in place).
+// Object 10 with column c zero fails at stage c (at the last pivot for
+// c = n-1); the other objects mix full mantissas and exact ties.
 TEST(LU, DecompositionAndWhatStandsAfterASingularMatrix) {
-    unsigned seed = 1;
-    for (const auto* row : fh::exports_of({"LUDecomp"}))
-        for (int n = 1; n <= 9; ++n)
-            for (int c = -1; c < n; ++c)
-                fh::with_type(*row, [&](auto t) {
-                    using T = decltype(t);
-                    std::mt19937 g(seed++);
-                    std::vector<Vec<T>> mats;
-                    for (int o = 0; o < 19; ++o) mats.push_back(random_matrix<T>(g, n, o + n));
-                    for (int r = 0; r < n && c >= 0; ++r) mats[10][r * n + c] = 0;
-                    if (!is_array(*row)) mats = {mats[10]};
-                    check<T>(*row, n, mats, layouts()[(c + 2) % 2], false);
-                    if (c < 0) check<T>(*row, n, mats, layouts()[1], true);
-                });
+    check_decomps(
+        "LUDecomp", [](auto t, std::mt19937& g, int n, int o) { return random_matrix<decltype(t)>(g, n, o + n); },
+        [](auto& A, int n, int c) {
+            for (int r = 0; r < n; ++r) A[r * n + c] = 0;
+        },
+        [](const auto& A, int n, bool p) { return lu_ref(A, n, p); }, [](auto&, bool) {},
+        [](const auto& A, auto& l, int o, int n) { return residual(A, l.get("Dst", o), l.index("pDstIndex") + o * n, n); });
 }
 
-// Status of 16 identities with element (0, 0) replaced, by path and type.
+// Status of 16 identities with element (0, 0) replaced (v < 0: -v I), by
+// path and type: the fixed orders test strictly against 2^-125 (2^-1021),
+// the others at or below 2^-23 (2^-52); NaN passes.
 TEST(LU, PivotThresholdsAtTheirBoundaries) {
     const double nan = std::nan("");
     const struct {
@@ -164,19 +151,30 @@ TEST(LU, PivotThresholdsAtTheirBoundaries) {
         double v;
         zelStatus st;
     } cases[] = {
-        {false, 3, 0x1p-125, 0}, {false, 6, 0x1p-125, 0}, {false, 4, 0x1p-126, -195}, {true, 5, 0x1p-1021, 0},
-        {true, 3, 0x1p-1022, -195}, {false, 7, 0x1p-23, -195}, {false, 2, 0x1.000002p-23, 0}, {false, 1, 0x1p-23, -195},
-        {false, 1, 1e-8, -195}, {true, 8, 0x1p-52, -195}, {true, 7, 0x1.0000000000001p-52, 0}, {false, 3, nan, 0},
-        {false, 7, nan, 0}, {true, 2, nan, 0},
-        // 1e-8 I (32f) and 1e-20 I (64f): the fixed order 6 factors, order 7 does not
-        {false, 6, -1e-8, 0}, {false, 7, -1e-8, -195}, {true, 6, -1e-20, 0}, {true, 7, -1e-20, -195},
+        {false, 3, 0x1p-125, 0},
+        {false, 6, 0x1p-125, 0},
+        {false, 4, 0x1p-126, -195},
+        {true, 5, 0x1p-1021, 0},
+        {true, 3, 0x1p-1022, -195},
+        {false, 7, 0x1p-23, -195},
+        {false, 2, 0x1.000002p-23, 0},
+        {false, 1, 0x1p-23, -195},
+        {false, 1, 1e-8, -195},
+        {true, 8, 0x1p-52, -195},
+        {true, 7, 0x1.0000000000001p-52, 0},
+        {false, 3, nan, 0},
+        {false, 7, nan, 0},
+        {true, 2, nan, 0},
+        {false, 6, -1e-8, 0},
+        {false, 7, -1e-8, -195},
+        {true, 6, -1e-20, 0},
+        {true, 7, -1e-20, -195},
     };
     for (const auto* row : fh::exports_of({"LUDecomp"}))
         for (const auto& k : cases)
             if (k.is64 == fh::is64(*row))
                 fh::with_type(*row, [&](auto t) {
-                    using T = decltype(t);
-                    auto l = laid<T>(*row, k.n, 16);
+                    auto l = laid<decltype(t)>(*row, k.n, 16);
                     l.fill("Src", [&](int, int r, int c) { return k.v < 0 ? (r == c) * -k.v : r + c == 0 ? k.v : r == c; });
                     EXPECT_EQ(l.call(), k.st) << row->name << " n=" << k.n << " " << k.v;
                 });
@@ -198,20 +196,15 @@ TEST(LU, DocumentedExample) {
 // From factors of system_matrix; pDst == pSrc2 at the exact orders, where all
 // of b is read before the first store.
 TEST(LU, BackSubstitution) {
-    unsigned seed = 500;
-    for (const auto* row : fh::exports_of({"LUBackSubst"}))
-        for (int n = 1; n <= 9; ++n)
-            for (int k = 0; k < (fixed_order(n) ? 3 : 2); ++k)
-                fh::with_type(*row, [&](auto t) {
-                    using T = decltype(t);
-                    auto factor = [&](Laid<T>& l, int o, const Vec<T>& A) {
-                        const Expect<T> e = lu_ref(A, n, false);
-                        l.set("Src1", o, e.f);
-                        std::copy(e.p.begin(), e.p.end(), l.index("pSrcIndex") + o * n);
-                        return e;
-                    };
-                    check_solve<T>(*row, n, layouts()[k % 2], k == 2, seed++, system_matrix<T>, factor, solve_ref<T>);
-                });
+    check_solves(
+        "LUBackSubst", fixed_order, [](auto t, std::mt19937& g, int n) { return system_matrix<decltype(t)>(g, n); },
+        [](const auto& A, int n) { return lu_ref(A, n, false); },
+        [](auto& l, int o, const auto& F) {
+            const int n = int(F.p.size());
+            l.set("Src1", o, F.f);
+            std::copy(F.p.begin(), F.p.end(), l.index("pSrcIndex") + o * n);
+        },
+        [](const auto& F, const auto& b, const std::string& sig) { return solve_ref(F, b, sig); });
 }
 
 // Destinations that reach the next object's source: the objects are taken
@@ -245,10 +238,9 @@ TEST(LU, OverlappingObjectsInOrder) {
 
 // The wrapper at the limits of the table; four threads against one, at
 // order 61 with 11 objects and at order 4 with 4001 (lanes in every slice):
-// a singular object stops its own slice only.
+// a singular object stops its own slice only. Diagonally dominant factors,
+// object `bad` with column n/2 zero, a permuted table for the solves.
 TEST(LU, FanOut) {
-    // diagonally dominant factors, an object `bad` with column n/2 zero, a
-    // permuted table for the back-substitution
     auto fill = [](const reg::ExportRow& row, auto& l, int bad) {
         const int n = l.args.nums.at("widthHeight");
         std::mt19937 g(9);
@@ -260,13 +252,10 @@ TEST(LU, FanOut) {
         l.fill("Src2", [&](int, int, int) { return rand_in<double>(g, -1, 1); });
         for (int i = 0; i < n * mats_of(row, l.count()); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % n;
     };
-    expect_limits({"LUDecomp", "LUBackSubst"}, zel::lu::kLimits, [&](const reg::ExportRow& row, auto& l) { fill(row, l, -1); });
-    for (auto [n, count, bad] : {std::tuple{61, 11, 4}, std::tuple{4, 4001, 1500}}) {
-        auto done = [&](auto& l, int o) { return residual(l.get("Src", o), l.get("Dst", o), l.index("pDstIndex") + o * n, n) < 1e-5; };
-        auto untouched = [&](auto& l, int o) { return l.index("pDstIndex")[o * n] == 0x5A5A5A5A; };
-        expect_threads({"LUDecomp", "LUBackSubst"}, n, count, bad, zelStsErrSingular,
-                       [&](const reg::ExportRow& row, auto& l) { fill(row, l, bad); }, done, untouched);
-    }
+    fan_out(
+        {"LUDecomp", "LUBackSubst"}, zel::lu::kLimits, {{61, 11, 4}, {4, 4001, 1500}}, zelStsErrSingular, fill,
+        [](auto& l, int o, int n) { return residual(l.get("Src", o), l.get("Dst", o), l.index("pDstIndex") + o * n, n) < 1e-5; },
+        [](auto& l, int o) { return l.index("pDstIndex")[o * l.args.nums.at("widthHeight")] == 0x5A5A5A5A; });
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <cmath>
 #include <vector>
 
-#include "square_harness.hpp"
+#include "solvers_harness.hpp"
 
 namespace {
 
@@ -22,8 +22,7 @@ fh::Laid<T> laid(const reg::ExportRow& row, int count, int w, int h, const lay::
     std::map<std::string, std::string> alias;
     if (in_place) alias["Dst"] = dec ? "Src" : "Src2";
     fh::Laid<T> l(row, count,
-                  dec ? fh::Shapes{{"Src", {h, w}}, {"Dst", {h, w}}}
-                      : fh::Shapes{{"Src1", {h, w}}, {"Src2", {1, h}}, {"Dst", {1, w}}},
+                  dec ? fh::Shapes{{"Src", {h, w}}, {"Dst", {h, w}}} : fh::Shapes{{"Src1", {h, w}}, {"Src2", {1, h}}, {"Dst", {1, w}}},
                   {{"pBuffer", h}}, L, 1, alias);
     l.num("width", w);
     l.num("height", h);
@@ -74,8 +73,7 @@ Mat rebuilt(const Vec<T>& p, int w, int h) {
 // Fixed orders, rectangles, and sizes beyond the local copy (the
 // decomposition then works in the destination; columns of 16 and more sum
 // d in eight).
-const std::pair<int, int> kShapes[] = {{1, 1}, {1, 3}, {2, 3}, {3, 3}, {4, 4}, {5, 5},
-                                       {6, 6}, {3, 5}, {8, 8}, {9, 9}, {4, 17}, {2, 40}};
+const std::pair<int, int> kShapes[] = {{1, 1}, {1, 3}, {2, 3}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {3, 5}, {8, 8}, {9, 9}, {4, 17}, {2, 40}};
 
 TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
     for (const auto* row : fh::exports_of({"QRDecomp", "QRBackSubst"}))
@@ -86,13 +84,11 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
                 for (const auto& L : sq::layouts())
                     for (bool in_place : {false, w == h && L.k2 > 1}) {
                         auto l = laid<T>(*row, sq::kCount, w, h, L, in_place);
-                        std::mt19937 g(unsigned(w * 31 + h));
-                        Vec<Vec<T>> a, qr, b;
-                        for (int n = 0; n < l.objects(dec ? "Src" : "Src1"); ++n) {
-                            a.push_back(sq::random_matrix<T>(g, h, w));
-                            qr.push_back(decomposed(a[n], w, h));
-                            l.set(dec ? "Src" : "Src1", n, dec ? a[n] : qr[n]);
-                        }
+                        const auto a = sq::random_objects(l, dec ? "Src" : "Src1", unsigned(w * 31 + h), h, w);
+                        std::mt19937 g(1);
+                        Vec<Vec<T>> qr, b;
+                        for (const auto& m : a) qr.push_back(decomposed(m, w, h));
+                        for (int n = 0; !dec && n < int(a.size()); ++n) l.set("Src1", n, qr[n]);
                         for (int n = 0; !dec && n < l.count(); ++n) l.set("Src2", n, b.emplace_back(sq::random_matrix<T>(g, 1, h)));
                         const auto at = sq::where(*row, L, w) + "x" + std::to_string(h) + (in_place ? " in place" : "");
                         ASSERT_EQ(l.call(), zelStsOk) << at;
@@ -105,35 +101,16 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
                                 ASSERT_TRUE(sq::same_bits(got, qr[n])) << at;
                                 EXPECT_LE((rebuilt(got, w, h) - A).norm(), 64 * sq::eps<T>() * A.norm()) << at;
                                 // the sign rule: R(0,0) is -alpha, alpha negative unless a(0,0) > 0
-                                if (h > 1) {
-                                    EXPECT_EQ(got[0] > 0, !(a[n][0] > 0)) << at;
-                                }
+                                EXPECT_TRUE(h == 1 || (got[0] > 0) == !(a[n][0] > 0)) << at;
                                 continue;
                             }
                             ASSERT_TRUE(sq::same_bits(got, solved(qr[m], b[n], w, h))) << at;
                             const Eigen::VectorXd want = A.colPivHouseholderQr().solve(sq::to_eigen(b[n], h, 1));
-                            const Eigen::JacobiSVD<Mat> svd(A);
-                            const double cond = svd.singularValues()(0) / svd.singularValues()(w - 1);
-                            EXPECT_LE((sq::to_eigen(got, w, 1) - want).norm(), 64 * cond * cond * sq::eps<T>() * (1 + want.norm()))
-                                << at;
+                            const double c = sq::cond(A);
+                            EXPECT_LE((sq::to_eigen(got, w, 1) - want).norm(), 64 * c * c * sq::eps<T>() * (1 + want.norm())) << at;
                         }
                     }
         });
-}
-
-template <class T>
-void worked_examples() {
-    // the column (3, 4): s = 25, alpha = 5, r = 1/8, reflector entry 0.5, tau = -1.6; x = 1
-    const Vec<T> col{3, 4}, p = decomposed(col, 1, 2);
-    EXPECT_EQ(p, (Vec<T>{-5, T(0.5)}));
-    EXPECT_EQ(solved(p, col, 1, 2), Vec<T>{1});
-    // 1x1: no reflector, no test, the element copied, even 0; x = b / a
-    EXPECT_EQ(decomposed(Vec<T>{0}, 1, 1), Vec<T>{0});
-    EXPECT_EQ(solved(Vec<T>{4}, Vec<T>{3}, 1, 1), Vec<T>{T(0.75)});
-    // the identity of order 4: -1 on the reflected diagonal, the last +1, reflectors 0
-    Vec<T> id(16, T(0)), want(16, T(0));
-    for (int i = 0; i < 4; ++i) id[i * 5] = 1, want[i * 5] = i < 3 ? -1 : 1;
-    EXPECT_EQ(decomposed(id, 4, 4), want);
 }
 
 // A column whose squared norm x^2 + y^2 is exactly the threshold passes; one
@@ -148,8 +125,20 @@ void rank_threshold(T x, T y, T column) {
 }
 
 TEST(QR, WorkedExamplesAndTheStrictRankThreshold) {
-    worked_examples<float>();
-    worked_examples<double>();
+    sq::for_types([](auto t) {
+        using T = decltype(t);
+        // the column (3, 4): s = 25, alpha = 5, r = 1/8, reflector entry 0.5, tau = -1.6; x = 1
+        const Vec<T> col{3, 4}, p = decomposed(col, 1, 2);
+        EXPECT_EQ(p, (Vec<T>{-5, T(0.5)}));
+        EXPECT_EQ(solved(p, col, 1, 2), Vec<T>{1});
+        // 1x1: no reflector, no test, the element copied, even 0; x = b / a
+        EXPECT_EQ(decomposed(Vec<T>{0}, 1, 1), Vec<T>{0});
+        EXPECT_EQ(solved(Vec<T>{4}, Vec<T>{3}, 1, 1), Vec<T>{T(0.75)});
+        // the identity of order 4: -1 on the reflected diagonal, the last +1, reflectors 0
+        Vec<T> id(16, T(0)), want(16, T(0));
+        for (int i = 0; i < 4; ++i) id[i * 5] = 1, want[i * 5] = i < 3 ? -1 : 1;
+        EXPECT_EQ(decomposed(id, 4, 4), want);
+    });
     rank_threshold<float>(std::ldexp(1.0f, -12), std::ldexp(1.0f, -12), 1e-4f);  // 2^-24 + 2^-24
     rank_threshold<double>(std::ldexp(1.0, -26), 0.0, 1e-9);                     // 2^-52
 }
@@ -165,12 +154,10 @@ TEST(QR, RankDeficiencyStopsTheArrayWithTheFinishedSteps) {
             for (const auto& [w, h] : {std::pair{4, 5}, std::pair{4, 4}})
                 for (const auto& L : sq::layouts()) {
                     auto l = laid<T>(*row, sq::kCount, w, h, L);
-                    std::mt19937 g(7);
-                    Vec<Vec<T>> src;
-                    for (int n = 0; n < l.count(); ++n) src.push_back(sq::random_matrix<T>(g, h, w));
+                    auto src = sq::random_objects(l, "Src", 7, h, w);
                     const int bad = l.count() > 1 ? sq::kBad : 0;
                     for (int i = 0; i < h; ++i) src[bad][i * w + 1] = 2 * src[bad][i * w];  // column 1 = 2 column 0
-                    for (int n = 0; n < l.count(); ++n) l.set("Src", n, src[n]);
+                    l.set("Src", bad, src[bad]);
                     const auto at = sq::where(*row, L, w) + "x" + std::to_string(h);
                     ASSERT_EQ(l.call(), zelStsErrDivByZero) << at;
                     for (int k = 0; k < bad; ++k) EXPECT_TRUE(sq::same_bits(l.get("Dst", k), decomposed(src[k], w, h))) << at;
@@ -200,39 +187,26 @@ TEST(QR, RankDeficiencyStopsTheArrayWithTheFinishedSteps) {
 // works in the destination, both use the scratch): decomposition 160 c;
 // mava 122 c. A zero column in the last slice is merged into the status.
 TEST(QR, FanOut) {
-    const struct {
-        const char* name;
-        int w, h, at;
-        bool strided;
-    } kBoundaries[] = {
-        {"zelmQRDecomp_ma_32f", 4, 4, 88, false},       {"zelmQRDecomp_ma_64f", 4, 4, 88, true},
-        {"zelmQRDecomp_ma_32f_L", 4, 4, 57, false},     {"zelmQRDecomp_ma_64f_P", 4, 4, 57, false},
-        {"zelmQRBackSubst_mva_32f", 4, 4, 349, true},  {"zelmQRBackSubst_mva_64f_L", 4, 4, 224, false},
-        {"zelmQRBackSubst_mava_64f", 4, 4, 117, false}, {"zelmQRBackSubst_mava_32f_P", 4, 4, 76, false},
-        {"zelmQRDecomp_ma_64f_P", 2, 40, 12, false},    {"zelmQRBackSubst_mava_32f_L", 2, 40, 15, true},
+    const sq::Boundary kBoundaries[] = {
+        {"zelmQRDecomp_ma_32f", 4, 88, false},       {"zelmQRDecomp_ma_64f", 4, 88, true},
+        {"zelmQRDecomp_ma_32f_L", 4, 57, false},     {"zelmQRDecomp_ma_64f_P", 4, 57, false},
+        {"zelmQRBackSubst_mva_32f", 4, 349, true},   {"zelmQRBackSubst_mva_64f_L", 4, 224, false},
+        {"zelmQRBackSubst_mava_64f", 4, 117, false}, {"zelmQRBackSubst_mava_32f_P", 4, 76, false},
+        {"zelmQRDecomp_ma_64f_P", 2, 12, false, 40}, {"zelmQRBackSubst_mava_32f_L", 2, 15, true, 40},
     };
-    for (const auto& b : kBoundaries)
-        fh::with_type(fh::row_named(b.name), [&](auto t) {
-            using T = decltype(t);
-            const auto& row = fh::row_named(b.name);
-            const bool dec = is_dec(row);
-            lay::Layout L;
-            L.k2 = L.dst_k2 = b.strided ? 2 : 1;
-            auto filled = [&](int count) {
-                auto l = laid<T>(row, count, b.w, b.h, L);
-                std::mt19937 g(9);
-                auto random = [&](int, int, int) { return sq::random_matrix<T>(g, 1, 1)[0]; };
-                l.fill(dec ? "Src" : "Src2", random);
-                for (int n = 0; !dec && n < l.objects("Src1"); ++n)
-                    l.set("Src1", n, decomposed(sq::random_matrix<T>(g, b.h, b.w), b.w, b.h));
-                return l;
-            };
-            sq::fan_out_checks<T>(b.name, b.at, b.at + 3, filled, [](fh::Laid<T>& l) { return sq::all_of(l); });
-            if (!dec) return;
-            auto l = filled(b.at + 3);
-            for (int i = 0; i < b.h; ++i) l.at("Src", b.at + 1, i, 0) = 0;
-            subst::Scope scope(4);
-            EXPECT_EQ(l.call(), zelStsErrDivByZero) << b.name;
+    sq::square_fan_out(
+        kBoundaries, zelStsErrDivByZero,
+        [](const auto& b, auto t, int count, const lay::Layout& L) {
+            return laid<decltype(t)>(fh::row_named(b.name), count, b.n, b.h ? b.h : b.n, L);
+        },
+        [](auto& l) { return sq::all_of(l); }, [](const auto& b, auto& l) {  // the solves: factors of random matrices, random b
+            using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
+            const int h = b.h ? b.h : b.n;
+            if (is_dec(fh::row_named(b.name))) return false;
+            std::mt19937 g(9);
+            for (int n = 0; n < l.objects("Src1"); ++n) l.set("Src1", n, decomposed(sq::random_matrix<T>(g, h, b.n), b.n, h));
+            sq::random_objects(l, "Src2", 5, 1, h);
+            return true;
         });
 }
 

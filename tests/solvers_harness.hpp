@@ -1,0 +1,450 @@
+// Shared by the solver suites. sq (QR, inversion, determinant): layouts,
+// random operands, the standard call as the reference of every form, the
+// parallel wrapper at fixed boundaries. tri_test (LU, Cholesky): a
+// decomposition or solve bit for bit against the family's reference (memory
+// image, tables, guards), Eigen as the oracle of solutions, the wrapper's
+// limits from the family's table and four threads against one.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <Eigen/Dense>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "forms_harness.hpp"
+#include "solvers/triangular.hpp"
+#include "substitutes.hpp"
+
+namespace sq {
+
+using Mat = Eigen::MatrixXd;
+template <class T>
+using Vec = std::vector<T>;
+
+// Objects of an array case: more than one batch of the widest lanes (8) and
+// a remainder; a failing object in the middle of the second batch of four.
+inline constexpr int kCount = 11;
+inline constexpr int kBad = 5;
+
+// Dense (16-byte aligned where the allocator gives it), and gaps everywhere:
+// an element stride of 2 (3 in the destination), padded rows, gaps between
+// objects, a shift, interleaved pointer-form objects.
+inline std::vector<lay::Layout> layouts() {
+    lay::Layout dense, gaps;
+    dense.scramble = false;
+    gaps.k2 = 2, gaps.dst_k2 = 3, gaps.pad1 = 1, gaps.pad0 = 2, gaps.lead = 1, gaps.shift = 3, gaps.soa = false;
+    gaps.label = "gaps";
+    return {dense, gaps};
+}
+
+// The single-object standard export of an operation in T's type.
+template <class T>
+const reg::ExportRow& standard(const std::string& op) {
+    return fh::row_named("zelm" + op + "_m" + (op.find("BackSubst") != std::string::npos ? "v" : "") + (sizeof(T) == 4 ? "_32f" : "_64f"));
+}
+
+template <class T>
+Vec<T> random_matrix(std::mt19937& g, int rows, int cols) {
+    Vec<T> v(std::size_t(rows) * cols);
+    for (auto& x : v) x = lay::random_value<T>(g) / T(8);
+    return v;
+}
+
+// `count` random rows x cols objects in group `grp` of l: their values.
+template <class T>
+Vec<Vec<T>> random_objects(fh::Laid<T>& l, const std::string& grp, unsigned seed, int rows, int cols) {
+    std::mt19937 g(seed);
+    Vec<Vec<T>> src;
+    for (int k = 0; k < l.objects(grp); ++k) l.set(grp, k, src.emplace_back(random_matrix<T>(g, rows, cols)));
+    return src;
+}
+
+template <class T>
+Mat to_eigen(const Vec<T>& v, int rows, int cols) {
+    Mat m(rows, cols);
+    for (int i = 0; i < rows; ++i)
+        for (int j = 0; j < cols; ++j) m(i, j) = double(v[std::size_t(i) * cols + j]);
+    return m;
+}
+
+template <class T>
+bool same_bits(const Vec<T>& a, const Vec<T>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+}
+
+// f(float()), then f(double()).
+template <class F>
+void for_types(F f) {
+    f(float());
+    f(double());
+}
+
+// Whether every address is on a 16-byte boundary (the aligned pairs).
+inline bool aligned16(std::initializer_list<const void*> ps) {
+    for (const void* p : ps)
+        if (reinterpret_cast<std::uintptr_t>(p) % 16) return false;
+    return true;
+}
+
+template <class T>
+constexpr double eps() {
+    return std::numeric_limits<T>::epsilon();
+}
+
+// The 2-norm condition number of a square A.
+inline double cond(const Mat& A) {
+    const Eigen::JacobiSVD<Mat> svd(A);
+    return svd.singularValues()(0) / svd.singularValues()(A.cols() - 1);
+}
+
+inline std::string where(const reg::ExportRow& r, const lay::Layout& L, int n) {
+    return std::string(r.name) + " " + L.label + " order " + std::to_string(n);
+}
+
+// An inversion (Src, Dst) or determinant (Src, pDst) call on n x n objects.
+template <class T>
+fh::Laid<T> square_laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
+    const bool det = std::string(row.op) == "Det";
+    fh::Laid<T> l(row, count, det ? fh::Shapes{{"Src", {n, n}}} : fh::Shapes{{"Src", {n, n}}, {"Dst", {n, n}}},
+                  det ? fh::Blocks{{"pBuffer", n * n + n}, {"pDst", count}} : fh::Blocks{{"pBuffer", n * n + n}}, L);
+    l.num("widthHeight", n);
+    return l;
+}
+
+// All destination objects of a call, one after the other.
+template <class T>
+Vec<T> all_of(fh::Laid<T>& l) {
+    Vec<T> v;
+    for (int n = 0; n < l.count(); ++n) {
+        const auto o = l.get("Dst", n);
+        v.insert(v.end(), o.begin(), o.end());
+    }
+    return v;
+}
+
+// An export at the fan-out limit of its kernel: the first object count that
+// reaches the limit for h x n objects (h 0: square), contiguous or strided.
+struct Boundary {
+    const char* name;
+    int n, at;
+    bool strided;
+    int h = 0;
+};
+
+// The parallel wrapper of one export. `make(count)` lays out and fills a call
+// of `count` objects, `results(l)` reads all its destinations as one vector.
+// One object below `at` the direct path (ownGetNumThreads not asked), at it the
+// wrapper forks (asked twice); 1 thread, 4 threads and 4 threads whose
+// scratch allocation fails give the same bits, with one block per forking
+// call freed once and the caller's pBuffer left alone.
+template <class T, class Make, class Results>
+void fan_out_checks(const std::string& name, int at, int count, Make make, Results results) {
+    for (int c : {at - 1, at}) {
+        auto l = make(c);
+        subst::Scope scope(2);
+        l.call();
+        EXPECT_EQ(subst::thread_queries, c == at ? 2 : 0) << name << " " << c;
+    }
+    Vec<T> out[3];
+    for (int k = 0; k < 3; ++k) {
+        auto l = make(count);
+        subst::Scope scope(k ? 4 : 1, -1, k == 2);
+        ASSERT_EQ(l.call(), zelStsOk) << name;
+        EXPECT_EQ(subst::mallocs.load(), k ? 1 : 0) << name;
+        EXPECT_EQ(subst::frees.load(), k == 1 ? 1 : 0) << name;
+        if (k == 1) {
+            EXPECT_TRUE(fh::Laid<T>::same(l.block("pBuffer")[0], lay::sentinel<T>())) << name;
+        }
+        out[k] = results(l);
+    }
+    EXPECT_TRUE(same_bits(out[0], out[1])) << name;
+    EXPECT_TRUE(same_bits(out[0], out[2])) << name;
+}
+
+// fan_out_checks for each boundary: `laid(b, T(), count, L)` lays out a call
+// (square_laid by default);
+// `fill(b, l)` fills its operands and says so, or random sources (one of them
+// zero when the family has no failure, `fails` 0) go in; with those, on 4
+// threads, a zero object in a slice gives the call's status `fails`.
+template <std::size_t N, class Make, class Results, class Fill>
+void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Make laid, Results results, Fill fill) {
+    for (const auto& b : bs)
+        fh::with_type(fh::row_named(b.name), [&](auto t) {
+            using T = decltype(t);
+            lay::Layout L;
+            L.k2 = L.dst_k2 = b.strided ? 2 : 1;
+            const int h = b.h ? b.h : b.n;
+            bool custom = false;
+            auto filled = [&](int count) {
+                auto l = laid(b, t, count, L);
+                if (!(custom = fill(b, l))) random_objects(l, "Src", 4, h, b.n);
+                if (fails == zelStsOk) l.set("Src", count / 2, Vec<T>(std::size_t(h) * b.n, T(0)));
+                return l;
+            };
+            fan_out_checks<T>(b.name, b.at, b.at + 1, filled, results);
+            auto l = filled(b.at + 1);
+            if (custom) return;
+            l.set("Src", b.at - 1, Vec<T>(std::size_t(h) * b.n, T(0)));
+            subst::Scope scope(4);
+            EXPECT_EQ(l.call(), fails) << b.name;
+        });
+}
+template <std::size_t N, class Results>
+void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Results results) {
+    square_fan_out(
+        bs, fails,
+        [](const auto& b, auto t, int count, const lay::Layout& L) {
+            return square_laid<decltype(t)>(fh::row_named(b.name), count, b.n, L);
+        },
+        results, [](const auto&, auto&) { return false; });
+}
+
+}  // namespace sq
+
+namespace tri_test {
+
+template <class T>
+using Laid = fh::Laid<T>;
+using sq::Vec;
+
+inline bool is_decomp(const reg::ExportRow& r) { return std::string(r.sig).find('v') == std::string::npos; }
+inline bool is_array(const reg::ExportRow& r) { return std::string(r.sig).find('a') != std::string::npos; }
+// matrices (and pivot tables) of a call: one per object in "ma" and "mava"
+inline int mats_of(const reg::ExportRow& r, int count) { return std::string(r.sig) == "ma" || std::string(r.sig) == "mava" ? count : 1; }
+
+// Src and Dst, or Src1 (factors), Src2 (b) and Dst (x), at order n, and the
+// pivot table block of the LU exports.
+template <class T>
+Laid<T> laid(const reg::ExportRow& row, int n, int count, const lay::Layout& L = {}, bool in_place = false) {
+    const bool dec = is_decomp(row);
+    const fh::Shapes shapes =
+        dec ? fh::Shapes{{"Src", {n, n}}, {"Dst", {n, n}}} : fh::Shapes{{"Src1", {n, n}}, {"Src2", {1, n}}, {"Dst", {1, n}}};
+    fh::Blocks blocks;
+    if (std::string(row.op).rfind("LU", 0) == 0) blocks[dec ? "pDstIndex" : "pSrcIndex"] = mats_of(row, count) * n;
+    std::map<std::string, std::string> alias;
+    if (in_place) alias["Dst"] = dec ? "Src" : "Src2";
+    Laid<T> l(row, count, shapes, blocks, L, unsigned(n + count), alias);
+    l.num("widthHeight", n);
+    return l;
+}
+
+template <class T>
+T rand_in(std::mt19937& g, double lo, double hi) {
+    return T(std::uniform_real_distribution<double>(lo, hi)(g));
+}
+
+// The memory of a group as it must be after a call: what it held before,
+// with the elements the call stores replaced.
+template <class T>
+struct Image {
+    Laid<T>& l;
+    std::string g;
+    Vec<T> mem;
+    Image(Laid<T>& laid, const std::string& group) : l(laid), g(group), mem(laid.memory(group)) {}
+    void put(int n, int r, int c, T v) { mem[&l.at(g, n, r, c) - l.memory(g).data()] = v; }
+    bool matches() const { return std::memcmp(mem.data(), l.memory(g).data(), mem.size() * sizeof(T)) == 0; }
+};
+
+// The generic paths' inner products: `narrow` accumulators below eight
+// terms, eight from eight on, round-robin up to the last full round, added
+// pairwise, the rest one by one; the first starts at `start`, sign -1
+// subtracts.
+template <class T>
+T partial(const Vec<T>& t, T start, int sign, int narrow) {
+    const int K = int(t.size()), lanes = K >= 8 ? 8 : narrow, m = K - K % lanes;
+    Vec<T> c(lanes, T(0));
+    c[0] = start;
+    for (int k = 0; k < m; ++k) c[k % lanes] = sign > 0 ? c[k % lanes] + t[k] : c[k % lanes] - t[k];
+    for (int w = lanes; w > 1; w /= 2)
+        for (int j = 0; j < w / 2; ++j) c[j] = c[2 * j] + c[2 * j + 1];
+    for (int k = m; k < K; ++k) c[0] = sign > 0 ? c[0] + t[k] : c[0] - t[k];
+    return c[0];
+}
+
+// What a decomposition leaves: the factors, which elements it has stored
+// when it returns, the table, the status.
+template <class T>
+struct Expect {
+    Vec<T> f;
+    std::vector<char> stored;
+    std::vector<int> p;
+    zelStatus st = zelStsOk;
+};
+
+// A decomposition export on one matrix per object: `ref(A, n, pointer
+// form)` gives each object's Expect, up to the first failure (later objects
+// and their tables untouched); `prepare(laid)` runs before the memory is
+// taken as the image; `residual(laid, o)` of the completed objects is small.
+template <class T, class Ref, class Prepare, class Residual>
+void check_decomp(const reg::ExportRow& row, int n, const std::vector<Vec<T>>& mats, const lay::Layout& L, bool in_place, Ref ref,
+                  Prepare prepare, Residual residual) {
+    SCOPED_TRACE(std::string(row.name) + " n=" + std::to_string(n) + " " + L.label + (in_place ? " in place" : ""));
+    const int count = int(mats.size());
+    auto l = laid<T>(row, n, count, L, in_place);
+    for (int o = 0; o < count; ++o) l.set("Src", o, mats[o]);
+    prepare(l);
+    Image<T> img(l, "Dst");
+    const bool lu = l.args.ptrs.count("pDstIndex");
+    std::vector<int> table(lu ? l.index("pDstIndex") : nullptr, lu ? l.index("pDstIndex") + count * n + 8 : nullptr);
+    zelStatus want = zelStsOk;
+    int done = 0;
+    for (; done < count && want == zelStsOk; ++done) {
+        const Expect<T> e = ref(mats[done], n, row.form[0] == 'P');
+        for (int k = 0; k < n * n; ++k)
+            if (e.stored[k]) img.put(done, k / n, k % n, e.f[k]);
+        if (lu) std::copy(e.p.begin(), e.p.end(), table.begin() + done * n);
+        want = e.st;
+    }
+    ASSERT_EQ(l.call(), want);
+    EXPECT_TRUE(img.matches());
+    EXPECT_TRUE(!lu || std::equal(table.begin(), table.end(), l.index("pDstIndex")));
+    EXPECT_TRUE(l.guards_intact());
+    for (int o = 0; o < done - (want != zelStsOk); ++o) EXPECT_LT(residual(l, o), sizeof(T) == 4 ? 1e-5 : 1e-14) << o;
+}
+
+// Every decomposition export of `op` at orders 1 to 9 on 19 objects (whole
+// batches of lanes and a rest) from `make(T(), g, n, o)`: `spoil(A, n, c)`
+// makes object 10 fail at step c, or none fails (c = -1, also in place);
+// then check_decomp, `prepare(l, in_place)`, `residual(A, l, o, n)`.
+template <class Make, class Spoil, class Ref, class Prepare, class Residual>
+void check_decomps(const std::string& op, Make make, Spoil spoil, Ref ref, Prepare prepare, Residual residual) {
+    unsigned seed = 1;
+    for (const auto* row : fh::exports_of({op}))
+        for (int n = 1; n <= 9; ++n)
+            for (int c = -1; c < n; ++c)
+                fh::with_type(*row, [&](auto t) {
+                    using T = decltype(t);
+                    std::mt19937 g(seed++);
+                    std::vector<Vec<T>> mats;
+                    for (int o = 0; o < 19; ++o) mats.push_back(make(t, g, n, o));
+                    if (c >= 0) spoil(mats[10], n, c);
+                    if (!is_array(*row)) mats = {mats[10]};
+                    for (bool in_place : {false, c < 0})
+                        check_decomp<T>(
+                            *row, n, mats, sq::layouts()[(c + 2) % 2], in_place, ref, [&](Laid<T>& l) { prepare(l, in_place); },
+                            [&](Laid<T>& l, int o) { return residual(mats[o], l, o, n); });
+                });
+}
+
+// x against Eigen's double-precision solution of A x = b (row-major A).
+template <class T>
+::testing::AssertionResult near_solution(const Vec<T>& A, const Vec<T>& b, const Vec<T>& x, int n) {
+    const Eigen::MatrixXd M = Eigen::Map<const Eigen::Matrix<T, -1, -1, Eigen::RowMajor>>(A.data(), n, n).template cast<double>();
+    const Eigen::VectorXd e = M.partialPivLu().solve(Eigen::Map<const Eigen::Matrix<T, -1, 1>>(b.data(), n).template cast<double>());
+    for (int i = 0; i < n; ++i)
+        if (!(std::fabs(x[i] - e(i)) <= (sizeof(T) == 4 ? 2e-4 : 1e-11) * (1 + e.cwiseAbs().maxCoeff())))
+            return ::testing::AssertionFailure() << "x(" << i << ") = " << x[i] << ", Eigen " << e(i);
+    return ::testing::AssertionSuccess();
+}
+
+// Every solve export of `op` at orders 1 to 9 on systems A x = b, in both
+// layouts and, where `in_place(n)`, with b as the destination: `factor(A, n)`
+// gives the reference factors (an Expect), `lay_out(l, o, F)` puts them in
+// the call, `solve(F, b, signature)` is the reference x; the destination (or
+// b) holds its bits and Eigen's solution, nothing else is written. 19
+// objects: whole batches of lanes and a rest.
+template <class Make, class Factor, class LayOut, class Solve, class InPlace>
+void check_solves(const std::string& op, InPlace in_place, Make make, Factor factor, LayOut lay_out, Solve solve) {
+    unsigned seed = 500;
+    for (const auto* row : fh::exports_of({op}))
+        for (int n = 1; n <= 9; ++n)
+            for (int k = 0; k < (in_place(n) ? 3 : 2); ++k)
+                fh::with_type(*row, [&](auto t) {
+                    using T = decltype(t);
+                    const lay::Layout L = sq::layouts()[k % 2];
+                    SCOPED_TRACE(std::string(row->name) + " n=" + std::to_string(n) + " " + L.label + (k == 2 ? " in place" : ""));
+                    std::mt19937 g(seed++);
+                    auto l = laid<T>(*row, n, 19, L, k == 2);
+                    std::vector<Vec<T>> A, b;
+                    std::vector<Expect<T>> F;
+                    for (int o = 0; o < mats_of(*row, l.count()); ++o) {
+                        A.push_back(make(t, g, n)), F.push_back(factor(A[o], n));
+                        lay_out(l, o, F[o]);
+                    }
+                    const std::string xg = k == 2 ? "Src2" : "Dst";
+                    Image<T> img(l, xg);
+                    for (int o = 0; o < l.count(); ++o) {
+                        b.emplace_back(n);
+                        for (auto& v : b[o]) v = rand_in<T>(g, -4, 4);
+                        l.set("Src2", o, b[o]);
+                        const Vec<T> x = solve(F[A.size() > 1 ? o : 0], b[o], std::string(row->sig));
+                        for (int i = 0; i < n; ++i) img.put(o, 0, i, x[i]);
+                    }
+                    Image<T> src(l, "Src2");
+                    ASSERT_EQ(l.call(), zelStsOk);
+                    EXPECT_TRUE(img.matches());
+                    EXPECT_TRUE(k == 2 || src.matches());
+                    EXPECT_TRUE(l.guards_intact());
+                    for (int o = 0; o < l.count(); ++o) EXPECT_TRUE(near_solution(A[A.size() > 1 ? o : 0], b[o], l.get(xg, o), n));
+                });
+}
+
+// Whether object o is complete when object `bad` fails: slices are
+// contiguous in thread order, the first count % threads one object longer,
+// and each stops at its own failure only.
+inline bool completed(int o, int bad, int count, int threads) {
+    const int q = count / threads, r = count % threads;
+    auto slice = [&](int x) { return x < (q + 1) * r ? x / (q + 1) : r + (x - (q + 1) * r) / q; };
+    return slice(o) != slice(bad) || o < bad;
+}
+
+// The wrapper of every array export of `ops`. At the limit of its kernel in
+// the family's table (orders 3 and 7, contiguous and strided) it starts at
+// the first count whose estimate reaches it (ownGetNumThreads asked twice);
+// one object less runs on the calling thread without asking. Then at each
+// (order, count, bad) of `cases`, on 1 and on 4 threads, object `bad` failing
+// in the decompositions with `fails`: `fill(row, laid, bad)` sets the
+// operands (bad -1: none fails), `done(laid, o, n)` says whether a decomposed
+// object is complete and `untouched(laid, o)` whether it was left alone; the
+// solutions agree bit for bit.
+template <std::size_t R, class Fill, class Done, class Untouched>
+void fan_out(const std::vector<std::string>& ops, const zel::tri::LimitRow (&limits)[R], std::initializer_list<std::array<int, 3>> cases,
+             zelStatus fails, Fill fill, Done done, Untouched untouched) {
+    for (const auto* row : fh::exports_of(ops))
+        if (is_array(*row))
+            fh::with_type(*row, [&](auto t) {
+                using T = decltype(t);
+                const std::string sig = row->sig;
+                for (int strided = 0; strided < (row->form[0] == 'P' ? 1 : 2); ++strided) {
+                    const auto kern = zel::tri::kern_of(zel::Form(std::string("SLP").find(row->form[0])), !strided);
+                    const int limit = zel::tri::limit_for<T>(limits, sig, kern);
+                    for (int n : {3, 7}) {
+                        int at = 1;
+                        while (zel::tri::estimate(zel::tri::estimate_of(sig), n, at) < limit) ++at;
+                        for (int count : {at - 1, at}) {
+                            lay::Layout L;
+                            L.k2 = L.dst_k2 = strided ? 2 : 1;
+                            auto l = laid<T>(*row, n, count, L);
+                            fill(*row, l, -1);
+                            subst::Scope scope(4);
+                            EXPECT_EQ(l.call(), zelStsOk) << row->name;
+                            EXPECT_EQ(subst::thread_queries, count == at ? 2 : 0) << row->name << " n=" << n << " count " << count;
+                        }
+                    }
+                }
+                for (auto [n, count, bad] : cases) {
+                    Vec<T> mem[2];
+                    for (int k = 0; k < 2; ++k) {
+                        const int threads = k == 0 ? 1 : 4;
+                        auto l = laid<T>(*row, n, count);
+                        fill(*row, l, bad);
+                        subst::Scope scope(threads);
+                        ASSERT_EQ(l.call(), is_decomp(*row) ? fails : zelStsOk) << row->name;
+                        ASSERT_EQ(subst::thread_queries, k + 1) << row->name;
+                        mem[k] = l.memory("Dst");
+                        for (int o = 0; is_decomp(*row) && o < count; ++o) {
+                            const bool ok = completed(o, bad, count, threads) ? done(l, o, n) : o <= bad || untouched(l, o);
+                            ASSERT_TRUE(ok) << row->name << " object " << o;
+                        }
+                    }
+                    EXPECT_TRUE(is_decomp(*row) || sq::same_bits(mem[0], mem[1]));
+                }
+            });
+}
+
+}  // namespace tri_test
