@@ -39,23 +39,19 @@ struct Export {
     const reg::ExportRow* row;
     std::string sig;
     bool is64, gaxpy, array;
-    char form;  // 'S', 'L', 'P'
-    char la = 'm', lb = 'v';
+    char form, la, lb;  // form 'S', 'L', 'P'
     bool vec() const { return lb == 'v'; }
 };
 
-// Mul of matrices and vectors (not by a constant, not the fixed-size ones),
-// and Gaxpy.
+// Mul of matrices and vectors (not by a constant, not the fixed-size ones), and Gaxpy.
 std::vector<Export> product_exports() {
     std::vector<Export> out;
     for (const auto* r : fh::exports_of({"Mul", "Gaxpy"})) {
         const std::string s = r->sig;
-        Export e{r, s, fh::is64(*r), std::string(r->op) == "Gaxpy", s.find('a') != std::string::npos, r->form[0]};
-        if (!e.gaxpy) {
-            if (s.find_first_of("c4") != std::string::npos) continue;
-            e.la = s[0], e.lb = s[s[1] == 'a' ? 2 : 1];
-        }
-        out.push_back(e);
+        const bool gaxpy = std::string(r->op) == "Gaxpy";
+        if (!gaxpy && s.find_first_of("c4") != std::string::npos) continue;
+        out.push_back({r, s, fh::is64(*r), gaxpy, s.find('a') != std::string::npos, r->form[0], gaxpy ? 'm' : s[0],
+                       gaxpy ? 'v' : s[s[1] == 'a' ? 2 : 1]});
     }
     return out;
 }
