@@ -1,13 +1,11 @@
 // Test harness for the element-wise exports: lays out the operands of any
-// Add/Sub/Mul export in its storage form (strided, object table, element
-// table), fills them, calls the export through the registry's generic caller
-// and checks the destination memory bit for bit against a plain reference
-// loop, including the bytes between and around the results.
+// Add/Sub/Mul export in its storage form (fh::Laid), fills them, calls the
+// export and checks the destination memory bit for bit against a plain
+// reference loop, the bytes between and around the results included.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -61,10 +59,9 @@ inline int in_place_source(const std::vector<Letter>& ls) {
     return -1;
 }
 
-// One call of one export, laid out (fh::Laid), run and checked. A constant
-// array lies in the list form behind a scrambled (with L.repeat repeating)
-// table with a shift, else at stride0 over its elements; L.in_place makes
-// the destination in_place_source().
+// One call of one export, laid out, run and checked. A constant array lies
+// as a list-form operand of 1x1 objects in the list form, else as a
+// standard-form one; L.in_place makes the destination in_place_source().
 template <class T>
 class Case {
 public:
@@ -86,32 +83,18 @@ public:
         l_ = std::make_unique<fh::Laid<T>>(row, count, shapes, fh::Blocks{}, L, seed, alias);
         for (const auto& g : groups_)
             if (!g.empty()) l_->fill(g, [&](int, int, int) { return lay::random_value<T>(rng_); });
-        l_->num("width", W_);
-        l_->num("len", W_);
-        l_->num("height", H_);
+        l_->args.nums.insert({{"width", W_}, {"len", W_}, {"height", H_}});
         if (cidx_ < 0) return;
         if (!letters_[cidx_].array) {
             val_ = lay::random_value<T>(rng_);
             l_->real("val", double(val_));
             return;
         }
-        const int n = l_->count(), sz = int(sizeof(T)), slot = row.form[0] == 'L' ? L.shift + 2 : L.k2 + (L.pad0 ? 1 : 0);
-        cmem_.assign(std::size_t(slot) * n + 2, lay::sentinel<T>());
-        if (row.form[0] == 'L') {
-            std::vector<int> perm(n);
-            for (int k = 0; k < n; ++k) perm[k] = k;
-            std::shuffle(perm.begin(), perm.end(), rng_);
-            for (int k = 0; k < n; ++k) ctab_.push_back(cmem_.data() + std::size_t(perm[k]) * slot);
-            if (L.repeat && n >= 2) ctab_[n - 1] = ctab_[0];
-            for (T* t : ctab_) cvals_.push_back(t + L.shift);
-            l_->args.ptrs["ppVal"] = ctab_.data();
-            l_->num("valShift", L.shift * sz);
-        } else {
-            for (int k = 0; k < n; ++k) cvals_.push_back(cmem_.data() + std::size_t(k) * slot);
-            l_->args.ptrs["pVal"] = cmem_.data();
-            l_->num("valStride0", slot * sz);
-        }
-        for (T* v : cvals_) *v = lay::random_value<T>(rng_);
+        c_.rows = c_.cols = 1, c_.array = true, c_.objs = l_->count();
+        lay::build(c_, row.form[0] == 'L' ? 'L' : 'S', L, false, rng_);
+        for (int n = 0; n < c_.objs; ++n) *c_.at(n, 0, 0) = lay::random_value<T>(rng_);
+        if (row.form[0] == 'L') l_->args.ptrs["ppVal"] = c_.tab.data(), l_->num("valShift", c_.shift);
+        else l_->args.ptrs["pVal"] = c_.base, l_->num("valStride0", c_.s0);
     }
 
     // The destination memory a correct call leaves: what was there, with the
@@ -124,9 +107,8 @@ public:
                     T v[2];
                     for (std::size_t k = 0; k < 2; ++k) {
                         const char kind = letters_[k].kind;
-                        v[k] = kind == 'c' ? (cvals_.empty() ? val_ : *cvals_[n])
-                                           : l_->at(groups_[k], n, kind == 't' ? j : kind == 'v' ? 0 : i,
-                                                    kind == 't' ? i : j);
+                        v[k] = kind == 'c' ? (letters_[k].array ? *c_.at(n, 0, 0) : val_)
+                                           : l_->at(groups_[k], n, kind == 't' ? j : kind == 'v' ? 0 : i, kind == 't' ? i : j);
                     }
                     out[&l_->at("Dst", n, i, j) - l_->memory("Dst").data()] =
                         op_ == 'A' ? v[0] + v[1] : op_ == 'S' ? v[0] - v[1] : v[0] * v[1];
@@ -134,33 +116,25 @@ public:
         return out;
     }
 
-    zelStatus call() { return l_->call(); }
-
     // Runs the call and checks status and memory, the sources and constants
     // unchanged; false (with a gtest failure) on the first difference.
     bool run_and_check(const std::string& what) {
-        const std::vector<T> want = expected(), c_before = cmem_;
+        const std::vector<T> want = expected();
         std::vector<std::vector<T>> before;
-        for (const auto& g : groups_) before.push_back(g.empty() ? c_before : l_->memory(g));
-        const zelStatus st = call();
+        for (const auto& g : groups_) before.push_back(g.empty() ? c_.mem : l_->memory(g));
+        const zelStatus st = l_->call();
         EXPECT_EQ(st, zelStsOk) << name_ << " " << what;
         if (st != zelStsOk) return false;
         auto differs = [&](const std::vector<T>& a, const std::vector<T>& b, const std::string& name) {
-            if (a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0)) return false;
             std::size_t k = 0;
-            while (k < a.size() && k < b.size() && std::memcmp(&a[k], &b[k], sizeof(T)) == 0) ++k;
-            if (k == a.size() || k == b.size()) {
-                ADD_FAILURE() << name_ << " " << what << ": " << name << " has " << b.size() << " elements, expected " << a.size();
-                return true;
-            }
-            ADD_FAILURE() << name_ << " " << what << ": " << name << " element " << k << " is " << b[k] << ", expected " << a[k];
-            return true;
+            while (k < a.size() && std::memcmp(&a[k], &b[k], sizeof(T)) == 0) ++k;
+            if (k < a.size()) ADD_FAILURE() << name_ << " " << what << ": " << name << " element " << k << " is " << b[k] << ", expected " << a[k];
+            return k < a.size();
         };
         if (differs(want, l_->memory("Dst"), "destination")) return false;
         for (std::size_t k = 0; k < groups_.size(); ++k)
-            if (groups_[k].empty() ? differs(before[k], cmem_, "constant array")
-                                   : &l_->memory(groups_[k]) != &l_->memory("Dst") &&
-                                         differs(before[k], l_->memory(groups_[k]), groups_[k]))
+            if (groups_[k].empty() ? differs(before[k], c_.mem, "constant array")
+                                   : &l_->memory(groups_[k]) != &l_->memory("Dst") && differs(before[k], l_->memory(groups_[k]), groups_[k]))
                 return false;
         return true;
     }
@@ -176,8 +150,7 @@ private:
     std::vector<std::string> groups_;  // by letter; "" for the constant
     std::unique_ptr<fh::Laid<T>> l_;
     T val_{};
-    std::vector<T> cmem_;
-    std::vector<T*> ctab_, cvals_;
+    lay::Operand<T> c_;  // a constant array
 };
 
 }  // namespace ewt

@@ -1,10 +1,9 @@
-// Symmetric eigenproblem, all exports through the forms harness: spectra of
-// orders 1 to 9 (distinct, repeated, clustered) against Eigen's solver, with
-// orthonormal eigenvectors and small residuals, in the documented order;
-// every form, stride and lane group bit for bit against one object alone in
-// the standard form; worked examples and failure states with what stands in
-// the results and the buffer; the fan-out, its limits and a failing
-// allocation.
+// Symmetric eigenproblem, every export through the forms harness: spectra of
+// orders 1 to 9 (distinct, repeated, clustered) against Eigen in the
+// documented order, orthonormal vectors with small residuals; every form,
+// stride and lane group bit for bit against one object alone in the standard
+// form; worked examples and failure states with what stands in the results
+// and the buffer; the fan-out, its limits and a failing allocation.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>

@@ -1,9 +1,8 @@
-// Data movement: Copy, LoadIdentity, Extract and Transpose against reference
-// loops written here, over every export of the four families, in every form,
-// with sizes 1..7, counts 1, 2, 5, 9, and several memory layouts. Source
-// elements are random bit patterns with signalling NaNs among them, and the
-// whole of every destination arena is compared byte for byte, so that a
-// changed bit, a misplaced element or a stray write all show.
+// Data movement: every export of Copy, LoadIdentity, Extract and Transpose
+// in every form against reference loops, sizes 1..7, counts 1, 2, 5, 9,
+// several layouts; sources of random bits with signalling NaNs among them,
+// every destination arena compared byte for byte (a changed bit, a misplaced
+// element or a stray write all show).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,10 +10,10 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "forms_harness.hpp"
-#include "registry_table.hpp"
 #include "substitutes.hpp"
 #include "zelm.h"
 
@@ -26,142 +25,111 @@ void fill_random(Bytes& b, std::mt19937& rng) {
     for (auto& x : b) x = static_cast<unsigned char>(rng());
 }
 
-// `N` objects of R rows and C columns (as stored) in form 'S', 'L' or 'P', in
-// layout `style`: 0 packed (unit steps, objects back to back, tables in
-// order, no shift), 1 padded rows and gaps between objects, 2 element step 3,
-// 3 column-major. Styles 1 to 3 put list objects and pointer-form runs in
-// reverse order of their tables, behind a shift. Random bytes throughout, a
-// signalling NaN with random payload and sign in every third element.
-class Operand {
-public:
-    Operand(char form, int R, int C, int N, int esz, int style, std::mt19937& rng)
-        : form_(form), C_(C), pad_(3 * esz) {
-        const int e = esz;
-        const int st[4][3] = {{e, C * e, R * C * e},
-                              {e, (C + 2) * e, R * (C + 2) * e + e},
-                              {3 * e, (3 * C + 1) * e, R * (3 * C + 1) * e + 2 * e},
-                              {R * e, e, R * C * e + e}};  // s2, s1, s0
-        s2 = st[style][0], s1 = st[style][1], s0 = st[style][2];
-        if (form == 'P') s0 = style == 0 ? e : 3 * e;
-        if (form != 'S') shift = style == 0 ? 0 : 2 * e;
-        const bool rev = style != 0;
-        const std::size_t pad = pad_, obj = std::size_t(R - 1) * s1 + std::size_t(C - 1) * s2 + e;
-        const int slots = form == 'S' ? 1 : form == 'L' ? N : R * C;
-        const std::size_t slot = form == 'S' ? std::size_t(N - 1) * s0 + obj
-                                             : shift + (form == 'L' ? obj : std::size_t(N - 1) * s0 + e) + (rev ? e : 0);
-        mem.resize(2 * pad + slots * slot);
-        if (form != 'S')
-            for (int k = 0; k < slots; ++k) table.push_back(mem.data() + pad + (rev ? slots - 1 - k : k) * slot);
-        fill_random(mem, rng);
-        for (int n = 0; n < N; ++n)
-            for (int r = 0; r < R; ++r)
-                for (int c = 0; c < C; ++c) {
-                    if ((n + r + c) % 3) continue;
-                    const std::uint64_t sign = rng() & 1u, pay = (std::uint64_t(rng()) << 20) | 1u;
-                    const std::uint32_t v32 = 0x7f800000u | (pay & 0x1fffffu) | std::uint32_t(sign << 31);
-                    const std::uint64_t v64 = 0x7ff0000000000000ull | (pay & 0x7ffffffffffffull) | sign << 63;
-                    std::memcpy(addr(n, r, c), e == 4 ? (const void*)&v32 : (const void*)&v64, e);
-                }
-    }
-    Operand(const Operand&) = delete;
-
-    // Stored element (r, c) of object n.
-    unsigned char* addr(int n, int r, int c) {
-        if (form_ == 'S') return base() + std::ptrdiff_t(n) * s0 + std::ptrdiff_t(r) * s1 + std::ptrdiff_t(c) * s2;
-        if (form_ == 'L') return (unsigned char*)table[n] + shift + std::ptrdiff_t(r) * s1 + std::ptrdiff_t(c) * s2;
-        return (unsigned char*)table[std::size_t(r) * C_ + c] + shift + std::ptrdiff_t(n) * s0;
-    }
-    std::size_t offset(int n, int r, int c) { return std::size_t(addr(n, r, c) - mem.data()); }
-    unsigned char* base() { return mem.data() + pad_; }
-
-    // The operand's arguments, under the names of role "Src" or "Dst".
-    void bind(reg::Args& a, const std::string& role) {
-        std::string low = role;
-        low[0] = char(std::tolower(low[0]));
-        if (form_ == 'S') a.ptrs["p" + role] = base();
-        else a.ptrs["pp" + role] = table.data();
-        a.nums[low + "Shift"] = shift;
-        a.nums[low + "Stride0"] = s0;
-        a.nums[low + "Stride1"] = s1;
-        a.nums[low + "Stride2"] = s2;
-    }
-
-    Bytes mem;
-    std::vector<void*> table;
-    int shift = 0, s0 = 0, s1 = 0, s2 = 0;
-
-private:
-    char form_;
-    int C_;
-    std::size_t pad_;
-};
+template <class T>
+Bytes bytes_of(const std::vector<T>& v) {
+    return Bytes(reinterpret_cast<const unsigned char*>(v.data()), reinterpret_cast<const unsigned char*>(v.data() + v.size()));
+}
 
 std::string first_difference(const Bytes& got, const Bytes& want, int esz) {
     for (std::size_t i = 0; i < got.size(); ++i)
-        if (got[i] != want[i])
-            return "first difference at byte " + std::to_string(i) + " (element " + std::to_string(i / esz) + ")";
+        if (got[i] != want[i]) return "first difference at byte " + std::to_string(i) + " (element " + std::to_string(i / esz) + ")";
     return "";
 }
+
+// Layout `style` of an operand: 0 packed (tables in order, list objects and
+// element-table objects back to back); 1 padded rows, gaps between objects,
+// scrambled tables behind a shift, pointer-form stride0 of 3; 2 element step
+// 3, pointer-form objects adjacent; 3 column-major.
+const lay::Layout kStyles[] = {{.soa = false, .scramble = false},
+                               {.pad1 = 2, .pad0 = 1, .lead = 1, .shift = 2, .k0 = 3},
+                               {.k2 = 3, .pad1 = 1, .pad0 = 2, .shift = 2},
+                               {.pad0 = 1, .shift = 1}};
+
+// `N` objects of R rows and C columns (as stored) in form 'S', 'L' or 'P',
+// sentinels around them, a signalling NaN with random payload and sign in
+// every third element, random bits in the others.
+template <class T>
+struct Operand : lay::Operand<T> {
+    Operand(char form, int R, int C, int N, int style, std::mt19937& rng) {
+        this->array = true, this->rows = R, this->cols = C, this->objs = N;
+        lay::Layout L = kStyles[style];
+        if (style == 3) L.k2 = R;
+        lay::build(*this, form, L, false, rng);
+        if (style == 3 && form != 'P') this->s1 = int(sizeof(T));
+        using U = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
+        const U exp = sizeof(T) == 4 ? U(0xff) << 23 : U(0x7ff) << 52, quiet = sizeof(T) == 4 ? U(1) << 22 : U(1) << 51;
+        for (int n = 0; n < N; ++n)
+            for (int r = 0; r < R; ++r)
+                for (int c = 0; c < C; ++c) {
+                    U v = U(std::uint64_t(rng()) << 32 ^ rng());
+                    if ((n + r + c) % 3 == 0) v = (v & ~(exp | quiet)) | exp | 1;
+                    std::memcpy(this->at(n, r, c), &v, sizeof(T));
+                }
+    }
+    // The operand's arguments, under the names of role "Src" or "Dst".
+    void bind(reg::Args& a, const std::string& role) {
+        const std::string low = role == "Src" ? "src" : "dst";
+        if (this->form == 'S') a.ptrs["p" + role] = this->base;
+        else a.ptrs["pp" + role] = this->tab.data();
+        a.nums[low + "Shift"] = this->shift;
+        a.nums[low + "Stride0"] = this->s0, a.nums[low + "Stride1"] = this->s1, a.nums[low + "Stride2"] = this->s2;
+    }
+};
 
 // One call of export `row` with sizes W x H (len W for vectors), N objects,
 // the source in layout `style`, the destination in `dstyle`; "" when every
 // byte is as the reference loop says and the source is unchanged.
+template <class T>
 std::string run_case(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
     const std::string op = row.op, sig = row.sig, form = row.form;
-    const int esz = std::string(row.type) == "64f" ? 8 : 4;
     const bool trans = op == "Transpose", extract = op == "Extract", ident = op == "LoadIdentity";
     const bool src_t = extract && sig[0] == 't';  // a t source is stored with W rows of H
     if (sig[0] == 'v') H = 1;
     if (sig.back() != 'a') N = 1;
     reg::Args a;
-    a.nums["width"] = a.nums["len"] = W;
-    a.nums["height"] = H;
-    a.nums["count"] = N;
-
+    a.nums = {{"width", W}, {"len", W}, {"height", H}, {"count", N}};
     // Extract's destination is one packed block
     const char dform = extract ? 'S' : op == "Copy" ? form[1] : form[0];
-    Operand s(form[0], src_t ? W : H, src_t ? H : W, N, esz, style, rng);
-    Operand d(dform, trans ? W : H, trans ? H : W, N, esz, extract ? 0 : dstyle, rng);
+    Operand<T> s(form[0], src_t ? W : H, src_t ? H : W, N, style, rng);
+    Operand<T> d(dform, trans ? W : H, trans ? H : W, N, extract ? 0 : dstyle, rng);
     if (!ident) s.bind(a, "Src");
     d.bind(a, "Dst");
-    const Bytes src_before = s.mem;
-    Bytes want = d.mem;
-    const double one64 = 1.0, zero64 = 0.0;
-    const float one32 = 1.0f, zero32 = 0.0f;
+    const std::vector<T> src_before = s.mem;
+    std::vector<T> want = d.mem;
     for (int n = 0; n < N; ++n)
         for (int i = 0; i < H; ++i)
             for (int j = 0; j < W; ++j) {
-                const void* from = src_t ? s.addr(n, j, i) : s.addr(n, i, j);
-                if (ident) from = esz == 4 ? (i == j ? (const void*)&one32 : &zero32) : (i == j ? &one64 : &zero64);
-                std::memcpy(&want[d.offset(n, trans ? j : i, trans ? i : j)], from, esz);
+                T& to = want[d.offset(n, trans ? j : i, trans ? i : j)];
+                if (ident) to = T(i == j);
+                else std::memcpy(&to, src_t ? s.at(n, j, i) : s.at(n, i, j), sizeof(T));
             }
     const zelStatus st = reg::caller_of(row.name)(a);
     if (st != zelStsOk) return "status " + std::to_string(st);
-    if (s.mem != src_before) return "source changed";
-    return first_difference(d.mem, want, esz);
+    if (bytes_of(s.mem) != bytes_of(src_before)) return "source changed";
+    return first_difference(bytes_of(d.mem), bytes_of(want), int(sizeof(T)));
+}
+std::string run_any(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
+    std::string r;
+    fh::with_type(row, [&](auto t) { r = run_case<decltype(t)>(row, W, H, N, style, dstyle, rng); });
+    return r;
 }
 
 TEST(Movement, EveryExportMatchesItsReferenceLoopBitForBit) {
     std::mt19937 rng(12345);
-    int failures = 0, exports = 0;
-    for (const auto& row : reg::exports()) {
-        const std::string op = row.op, sig = row.sig;
-        // fixed-size exports (zelmTranspose_m4_32f) have no grammar signature
-        if (!row.implemented || sig.empty() ||
-            (op != "Copy" && op != "LoadIdentity" && op != "Extract" && op != "Transpose"))
-            continue;
-        ++exports;
+    int failures = 0;
+    const auto rows = fh::exports_of({"Copy", "LoadIdentity", "Extract", "Transpose"});  // not the fixed-size ones
+    EXPECT_EQ(rows.size(), 82u);
+    for (const auto* row : rows) {
+        const std::string sig = row->sig;
         for (int W = 1; W <= 7; ++W)
             for (int H = 1; H <= (sig[0] == 'v' ? 1 : 7); ++H)
                 for (int N : sig.back() == 'a' ? std::vector<int>{1, 2, 5, 9} : std::vector<int>{1})
                     for (int style = 0; style < 4; ++style) {
-                        const std::string err = run_case(row, W, H, N, style, (style + 1) % 4, rng);
+                        const std::string err = run_any(*row, W, H, N, style, (style + 1) % 4, rng);
                         if (!err.empty() && ++failures <= 20)
-                            ADD_FAILURE() << row.name << " width/len " << W << " height " << H << " count " << N
-                                          << " style " << style << ": " << err;
+                            ADD_FAILURE() << row->name << " width/len " << W << " height " << H << " count " << N << " style " << style << ": " << err;
                     }
     }
-    EXPECT_EQ(exports, 82);
 }
 
 // ---------------------------------------------------------------------------
@@ -171,31 +139,26 @@ TEST(Copy, OverlappingOperandsGetTheForwardOrder) {
     std::mt19937 rng(7);
     for (int esz : {4, 8})
         for (int W : {3, 8, 40})
-            for (int H : {1, 3})
-                for (int N : {1, 2})
-                    for (int step : {1, 2})
-                        for (int off : {-20, -8, -2, 0, 2, 4, 8, 12, 64}) {
-                            const int s2 = esz, s1 = W * s2, s0 = H * s1, d2 = step * esz, d1 = W * d2, d0 = H * d1;
-                            Bytes buf(1024 + std::size_t(N) * (s0 + d0));
-                            fill_random(buf, rng);
-                            Bytes want = buf;
-                            for (int n = 0; n < N; ++n)
-                                for (int i = 0; i < H; ++i)
-                                    for (int j = 0; j < W; ++j)
-                                        std::memmove(&want[256 + off + n * d0 + i * d1 + j * d2],
-                                                     &want[256 + n * s0 + i * s1 + j * s2], esz);
-                            reg::Args a;
-                            a.ptrs = {{"pSrc", buf.data() + 256}, {"pDst", buf.data() + 256 + off}};
-                            a.nums = {{"srcStride0", s0}, {"srcStride1", s1}, {"srcStride2", s2}, {"dstStride0", d0},
-                                      {"dstStride1", d1}, {"dstStride2", d2}, {"width", W},       {"len", W},
-                                      {"height", H},      {"count", N}};
-                            const std::string name = std::string("zelmCopy_") + (H == 1 ? "va" : "ma") +
-                                                     (esz == 4 ? "_32f_SS" : "_64f_SS");
-                            ASSERT_EQ(reg::caller_of(name)(a), zelStsOk);
-                            ASSERT_EQ(first_difference(buf, want, esz), "")
-                                << name << " W " << W << " H " << H << " N " << N << " dst step " << step
-                                << " offset " << off;
+            for (int HN : {11, 12, 31, 32})  // height, count
+                for (int step : {1, 2})
+                    for (int off : {-20, -8, -2, 0, 2, 4, 8, 12, 64}) {
+                        const int H = HN / 10, N = HN % 10, s1 = W * esz, s0 = H * s1, d2 = step * esz, d1 = W * d2, d0 = H * d1;
+                        Bytes buf(1024 + std::size_t(N) * (s0 + d0));
+                        fill_random(buf, rng);
+                        Bytes want = buf;
+                        for (int k = 0; k < N * H * W; ++k) {  // objects, rows, columns in order
+                            const int n = k / (H * W), i = k / W % H, j = k % W;
+                            std::memmove(&want[256 + off + n * d0 + i * d1 + j * d2], &want[256 + n * s0 + i * s1 + j * esz], esz);
                         }
+                        reg::Args a;
+                        a.ptrs = {{"pSrc", buf.data() + 256}, {"pDst", buf.data() + 256 + off}};
+                        a.nums = {{"srcStride0", s0}, {"srcStride1", s1}, {"srcStride2", esz}, {"dstStride0", d0}, {"dstStride1", d1},
+                                  {"dstStride2", d2}, {"width", W},       {"len", W},        {"height", H},      {"count", N}};
+                        const std::string name = std::string("zelmCopy_") + (H == 1 ? "va" : "ma") + (esz == 4 ? "_32f_SS" : "_64f_SS");
+                        ASSERT_EQ(reg::caller_of(name)(a), zelStsOk);
+                        ASSERT_EQ(first_difference(buf, want, esz), "")
+                            << name << " W " << W << " H " << H << " N " << N << " dst step " << step << " offset " << off;
+                    }
 }
 
 // A pointer-form source read again after the destination has overwritten it:
@@ -275,7 +238,7 @@ TEST(Transpose, BandedPathsAndTheCacheQuestions) {
     for (const auto& c : cases)
         for (int cache : c.cache == any ? std::vector<int>{0, 4096, big} : std::vector<int>{c.cache}) {
             subst::Scope scope(0, cache);
-            EXPECT_EQ(run_case(fh::row_named(c.name), c.W, c.H, c.N, c.style, c.style, rng), "")
+            EXPECT_EQ(run_any(fh::row_named(c.name), c.W, c.H, c.N, c.style, c.style, rng), "")
                 << c.name << " " << c.W << "x" << c.H << " count " << c.N << " cache " << cache;
             if (c.queries != any) {
                 EXPECT_EQ(subst::cache_queries, c.queries) << c.name << " " << c.W << "x" << c.H << " count " << c.N;
