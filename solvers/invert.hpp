@@ -195,44 +195,35 @@ zelStatus fixed_kernel(const Call<T>& __restrict c, int count) {
     const T thr = threshold<T>(N, twice_of(ty_of<T>(), kern, N));
     int n = 0;
     if constexpr (std::is_same_v<T, float> && method != Method::Scalar) {
-        auto at4 = [&](int o) {
+        auto at = [&](int o) {
             const auto s = obj<T, F, true>(c.src[0], o, N);
             const auto d = obj<T, F, true>(c.dst[0], o, N);
-            return packed::Mat4{s.ptr(0, 0), s.s1, d.ptr(0, 0), d.s1};
+            return packed::SrcDst{s.ptr(0, 0), s.s1, d.ptr(0, 0), d.s1};
         };
         auto one = [&](int o) {
-            const auto s = obj<T, F, true>(c.src[0], o, N);
-            const auto d = obj<T, F, true>(c.dst[0], o, N);
-            const float* sp = s.ptr(0, 0);
-            float* dp = d.ptr(0, 0);
-            if constexpr (method == Method::PivotRow) return packed::invert5(sp, s.s1, dp, d.s1, thr);
-            else if constexpr (method == Method::TwoPivotRows) return packed::invert6(sp, s.s1, dp, d.s1, thr);
-            else if constexpr (N == 3) return packed::invert3(sp, s.s1, dp, d.s1, thr);
-            else return packed::invert4(sp, s.s1, dp, d.s1, thr);
+            const packed::SrcDst m = at(o);
+            if constexpr (method == Method::PivotRow) return packed::invert5(m.s, m.ss1, m.d, m.ds1, thr);
+            else if constexpr (method == Method::TwoPivotRows) return packed::invert6(m.s, m.ss1, m.d, m.ds1, thr);
+            else if constexpr (N == 3) return packed::invert3(m.s, m.ss1, m.d, m.ds1, thr);
+            else return packed::invert4(m, thr);
         };
         if constexpr (method == Method::PackedPairs) {
             const Opd &so = c.src[0], &dd = c.dst[0];
             auto a16 = [](std::intptr_t x) { return x % kPairAlign == 0; };
             if (a16(reinterpret_cast<std::intptr_t>(so.p)) && a16(reinterpret_cast<std::intptr_t>(dd.p)) &&
                 a16(so.s0) && a16(dd.s0) && so.s1 == kPairAlign && dd.s1 == kPairAlign) {
-                const char* sp = static_cast<const char*>(so.p);
-                char* dp = static_cast<char*>(const_cast<void*>(dd.p));
-                if (cpu::avx) n = packed::invert4_twos(at4, 0, count, thr, true);
+                if (cpu::avx) n = packed::invert4_twos(at, 0, count, thr, true);
                 for (; n + 1 < count; n += 2) {
-                    const std::ptrdiff_t a = std::ptrdiff_t(n) * so.s0, b = std::ptrdiff_t(n) * dd.s0;
-                    const zelStatus st = packed::invert4_pair(
-                        reinterpret_cast<const float*>(sp + a), reinterpret_cast<const float*>(sp + a + so.s0),
-                        reinterpret_cast<float*>(dp + b), reinterpret_cast<float*>(dp + b + dd.s0), thr);
-                    if (st != zelStsOk) return st;
+                    const packed::SrcDst m[2] = {at(n), at(n + 1)};
+                    if (const zelStatus st = packed::invert4_pair(m, thr); st != zelStsOk) return st;
                 }
+            } else {
+                // one after the other, two at a time where reading the second
+                // source before the first result is stored changes nothing
+                const std::ptrdiff_t bytes = extent<T>(so, N, N);
+                if (cpu::avx && count >= 2 && batch_safe(so, dd, count, bytes, bytes))
+                    n = packed::invert4_twos(at, 0, count, thr, false);
             }
-        }
-        if constexpr (method == Method::PackedPairs) {
-            // the others one after the other, two at a time where reading the
-            // second source before the first result is stored changes nothing
-            const std::ptrdiff_t bytes = extent<T>(c.src[0], N, N);
-            if (cpu::avx && n + 1 < count && batch_safe(c.src[0], c.dst[0], count, bytes, bytes))
-                n = packed::invert4_twos(at4, n, count, thr, false);
         }
         for (; n < count; ++n)
             if (const zelStatus st = one(n); st != zelStsOk) return st;

@@ -64,9 +64,6 @@ ZEL_INLINE __m128 half(V8 v, int h) {
     return h ? __builtin_shufflevector(v, v, 4, 5, 6, 7) : __builtin_shufflevector(v, v, 0, 1, 2, 3);
 }
 ZEL_INLINE V8 join(__m128 lo, __m128 hi) { return __builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7); }
-template <class V>
-inline constexpr int kHalves = int(sizeof(V)) / 16;
-
 // The test of every method: T greater than the magnitude of the determinant.
 ZEL_INLINE bool below(float thr, __m128 det) {
     return _mm_comigt_ss(_mm_set_ss(thr), _mm_andnot_ps(_mm_set1_ps(-0.0f), det)) != 0;
@@ -128,20 +125,19 @@ ZEL_INLINE float* row_at(float* p, std::ptrdiff_t s1, int i) {
     return reinterpret_cast<float*>(reinterpret_cast<char*>(p) + std::ptrdiff_t(i) * s1);
 }
 
-// The matrices of the halves: the source and destination of each, with its
-// row stride.
-struct Mat4 {
+// One object of a call: its source and destination, each with its row stride.
+struct SrcDst {
     const float* s;
     std::ptrdiff_t ss1;
     float* d;
     std::ptrdiff_t ds1;
 };
-ZEL_INLINE __m128 rows_at(const Mat4* m, int i, __m128) { return V4::load(row_at(m[0].s, m[0].ss1, i)); }
-ZEL_INLINE V8 rows_at(const Mat4* m, int i, V8) {
+ZEL_INLINE __m128 rows_at(const SrcDst* m, int i, __m128) { return V4::load(row_at(m[0].s, m[0].ss1, i)); }
+ZEL_INLINE V8 rows_at(const SrcDst* m, int i, V8) {
     return join(V4::load(row_at(m[0].s, m[0].ss1, i)), V4::load(row_at(m[1].s, m[1].ss1, i)));
 }
 template <class V>
-ZEL_INLINE Adj4<V> adjugate4_of(const Mat4* m) {
+ZEL_INLINE Adj4<V> adjugate4_of(const SrcDst* m) {
     const V r0 = rows_at(m, 0, V{}), r1 = rows_at(m, 1, V{}), r2 = rows_at(m, 2, V{}), r3 = rows_at(m, 3, V{});
     const V t0 = shuf<0, 1, 0, 1>(r0, r1), t1 = shuf<2, 3, 2, 3>(r0, r1);
     const V t2 = shuf<0, 1, 0, 1>(r2, r3), t3 = shuf<2, 3, 2, 3>(r2, r3);
@@ -155,12 +151,11 @@ ZEL_INLINE bool below(float thr, const Adj4<V>& a, int h) {
     return below(thr, half(a.det, h));
 }
 template <class V>
-ZEL_INLINE void store4(const Adj4<V>& a, const Mat4& m, int h) {
+ZEL_INLINE void store4(const Adj4<V>& a, const SrcDst& m, int h) {
     for (int i = 0; i < 4; ++i) V4::store(row_at(m.d, m.ds1, i), half(a.row[i], h));
 }
 
-ZEL_INLINE zelStatus invert4(const float* s, std::ptrdiff_t ss1, float* d, std::ptrdiff_t ds1, float thr) {
-    const Mat4 m{s, ss1, d, ds1};
+ZEL_INLINE zelStatus invert4(const SrcDst& m, float thr) {
     auto a = adjugate4_of<__m128>(&m);
     if (below(thr, a.det)) return zelStsErrSingular;
     scale(a);
@@ -169,8 +164,7 @@ ZEL_INLINE zelStatus invert4(const float* s, std::ptrdiff_t ss1, float* d, std::
 }
 
 // Two matrices in one pass; neither is stored unless both pass the test.
-ZEL_INLINE zelStatus invert4_pair(const float* s, const float* s_next, float* d, float* d_next, float thr) {
-    const Mat4 m[2] = {{s, 16, d, 16}, {s_next, 16, d_next, 16}};
+ZEL_INLINE zelStatus invert4_pair(const SrcDst (&m)[2], float thr) {
     auto a = adjugate4_of<__m128>(&m[0]), b = adjugate4_of<__m128>(&m[1]);
     if (below(thr, a.det) || below(thr, b.det)) return zelStsErrSingular;
     scale(a);
@@ -181,7 +175,7 @@ ZEL_INLINE zelStatus invert4_pair(const float* s, const float* s_next, float* d,
 }
 
 // Objects from..count-1, two at a time in the halves of 256-bit vectors:
-// at(o) gives object o's Mat4. `pairs`: both matrices of a step are tested
+// at(o) gives object o. `pairs`: both matrices of a step are tested
 // before either is stored (the aligned pairs); otherwise each is finished in
 // turn. Returns the first object not finished: the end, or where a
 // determinant fails the test (for pairs, the step's first), which the caller
@@ -190,7 +184,7 @@ template <class At>
 __attribute__((target("avx"), noinline)) int invert4_twos(const At& at, int from, int count, float thr, bool pairs) {
     int o = from;
     for (; o + 2 <= count; o += 2) {
-        const Mat4 m[2] = {at(o), at(o + 1)};
+        const SrcDst m[2] = {at(o), at(o + 1)};
         auto a = adjugate4_of<V8>(m);
         const bool b0 = below(thr, a, 0), b1 = below(thr, a, 1);
         if (b0 || (pairs && b1)) return o;
