@@ -14,6 +14,9 @@
 
 #define ZEL_INTERNAL __attribute__((visibility("hidden")))
 #define ZEL_INLINE inline __attribute__((always_inline))
+// the same for a lambda (after its parameter list), where a compile-time
+// loop expands one
+#define ZEL_LAMBDA_INLINE __attribute__((always_inline))
 
 namespace zel {
 

@@ -55,7 +55,7 @@ ZEL_INLINE T extended(const A& a) {
         T low[1u << N];
         minors::levels<N, N - 2, false, X>(low, a);
         X acc{};
-        minors::each(std::make_index_sequence<N>{}, [&](auto J) {
+        minors::each(std::make_index_sequence<N>{}, [&](auto J) ZEL_LAMBDA_INLINE {
             const X p = X(a(0, J)) * minors::expand<N, N - 1, all ^ (1u << J), false, X>(low, a);
             if constexpr (J == 0) acc = p;
             else if constexpr (J % 2) acc = acc - p;

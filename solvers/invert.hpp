@@ -57,13 +57,13 @@ ZEL_INLINE T cofactors(const A& a, T (&C)[N][N]) {
         C[0][j] = j & 1 ? -bottom[all ^ (1u << j)] : bottom[all ^ (1u << j)];
         C[N - 1][j] = (N - 1 + j) & 1 ? -top[all ^ (1u << j)] : top[all ^ (1u << j)];
     }
-    minors::each(std::make_index_sequence<N - 2>{}, [&](auto Im1) {
+    minors::each(std::make_index_sequence<N - 2>{}, [&](auto Im1) ZEL_LAMBDA_INLINE {
         constexpr int I = int(Im1) + 1;
-        minors::each(std::make_index_sequence<N>{}, [&](auto Jc) {
+        minors::each(std::make_index_sequence<N>{}, [&](auto Jc) ZEL_LAMBDA_INLINE {
             constexpr int J = int(Jc);
             using Sp = Split<N, I, J>;
             T acc{};
-            minors::each(std::make_index_sequence<Sp::terms.size()>{}, [&](auto K) {
+            minors::each(std::make_index_sequence<Sp::terms.size()>{}, [&](auto K) ZEL_LAMBDA_INLINE {
                 constexpr auto t = Sp::terms[K];
                 const T p = top[t.top] * bottom[t.bottom];
                 if constexpr (K == 0) acc = t.negative ? -p : p;

@@ -68,7 +68,7 @@ template <int N, int K, unsigned Mask, bool Top, class V, class S, class A>
 ZEL_INLINE V expand(const S* tab, const A& a) {
     constexpr int row = Top ? K - 1 : N - K;
     V acc{};
-    each(std::make_index_sequence<K>{}, [&](auto I) {
+    each(std::make_index_sequence<K>{}, [&](auto I) ZEL_LAMBDA_INLINE {
         constexpr int c = kColumns<Mask>[Top ? K - 1 - I : I];
         const V p = V(tab[Mask ^ (1u << c)]) * V(a(row, c));
         if constexpr (I == 0) acc = p;
@@ -82,9 +82,9 @@ ZEL_INLINE V expand(const S* tab, const A& a) {
 template <int N, int Upto, bool Top, class V, class S, class A>
 ZEL_INLINE void levels(S* tab, const A& a) {
     for (int c = 0; c < N; ++c) tab[1u << c] = a(Top ? 0 : N - 1, c);
-    each(std::make_index_sequence<Upto - 1>{}, [&](auto L) {
+    each(std::make_index_sequence<Upto - 1>{}, [&](auto L) ZEL_LAMBDA_INLINE {
         constexpr int K = int(L) + 2;
-        each(std::make_index_sequence<kSubsets<N, K>.size()>{}, [&](auto I) {
+        each(std::make_index_sequence<kSubsets<N, K>.size()>{}, [&](auto I) ZEL_LAMBDA_INLINE {
             constexpr unsigned m = kSubsets<N, K>[I];
             tab[m] = S(expand<N, K, m, Top, V>(tab, a));
         });
