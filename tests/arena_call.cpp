@@ -174,9 +174,13 @@ const std::map<std::string, Spec>& specs() {
             s.digest_exempt = exempt != 0;
             out.emplace(name, std::move(s));
         };
-#define ZEL_OPERANDS(n, g, b, r, f, x) add(n, g, b, r, f, x);
-#include "generated/operands.inc"
-#undef ZEL_OPERANDS
+#define ZEL_EXPORT_PLAIN(...)
+#define ZEL_EXPORT_NOCALL(n, o, s, t, f, c, i, p, g, b, r, fl, x) add(n, g, b, r, fl, x);
+#define ZEL_EXPORT(n, o, s, t, f, c, i, p, g, b, r, fl, x, expr) add(n, g, b, r, fl, x);
+#include "generated/exports.inc"
+#undef ZEL_EXPORT
+#undef ZEL_EXPORT_NOCALL
+#undef ZEL_EXPORT_PLAIN
         return out;
     }();
     return all;

@@ -9,7 +9,7 @@
 // compare the 32-bit and 64-bit builds and the sweep with a 4-byte aligned
 // stack all call exports this way.
 //
-// What an export reads and writes comes from tests/generated/operands.inc
+// What an export reads and writes comes from tests/generated/exports.inc
 // (tools/registry.py: SHAPES, BLOCKS, FIXED_BLOCKS, FAILURES).
 #pragma once
 
@@ -45,13 +45,13 @@ private:
     std::uint64_t state_ = 0;
 };
 
-// An expression of operands.inc over argument values: integers, names,
+// An expression of exports.inc over argument values: integers, names,
 // + - * ( ), comparisons and &&, elems(Group) and objects(Group).
 std::int64_t eval(const std::string& expr, const std::map<std::string, std::int64_t>& names,
                   const std::map<std::string, std::int64_t>& elems,
                   const std::map<std::string, std::int64_t>& objects);
 
-// One row of operands.inc, parsed.
+// The operand part of a row of exports.inc, parsed.
 struct GroupSpec {
     std::string role, prefix, letter, rows, cols;
     bool array() const { return letter.size() == 2; }

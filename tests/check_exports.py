@@ -7,7 +7,7 @@ import sys
 lib, table = sys.argv[1], sys.argv[2]
 want = set()
 for line in open(table):
-    m = re.match(r'ZEL_EXPORT_ROW\("(\w+)", .*?, (\d), "', line)
+    m = re.match(r'ZEL_EXPORT(?:_PLAIN|_NOCALL)?\("(\w+)", (?:"[^"]*", ){5}(\d), "', line)
     if m and m.group(2) == "1":
         want.add(m.group(1))
 nm = subprocess.run(["nm", "-D", "--defined-only", lib], capture_output=True, text=True, check=True).stdout

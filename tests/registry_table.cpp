@@ -55,9 +55,13 @@ zelStatus status_of(char letter) {
 
 Caller caller_of(std::string_view name) {
     static const std::map<std::string_view, Caller> callers = {
-#define ZEL_CALLER(n, expr) {n, [](const Args& a) -> zelStatus { return expr; }},
-#include "generated/callers.inc"
-#undef ZEL_CALLER
+#define ZEL_EXPORT_PLAIN(...)
+#define ZEL_EXPORT_NOCALL(...)
+#define ZEL_EXPORT(n, o, s, t, f, c, i, p, g, b, r, fl, x, expr) {n, [](const Args& a) -> zelStatus { return expr; }},
+#include "generated/exports.inc"
+#undef ZEL_EXPORT
+#undef ZEL_EXPORT_NOCALL
+#undef ZEL_EXPORT_PLAIN
     };
     auto it = callers.find(name);
     return it == callers.end() ? nullptr : it->second;

@@ -25,9 +25,13 @@ struct ExportRow {
 
 inline const std::vector<ExportRow>& exports() {
     static const std::vector<ExportRow> rows = {
-#define ZEL_EXPORT_ROW(n, o, s, t, f, c, i, p) {n, o, s, t, f, c, i != 0, p},
-#include "generated/export_table.inc"
-#undef ZEL_EXPORT_ROW
+#define ZEL_EXPORT_PLAIN(n, o, s, t, f, c, i, p) {n, o, s, t, f, c, i != 0, p},
+#define ZEL_EXPORT_NOCALL(n, o, s, t, f, c, i, p, ...) ZEL_EXPORT_PLAIN(n, o, s, t, f, c, i, p)
+#define ZEL_EXPORT(n, o, s, t, f, c, i, p, ...) ZEL_EXPORT_PLAIN(n, o, s, t, f, c, i, p)
+#include "generated/exports.inc"
+#undef ZEL_EXPORT
+#undef ZEL_EXPORT_NOCALL
+#undef ZEL_EXPORT_PLAIN
     };
     return rows;
 }

@@ -474,41 +474,49 @@ def ops_header(exports):
     return "\n".join(out)
 
 
+def caller_expr(e):
+    """A call of the export with its arguments taken by name from an argument
+    record, so tests can break any one of them and call any export from the
+    registry alone."""
+    args = []
+    for t, n in e.params:
+        if "*" in t:
+            args.append(f"({t})a.ptr(\"{n}\")")
+        elif t in ("float", "double"):
+            args.append(f"({t})a.real(\"{n}\")")
+        else:
+            args.append(f"a.num(\"{n}\")")
+    return f"{e.name}({', '.join(args)})"
+
+
 def test_table(exports):
+    """One row per export for the tests. ZEL_EXPORT_PLAIN: name, operation,
+    signature, type, form, the checks in their order (letter=arguments it
+    tests), implemented, parameter list. An export with a status adds what it
+    reads and writes (operand_row) and is ZEL_EXPORT with a call of it, or
+    ZEL_EXPORT_NOCALL while it is not implemented."""
     out = [f"// {BANNER}",
-           "// One row per export: name, operation, signature, type, form, the checks in",
-           "// their order (letter=arguments it tests), implemented, parameter list.", ""]
+           "// One row per export: name, operation, signature, type, form, the checks in their",
+           "// order (letter=arguments it tests), implemented, parameter list; with a status also",
+           "// the operand groups (role:prefix:letter:rows,cols), further pointers",
+           "// (name=role:extent), size relation, statuses of numerical failures, whether the",
+           "// 32-bit and 64-bit builds may differ in its results, and a call by argument names.", ""]
     for e in exports:
         chk = " ".join(f"{t}={','.join(m_break(e) if t == 'M' else check_args(e, t))}"
                        for t in e.checks) if e.checks else ""
         ps = ", ".join(f"{t} {n}" for t, n in e.params)
-        out.append(f"ZEL_EXPORT_ROW(\"{e.name}\", \"{e.op}\", \"{e.sig}\", \"{e.typ}\", \"{e.form}\", "
-                   f"\"{chk}\", {int(e.implemented)}, \"{ps}\")")
-    return "\n".join(out) + "\n"
-
-
-def test_callers(exports):
-    """For each implemented export with a status: a caller that takes its
-    arguments by name from an argument record, so tests can break any one of
-    them and call any export from the registry alone."""
-    out = [f"// {BANNER}", ""]
-    for e in exports:
-        if not e.implemented or e.ret != "zelStatus":
-            continue
-        args = []
-        for t, n in e.params:
-            if "*" in t:
-                args.append(f"({t})a.ptr(\"{n}\")")
-            elif t in ("float", "double"):
-                args.append(f"({t})a.real(\"{n}\")")
-            else:
-                args.append(f"a.num(\"{n}\")")
-        out.append(f"ZEL_CALLER(\"{e.name}\", {e.name}({', '.join(args)}))")
+        row = f"\"{e.name}\", \"{e.op}\", \"{e.sig}\", \"{e.typ}\", \"{e.form}\", \"{chk}\", {int(e.implemented)}, \"{ps}\""
+        if e.ret != "zelStatus":
+            out.append(f"ZEL_EXPORT_PLAIN({row})")
+        elif not e.implemented:
+            out.append(f"ZEL_EXPORT_NOCALL({row}, {operand_row(e)})")
+        else:
+            out.append(f"ZEL_EXPORT({row}, {operand_row(e)}, {caller_expr(e)})")
     return "\n".join(out) + "\n"
 
 
 # ---------------------------------------------------------------------------
-# What each export reads and writes (tests/generated/operands.inc)
+# What each export reads and writes (a part of tests/generated/exports.inc)
 
 GROUP_POINTER = re.compile(r"^(pp|p)(Src[123]?|Dst(?:VectorsRight|VectorsLeft|Vectors)?|Val)$")
 
@@ -578,17 +586,7 @@ def operand_row(e):
     relation = size_relation(e) if e.checks and "M" in e.checks else ""
     failures = R.FAILURES.get(e.op, "")
     exempt = int(e.op in R.DIGEST_EXEMPT)
-    return (f"ZEL_OPERANDS(\"{e.name}\", \"{' '.join(groups)}\", \"{' '.join(blocks)}\", "
-            f"\"{relation}\", \"{failures}\", {exempt})")
-
-
-def operands_table(exports):
-    out = [f"// {BANNER}",
-           "// One row per export with a status: name, operand groups (role:prefix:letter:rows,cols),",
-           "// further pointers (name=role:extent), size relation, statuses of numerical failures,",
-           "// whether the 32-bit and 64-bit builds may differ in its results.", ""]
-    out += [operand_row(e) for e in exports if e.ret == "zelStatus"]
-    return "\n".join(out) + "\n"
+    return f"\"{' '.join(groups)}\", \"{' '.join(blocks)}\", \"{relation}\", \"{failures}\", {exempt}"
 
 
 def outputs(exports):
@@ -597,9 +595,7 @@ def outputs(exports):
         "frame/generated/stubs.S": stubs(exports),
         "frame/generated/exports.map": version_script(exports),
         "frame/generated/ops.hpp": ops_header(exports),
-        "tests/generated/export_table.inc": test_table(exports),
-        "tests/generated/callers.inc": test_callers(exports),
-        "tests/generated/operands.inc": operands_table(exports),
+        "tests/generated/exports.inc": test_table(exports),
     }
     for module in sorted({e.subsystem for e in exports if not e.fixed and e.implemented}):
         files[f"frame/generated/api_{module_parts(module)[1]}.cpp"] = api_file(exports, module)

@@ -275,7 +275,7 @@ bool reduce(const Call<T>& __restrict c, int blocked) {
     static constexpr Operands ops = parse<Sig>();
     constexpr bool single2 = O == Op::DotProduct && !ops.l[1].array;
     constexpr int C = Obj<T, N>::C;
-    Vec<T> held[C];
+    Vec<T> held[C] = {};  // read only for a single second operand
     if constexpr (single2) Obj<T, N>::template load<false>(static_cast<const T*>(c.src[1].p), held);
     // a single object is not worth the lanes
     if (c.count < 2) return false;
