@@ -444,6 +444,38 @@ ZEL_INLINE void cross_group(const V* xa, const V* xb, const V* sa, const V* sb, 
     together3(td, xd);
 }
 
+// Two float arrays, one object in each 128-bit half: its three elements and,
+// in the fourth lane, the next object's first, computed and dropped. With
+// rot taking the elements (1, 2, 0), u = a rot(b) - rot(a) b has
+// u_i = a_i b_(i+1) - a_(i+1) b_i, and rot(u) is the result: d0 = a1 b2 -
+// a2 b1, d1 = a2 b0 - a0 b2, d2 = a0 b1 - a1 b0, the same products subtracted
+// in the same order. Three shuffles per two objects instead of twelve. A
+// group of 8 reads 16 bytes from each object, so it is never the call's
+// last; its results go out in order as 16 bytes each (the fourth lane is
+// overwritten by the next object's result) but the last, which is stored as
+// 12, so that the next group's first object is untouched.
+__attribute__((target("avx"))) ZEL_INLINE __m256 cross_rot(__m256 x) {
+    return _mm256_permute_ps(x, _MM_SHUFFLE(3, 0, 2, 1));
+}
+__attribute__((target("avx"))) ZEL_INLINE int cross_halves_avx(const float* a, const float* b, float* d, int count) {
+    int o = 0;
+    for (; o + 8 < count; o += 8, a += 24, b += 24, d += 24) {
+        __m256 r[4];
+        for (int j = 0; j < 4; ++j) {
+            const __m256 x = Avx<float>::load2(a + 6 * j, a + 6 * j + 3);
+            const __m256 y = Avx<float>::load2(b + 6 * j, b + 6 * j + 3);
+            const __m256 u = _mm256_sub_ps(_mm256_mul_ps(x, cross_rot(y)), _mm256_mul_ps(cross_rot(x), y));
+            r[j] = cross_rot(u);
+        }
+        for (int j = 0; j < 3; ++j) Avx<float>::store2(d + 6 * j, d + 6 * j + 3, r[j]);
+        _mm_storeu_ps(d + 18, _mm256_castps256_ps128(r[3]));
+        const __m128 last = _mm256_extractf128_ps(r[3], 1);
+        _mm_storel_pi(reinterpret_cast<__m64*>(d + 21), last);
+        _mm_store_ss(d + 23, _mm_movehl_ps(last, last));
+    }
+    return o;
+}
+
 template <bool A1, bool A2, class T>
 __attribute__((target("avx"), noinline)) int cross_avx(const T* a, const T* b, T* d, const Vec<T>* ha,
                                                        const Vec<T>* hb, int count) {
@@ -452,6 +484,10 @@ __attribute__((target("avx"), noinline)) int cross_avx(const T* a, const T* b, T
     typename K::V sa[3], sb[3], xa[3], xb[3], xd[3];
     for (int k = 0; k < 3; ++k) sa[k] = K::held2(ha[k]), sb[k] = K::held2(hb[k]);
     int o = 0;
+    if constexpr (A1 && A2 && sizeof(T) == 4) {
+        o = cross_halves_avx(a, b, d, count);
+        a += 3 * o, b += 3 * o, d += 3 * o;
+    }
     for (; o + 2 * h <= count; o += 2 * h, d += 6 * h) {
         for (int k = 0; k < 3; ++k) {
             if constexpr (A1) xa[k] = K::load2(a + h * k, a + 3 * h + h * k);
