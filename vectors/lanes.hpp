@@ -469,31 +469,34 @@ ZEL_INLINE void cross_group(const V* xa, const V* xb, const V* sa, const V* sb, 
 // Two float arrays, one object in each 128-bit half: its three elements and,
 // in the fourth lane, the next object's first, computed and dropped. With
 // rot taking the elements (1, 2, 0), u = a rot(b) - rot(a) b has
-// u_i = a_i b_(i+1) - a_(i+1) b_i, and rot(u) is the result: d0 = a1 b2 -
+// u_i = a_i b_(i+1) - a_(i+1) b_i, and the result is rot(u): d0 = a1 b2 -
 // a2 b1, d1 = a2 b0 - a0 b2, d2 = a0 b1 - a1 b0, the same products subtracted
-// in the same order. Three shuffles per two objects instead of twelve. A
-// group of 8 reads 16 bytes from each object, so it is never the call's
-// last; its results go out in order as 16 bytes each (the fourth lane is
-// overwritten by the next object's result) but the last, which is stored as
-// 12, so that the next group's first object is untouched.
+// in the same order. A group of 8 holds objects j and j + 4 in vector j; the
+// final rotation and the packing of the 24 results into three whole stores
+// are eight shuffles. The group reads 16 bytes from each object, so it is
+// never the call's last; it reads all its objects before it stores.
 __attribute__((target("avx"))) ZEL_INLINE __m256 cross_rot(__m256 x) {
     return _mm256_permute_ps(x, _MM_SHUFFLE(3, 0, 2, 1));
 }
 __attribute__((target("avx"))) ZEL_INLINE int cross_halves_avx(const float* a, const float* b, float* d, int count) {
     int o = 0;
     for (; o + 8 < count; o += 8, a += 24, b += 24, d += 24) {
-        __m256 r[4];
+        __m256 u[4];
         for (int j = 0; j < 4; ++j) {
-            const __m256 x = Avx<float>::load2(a + 6 * j, a + 6 * j + 3);
-            const __m256 y = Avx<float>::load2(b + 6 * j, b + 6 * j + 3);
-            const __m256 u = _mm256_sub_ps(_mm256_mul_ps(x, cross_rot(y)), _mm256_mul_ps(cross_rot(x), y));
-            r[j] = cross_rot(u);
+            const __m256 x = Avx<float>::load2(a + 3 * j, a + 3 * j + 12);
+            const __m256 y = Avx<float>::load2(b + 3 * j, b + 3 * j + 12);
+            u[j] = _mm256_sub_ps(_mm256_mul_ps(x, cross_rot(y)), _mm256_mul_ps(cross_rot(x), y));
         }
-        for (int j = 0; j < 3; ++j) Avx<float>::store2(d + 6 * j, d + 6 * j + 3, r[j]);
-        _mm_storeu_ps(d + 18, _mm256_castps256_ps128(r[3]));
-        const __m128 last = _mm256_extractf128_ps(r[3], 1);
-        _mm_storel_pi(reinterpret_cast<__m64*>(d + 21), last);
-        _mm_store_ss(d + 23, _mm_movehl_ps(last, last));
+        // with X, Y the rotated results of two neighbours, per half:
+        // p = X0 X1 X2 Y0, q = X1 X2 Y0 Y1, r = X2 Y0 Y1 Y2
+        const __m256 p = _mm256_shuffle_ps(u[0], _mm256_shuffle_ps(u[0], u[1], _MM_SHUFFLE(1, 1, 0, 0)),
+                                           _MM_SHUFFLE(2, 0, 2, 1));
+        const __m256 q = _mm256_shuffle_ps(u[1], u[2], _MM_SHUFFLE(2, 1, 0, 2));
+        const __m256 r = _mm256_shuffle_ps(_mm256_shuffle_ps(u[2], u[3], _MM_SHUFFLE(1, 1, 0, 0)), u[3],
+                                           _MM_SHUFFLE(0, 2, 2, 0));
+        _mm256_storeu_ps(d, _mm256_permute2f128_ps(p, q, 0x20));
+        _mm256_storeu_ps(d + 8, _mm256_permute2f128_ps(r, p, 0x30));
+        _mm256_storeu_ps(d + 16, _mm256_permute2f128_ps(q, r, 0x31));
     }
     return o;
 }
