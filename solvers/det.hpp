@@ -15,7 +15,6 @@
 #include <type_traits>
 
 #include "frame/fanout.hpp"
-#include "frame/simd.hpp"
 #include "solvers/det_table.hpp"
 #include "solvers/lanes.hpp"
 #include "solvers/minors.hpp"
@@ -101,43 +100,19 @@ struct ScalarLanes {
         return o;
     }
 };
-// Order 3 of the scalar method on 32f matrices stored back to back (rows of
-// three, nine elements a matrix): four matrices are nine 128-bit loads, and
-// element e of matrix o, float 9o + e of the four, comes into lane o by three
-// in-half shuffles. With AVX a second four ride in the upper halves.
-template <class V, int E>
-ZEL_INLINE V element9(const V* v) {
-    constexpr int f0 = E, f1 = 9 + E, f2 = 18 + E, f3 = 27 + E;
-    const V s = simd::shuf<f0 % 4, f0 % 4, f1 % 4, f1 % 4>(v[f0 / 4], v[f1 / 4]);
-    const V t = simd::shuf<f2 % 4, f2 % 4, f3 % 4, f3 % 4>(v[f2 / 4], v[f3 / 4]);
-    return simd::shuf<0, 2, 0, 2>(s, t);
-}
+
+// Order 3 of the scalar method on 32f matrices stored back to back, W at a
+// time by whole loads (solvers/lanes.hpp).
 struct BackToBack3 {
     using T = float;
     template <int W>
     static ZEL_INLINE int run(const Call<float>* c, int count) {
         using P = lanes::Pack<float, W>;
-        using V = typename P::V;
-        using Q = lanes::Quad<float>;
         const float* p = static_cast<const float*>(c->src[0].p);
         int o = 0;
         for (; o + W <= count; o += W, p += 9 * W) {
-            V v[9];
-            for (int k = 0; k < 9; ++k) {
-                Q lo;
-                std::memcpy(&lo, p + 4 * k, sizeof lo);
-                if constexpr (W == 4) {
-                    v[k] = lo;
-                } else {
-                    Q hi;
-                    std::memcpy(&hi, p + 36 + 4 * k, sizeof hi);
-                    v[k] = __builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7);
-                }
-            }
             P m[9];
-            minors::each(std::make_index_sequence<9>{}, [&](auto E) ZEL_LAMBDA_INLINE {
-                m[E] = P::of(element9<V, int(E)>(v));
-            });
+            lanes::load_back_to_back3<W>(p, m);
             const P d = scalar<3, P>([&](int r, int col) { return m[r * 3 + col]; });
             std::memcpy(c->out + o, &d.v, sizeof d.v);
         }
@@ -191,8 +166,7 @@ void fixed_kernel(const Call<T>& __restrict c, int count) {
         }
     } else if constexpr (method == Method::Scalar && Array && F != Form::P) {
         if constexpr (N == kBackToBackOrder && F == Form::S && Unit && std::is_same_v<T, float>) {
-            const Opd& s = c.src[0];
-            if (s.s0 == N * N * 4 && s.s1 == N * 4) o = lanes::run<BackToBack3>(&c, count);
+            if (lanes::back_to_back3(c.src[0])) o = lanes::run<BackToBack3>(&c, count);
         }
         if (N >= kLanesFrom && count >= 2) o = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count);
     }

@@ -126,6 +126,26 @@ struct ScalarLanes {
     }
 };
 
+// The same for 32f matrices of order 3 stored back to back, source and
+// destination alike, by whole loads and stores (solvers/lanes.hpp).
+struct BackToBack3 {
+    using T = float;
+    template <int W>
+    static ZEL_INLINE int run(const Call<float>* c, int count, float thr) {
+        using P = lanes::Pack<float, W>;
+        const float* s = static_cast<const float*>(c->src[0].p);
+        float* d = static_cast<float*>(const_cast<void*>(c->dst[0].p));
+        int o = 0;
+        for (; o + W <= count; o += W) {
+            P m[9], x[9];
+            lanes::load_back_to_back3<W>(s + 9 * o, m);
+            if (!inverse_by_cofactors<3, P>(m, x, P(thr))) break;
+            lanes::store_back_to_back3<W>(d + 9 * o, x);
+        }
+        return o;
+    }
+};
+
 // ---------------------------------------------------------------------------
 // Gaussian elimination of the first m rows and columns of the working matrix
 // through the row table, for k = 0 .. m-2: the first greatest magnitude of
@@ -230,8 +250,12 @@ zelStatus fixed_kernel(const Call<T>& __restrict c, int count) {
     } else {
         if constexpr (Array && F != Form::P) {
             const std::ptrdiff_t bytes = extent<T>(c.src[0], N, N);
-            if (count >= 2 && (F == Form::L || batch_safe(c.src[0], c.dst[0], count, bytes, bytes)))
-                n = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count, thr);
+            if (count >= 2 && (F == Form::L || batch_safe(c.src[0], c.dst[0], count, bytes, bytes))) {
+                if constexpr (N == 3 && F == Form::S && Unit && std::is_same_v<T, float>)
+                    if (lanes::back_to_back3(c.src[0]) && lanes::back_to_back3(c.dst[0]))
+                        n = lanes::run<BackToBack3>(&c, count, thr);
+                if (n == 0) n = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count, thr);
+            }
         }
         for (; n < count; ++n) {
             const auto s = obj<T, F, Unit>(c.src[0], n, N);

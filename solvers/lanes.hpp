@@ -13,9 +13,11 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "frame/cpu.hpp"
 #include "frame/frame.hpp"
+#include "frame/simd.hpp"
 
 // Packs live in registers of always-inline functions; no 256-bit value
 // crosses a call, so GCC's note on their calling convention does not apply
@@ -218,6 +220,67 @@ ZEL_INLINE void scatter(const P* m, View view) {
                 for (int j = 0; j < Cols; ++j) o.put(i, j, st.e[i * Cols + j][l]);
         }
     }
+}
+
+// 32f matrices of order 3 stored back to back (rows of three, nine elements
+// a matrix) to and from packs: four matrices are nine 128-bit vectors, and
+// element e of matrix o, float 9o + e of the four, moves between its vector
+// and lane o of pack e by three in-half shuffles. A pack of eight holds a
+// second four in its upper halves. Loads and stores cover exactly the W
+// matrices.
+template <class V, int E>
+ZEL_INLINE V element9(const V* v) {
+    constexpr int f0 = E, f1 = 9 + E, f2 = 18 + E, f3 = 27 + E;
+    const V s = simd::shuf<f0 % 4, f0 % 4, f1 % 4, f1 % 4>(v[f0 / 4], v[f1 / 4]);
+    const V t = simd::shuf<f2 % 4, f2 % 4, f3 % 4, f3 % 4>(v[f2 / 4], v[f3 / 4]);
+    return simd::shuf<0, 2, 0, 2>(s, t);
+}
+template <class V, int K>
+ZEL_INLINE V memory9(const V* e) {
+    constexpr int f0 = 4 * K, f1 = f0 + 1, f2 = f0 + 2, f3 = f0 + 3;
+    const V s = simd::shuf<f0 / 9, f0 / 9, f1 / 9, f1 / 9>(e[f0 % 9], e[f1 % 9]);
+    const V t = simd::shuf<f2 / 9, f2 / 9, f3 / 9, f3 / 9>(e[f2 % 9], e[f3 % 9]);
+    return simd::shuf<0, 2, 0, 2>(s, t);
+}
+// A standard-form 32f operand laid out so: rows of three elements, matrices
+// of nine.
+inline bool back_to_back3(const Opd& o) { return o.s0 == 36 && o.s1 == 12; }
+template <std::size_t... I, class F>
+ZEL_INLINE void each9(std::index_sequence<I...>, F&& f) {
+    (f(std::integral_constant<int, int(I)>{}), ...);
+}
+template <int W>
+ZEL_INLINE void load_back_to_back3(const float* p, Pack<float, W>* m) {
+    using V = typename Pack<float, W>::V;
+    V v[9];
+    for (int k = 0; k < 9; ++k) {
+        Quad<float> lo;
+        std::memcpy(&lo, p + 4 * k, sizeof lo);
+        if constexpr (W == 4) {
+            v[k] = lo;
+        } else {
+            Quad<float> hi;
+            std::memcpy(&hi, p + 36 + 4 * k, sizeof hi);
+            v[k] = __builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7);
+        }
+    }
+    each9(std::make_index_sequence<9>{}, [&](auto E) ZEL_LAMBDA_INLINE { m[E].v = element9<V, E>(v); });
+}
+template <int W>
+ZEL_INLINE void store_back_to_back3(float* p, const Pack<float, W>* m) {
+    using V = typename Pack<float, W>::V;
+    V e[9];
+    for (int k = 0; k < 9; ++k) e[k] = m[k].v;
+    each9(std::make_index_sequence<9>{}, [&](auto K) ZEL_LAMBDA_INLINE {
+        const V x = memory9<V, K>(e);
+        if constexpr (W == 4) {
+            std::memcpy(p + 4 * K, &x, 16);
+        } else {
+            const Quad<float> lo = __builtin_shufflevector(x, x, 0, 1, 2, 3), hi = __builtin_shufflevector(x, x, 4, 5, 6, 7);
+            std::memcpy(p + 4 * K, &lo, 16);
+            std::memcpy(p + 36 + 4 * K, &hi, 16);
+        }
+    });
 }
 
 // Lanes of the element type: 4 floats or 2 doubles in SSE2, twice that in
