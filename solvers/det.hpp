@@ -165,9 +165,8 @@ void fixed_kernel(const Call<T>& __restrict c, int count) {
             }
         }
     } else if constexpr (method == Method::Scalar && Array && F != Form::P) {
-        if constexpr (N == kBackToBackOrder && F == Form::S && Unit && std::is_same_v<T, float>) {
+        if constexpr (lanes::kBackToBack3<T, N, F, Unit>)
             if (lanes::back_to_back3(c.src[0])) o = lanes::run<BackToBack3>(&c, count);
-        }
         if (N >= kLanesFrom && count >= 2) o = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count);
     }
     for (; o < count; ++o) {

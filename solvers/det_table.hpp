@@ -52,11 +52,10 @@ constexpr Method method_of(unsigned ty, unsigned kern, int n) {
 
 // The scalar method of array kernels takes several matrices across vector
 // lanes from this order on; at order 3 gathering the lanes element by element
-// costs more than the nine products it shares. 32f matrices of this order
-// stored back to back (standard form, rows and matrices without gaps) take
-// lanes all the same, by whole loads and shuffles.
+// costs more than the nine products it shares; 32f matrices of order 3
+// stored back to back (solvers/lanes.hpp) take lanes all the same, by whole
+// loads and shuffles.
 inline constexpr int kLanesFrom = 4;
-inline constexpr int kBackToBackOrder = 3;
 
 // Pairs: pSrc, srcStride0 and srcStride1 all multiples of this.
 inline constexpr int kPairAlign = 16;

@@ -13,11 +13,11 @@
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
-#include <utility>
 
 #include "frame/cpu.hpp"
 #include "frame/frame.hpp"
 #include "frame/simd.hpp"
+#include "solvers/minors.hpp"
 
 // Packs live in registers of always-inline functions; no 256-bit value
 // crosses a call, so GCC's note on their calling convention does not apply
@@ -242,13 +242,11 @@ ZEL_INLINE V memory9(const V* e) {
     const V t = simd::shuf<f2 / 9, f2 / 9, f3 / 9, f3 / 9>(e[f2 % 9], e[f3 % 9]);
     return simd::shuf<0, 2, 0, 2>(s, t);
 }
-// A standard-form 32f operand laid out so: rows of three elements, matrices
-// of nine.
+// Which kernels may take that path (32f, order 3, standard form, contiguous
+// rows), and whether an operand of theirs is laid out so.
+template <class T, int N, Form F, bool Unit>
+inline constexpr bool kBackToBack3 = std::is_same_v<T, float> && N == 3 && F == Form::S && Unit;
 inline bool back_to_back3(const Opd& o) { return o.s0 == 36 && o.s1 == 12; }
-template <std::size_t... I, class F>
-ZEL_INLINE void each9(std::index_sequence<I...>, F&& f) {
-    (f(std::integral_constant<int, int(I)>{}), ...);
-}
 template <int W>
 ZEL_INLINE void load_back_to_back3(const float* p, Pack<float, W>* m) {
     using V = typename Pack<float, W>::V;
@@ -264,15 +262,15 @@ ZEL_INLINE void load_back_to_back3(const float* p, Pack<float, W>* m) {
             v[k] = __builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7);
         }
     }
-    each9(std::make_index_sequence<9>{}, [&](auto E) ZEL_LAMBDA_INLINE { m[E].v = element9<V, E>(v); });
+    minors::each(std::make_index_sequence<9>{}, [&](auto E) ZEL_LAMBDA_INLINE { m[E].v = element9<V, int(E)>(v); });
 }
 template <int W>
 ZEL_INLINE void store_back_to_back3(float* p, const Pack<float, W>* m) {
     using V = typename Pack<float, W>::V;
     V e[9];
     for (int k = 0; k < 9; ++k) e[k] = m[k].v;
-    each9(std::make_index_sequence<9>{}, [&](auto K) ZEL_LAMBDA_INLINE {
-        const V x = memory9<V, K>(e);
+    minors::each(std::make_index_sequence<9>{}, [&](auto K) ZEL_LAMBDA_INLINE {
+        const V x = memory9<V, int(K)>(e);
         if constexpr (W == 4) {
             std::memcpy(p + 4 * K, &x, 16);
         } else {
