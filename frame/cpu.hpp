@@ -6,14 +6,25 @@
 
 namespace zel::cpu {
 
-// AVX, with the operating system saving its registers. ZELM_NO_AVX set to
-// anything but "0" keeps the library on its 128-bit paths (the tests run
-// both).
+// Whether the environment variable is set to anything but "0".
+inline bool turned_off(const char* name) {
+    const char* v = std::getenv(name);
+    return v && *v && !(v[0] == '0' && v[1] == 0);
+}
+
+// AVX, with the operating system saving its registers. ZELM_NO_AVX keeps the
+// library on its 128-bit paths (the tests run both).
 inline const bool avx = [] {
-    const char* off = std::getenv("ZELM_NO_AVX");
-    if (off && *off && !(off[0] == '0' && off[1] == 0)) return false;
+    if (turned_off("ZELM_NO_AVX")) return false;
     __builtin_cpu_init();
     return __builtin_cpu_supports("avx") != 0;
+}();
+
+// AVX-512 Foundation (its register state saved too), for the few kernels
+// that gain from it; ZELM_NO_AVX512, or ZELM_NO_AVX, keeps them on 256 bits.
+inline const bool avx512 = [] {
+    if (!avx || turned_off("ZELM_NO_AVX512")) return false;
+    return __builtin_cpu_supports("avx512f") != 0;
 }();
 
 }  // namespace zel::cpu
