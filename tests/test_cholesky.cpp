@@ -186,7 +186,15 @@ TEST(Cholesky, BackSubstitution) {
         [](const auto& F, const auto& b, const std::string& sig) { return solve_ref(F, b, sig); });
 }
 
-// The wrapper at the limits of the table; four threads against one, at
+// The documented thresholds, per kernel: unit stride2, other stride2, list
+// unit, list other, pointer form.
+constexpr zel::tri::LimitRow kLimits[] = {
+    {"ma", {7501, 7501, 2001, 2001, 2001}, {2001, 2001, 721, 2001, 2001}},
+    {"mva", {1201, 1201, 721, 721, 721}, {721, 721, 721, 721, 721}},
+    {"mava", {2051, 1701, 1701, 1701, 1701}, {1701, 1701, 1701, 1701, 2051}},
+};
+
+// The wrapper at those limits; four threads against one, at
 // order 30 with 11 objects and at order 4 with 4001 (lanes in every slice):
 // a failing object stops its own slice only. Matrices from spd_matrix,
 // A(n/2, n/2) of object `bad` -1, their factors for the solves.
@@ -204,7 +212,7 @@ TEST(Cholesky, FanOut) {
         if (!dec) l.fill("Src2", [&](int o, int, int c) { return std::sin(o + 3.0 * c); });
     };
     fan_out(
-        {"CholeskyDecomp", "CholeskyBackSubst"}, zel::cholesky::kLimits, {{30, 11, 4}, {4, 4001, 1500}}, zelStsErrNotPosDefinite, fill,
+        {"CholeskyDecomp", "CholeskyBackSubst"}, kLimits, {{30, 11, 4}, {4, 4001, 1500}}, zelStsErrNotPosDefinite, fill,
         [](auto& l, int o, int n) { return residual(l.get("Src", o), l, o, n) < 1e-5; },
         [](auto& l, int o) { return std::isnan(l.at("Dst", o, 0, 0)); });
 }

@@ -236,7 +236,14 @@ TEST(LU, OverlappingObjectsInOrder) {
     EXPECT_TRUE(mem == ref);
 }
 
-// The wrapper at the limits of the table; four threads against one, at
+// The documented thresholds, per kernel: unit stride2, other stride2, list
+// unit, list other, pointer form.
+constexpr zel::tri::LimitRow kLimits[] = {
+    {"ma", {20001, 20001, 40001, 20001, 20001}, {20001, 20001, 20001, 20001, 20001}},
+    {"mva mava", {1701, 1701, 1701, 1701, 1701}, {1701, 1701, 1701, 1701, 1701}},
+};
+
+// The wrapper at those limits; four threads against one, at
 // order 61 with 11 objects and at order 4 with 4001 (lanes in every slice):
 // a singular object stops its own slice only. Diagonally dominant factors,
 // object `bad` with column n/2 zero, a permuted table for the solves.
@@ -253,7 +260,7 @@ TEST(LU, FanOut) {
         for (int i = 0; i < n * mats_of(row, l.count()); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % n;
     };
     fan_out(
-        {"LUDecomp", "LUBackSubst"}, zel::lu::kLimits, {{61, 11, 4}, {4, 4001, 1500}}, zelStsErrSingular, fill,
+        {"LUDecomp", "LUBackSubst"}, kLimits, {{61, 11, 4}, {4, 4001, 1500}}, zelStsErrSingular, fill,
         [](auto& l, int o, int n) { return residual(l.get("Src", o), l.get("Dst", o), l.index("pDstIndex") + o * n, n) < 1e-5; },
         [](auto& l, int o) { return l.index("pDstIndex")[o * l.args.nums.at("widthHeight")] == 0x5A5A5A5A; });
 }
