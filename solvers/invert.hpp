@@ -251,10 +251,12 @@ zelStatus fixed_kernel(const Call<T>& __restrict c, int count) {
         if constexpr (Array && F != Form::P) {
             const std::ptrdiff_t bytes = extent<T>(c.src[0], N, N);
             if (count >= 2 && (F == Form::L || batch_safe(c.src[0], c.dst[0], count, bytes, bytes))) {
+                // one path or the other: both stop at the same singular batch
+                bool packed = false;
                 if constexpr (lanes::kBackToBack3<T, N, F, Unit>)
-                    if (lanes::back_to_back3(c.src[0]) && lanes::back_to_back3(c.dst[0]))
+                    if ((packed = lanes::back_to_back3(c.src[0]) && lanes::back_to_back3(c.dst[0])))
                         n = lanes::run<BackToBack3>(&c, count, thr);
-                if (n == 0) n = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count, thr);
+                if (!packed) n = lanes::run<ScalarLanes<T, N, F, Unit>>(&c, count, thr);
             }
         }
         for (; n < count; ++n) {
