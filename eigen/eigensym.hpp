@@ -429,26 +429,31 @@ zelStatus solve_one(Loose<T>* buf, Loose<T>* vals, VM& v, int n_rt) {
     return finish<T, R>(vals, v, n);
 }
 
-// Objects in lanes: the kit of a group, and the core on a group, returning
-// the lanes that did not converge as bits.
-template <class T, Rules R>
-using GroupKit = Pack<std::conditional_t<R.wide, double, T>, 32>;
+// Objects in lanes: the kit of a group for each instruction set, and the
+// core on a group, returning the lanes that did not converge as bits.
+template <class T, Rules R, Isa I>
+using GroupKit = Pack<std::conditional_t<R.wide, double, T>, 32, I>;
 
-template <class T, Rules R, int N>
-ZEL_INLINE unsigned group_core(LaneStore<T, GroupKit<T, R>, N>& st) {
-    using K = GroupKit<T, R>;
+template <class T, Rules R, Isa I, int N>
+ZEL_INLINE unsigned group_core(LaneStore<T, GroupKit<T, R, I>, N>& st) {
+    using K = GroupKit<T, R, I>;
     const auto failed = core<T, R, K, N>(st, N);
     unsigned bits = 0;
     for (int k = 0; k < K::W; ++k) bits |= unsigned(K::on(failed, k)) << k;
     return bits;
 }
 template <class T, Rules R, int N>
-__attribute__((noinline)) unsigned group_sse(LaneStore<T, GroupKit<T, R>, N>& st) {
-    return group_core<T, R, N>(st);
+__attribute__((noinline)) unsigned group_sse(LaneStore<T, GroupKit<T, R, Isa::Sse2>, N>& st) {
+    return group_core<T, R, Isa::Sse2, N>(st);
 }
 template <class T, Rules R, int N>
-__attribute__((target("avx"), noinline)) unsigned group_avx(LaneStore<T, GroupKit<T, R>, N>& st) {
-    return group_core<T, R, N>(st);
+__attribute__((target("avx"), noinline, flatten)) unsigned group_avx(LaneStore<T, GroupKit<T, R, Isa::Avx>, N>& st) {
+    return group_core<T, R, Isa::Avx, N>(st);
+}
+template <class T, Rules R, Isa I, int N>
+ZEL_INLINE unsigned group_run(LaneStore<T, GroupKit<T, R, I>, N>& st) {
+    if constexpr (I == Isa::Avx) return group_avx<T, R, N>(st);
+    else return group_sse<T, R, N>(st);
 }
 
 // ---------------------------------------------------------------------------
@@ -575,7 +580,12 @@ struct Kernel {
     // lanes with copies of its first object and discards them.
     template <int N>
     static zelStatus groups(const Call<T>& c, int count) {
-        using K = GroupKit<T, R>;
+        if (cpu::avx) return groups<N, Isa::Avx>(c, count);
+        return groups<N, Isa::Sse2>(c, count);
+    }
+    template <int N, Isa I>
+    static zelStatus groups(const Call<T>& c, int count) {
+        using K = GroupKit<T, R, I>;
         using S = typename K::S;
         for (int o0 = 0; o0 < count; o0 += K::W) {
             const int used = std::min(K::W, count - o0);
@@ -589,7 +599,7 @@ struct Kernel {
                     st.um[i][k] = S(vals[i]);
                 }
             }
-            const unsigned failed = cpu::avx ? group_avx<T, R, N>(st) : group_sse<T, R, N>(st);
+            const unsigned failed = group_run<T, R, I, N>(st);
             for (int k = 0; k < used; ++k) {
                 const int o = o0 + k;
                 Loose<T>* const vals = c.out + std::ptrdiff_t(o) * N;

@@ -14,7 +14,7 @@
 // 256-bit register.
 #pragma once
 
-#include <emmintrin.h>
+#include <immintrin.h>
 
 #include <cmath>
 #include <cstring>
@@ -42,7 +42,13 @@ struct One {
     static ZEL_INLINE bool on(M m, int) { return m; }
 };
 
-template <class S_, int Bytes>
+// The instructions a Pack may use: the SSE2 baseline on 128-bit halves, or
+// whole 256-bit registers. The AVX square root and lane test are not inlined
+// into the generic code by themselves: the function that runs the AVX group
+// is flattened, which takes them in there, where AVX is allowed.
+enum class Isa { Sse2, Avx };
+
+template <class S_, int Bytes, Isa I = Isa::Sse2>
 struct Pack {
     using S = S_;
     static constexpr int W = Bytes / int(sizeof(S));
@@ -53,8 +59,16 @@ struct Pack {
         for (int k = 0; k < W; ++k) v[k] = x;
         return v;
     }
-    // the SSE2 square root on each 128-bit half
     static ZEL_INLINE V sqrt(V x) {
+        if constexpr (I == Isa::Avx) return sqrt_avx(x);
+        else return sqrt_sse2(x);
+    }
+    static inline __attribute__((target("avx"))) V sqrt_avx(V x) {
+        if constexpr (sizeof(S) == 8) return (V)_mm256_sqrt_pd((__m256d)x);
+        else return (V)_mm256_sqrt_ps((__m256)x);
+    }
+    // the SSE2 square root on each 128-bit half
+    static ZEL_INLINE V sqrt_sse2(V x) {
         V r;
         for (int h = 0; h < Bytes / 16; ++h) {
             if constexpr (sizeof(S) == 8) {
@@ -73,6 +87,13 @@ struct Pack {
     }
     static ZEL_INLINE V abs(V x) { return (V)((M)x & ~(M)splat(S(-0.0))); }
     static ZEL_INLINE bool any(M m) {
+        if constexpr (I == Isa::Avx) return any_avx(m);
+        else return any_sse2(m);
+    }
+    static inline __attribute__((target("avx"))) bool any_avx(M m) {
+        return !_mm256_testz_si256((__m256i)m, (__m256i)m);
+    }
+    static ZEL_INLINE bool any_sse2(M m) {
         int bits = 0;
         for (int h = 0; h < Bytes / 16; ++h) {
             if constexpr (sizeof(S) == 8) {
