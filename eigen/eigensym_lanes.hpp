@@ -60,12 +60,18 @@ struct Pack {
         return v;
     }
     static ZEL_INLINE V sqrt(V x) {
-        if constexpr (I == Isa::Avx) return sqrt_avx(x);
-        else return sqrt_sse2(x);
+        if constexpr (I == Isa::Avx) {
+            V r;
+            sqrt_avx(x, r);
+            return r;
+        } else {
+            return sqrt_sse2(x);
+        }
     }
-    static inline __attribute__((target("avx"))) V sqrt_avx(V x) {
-        if constexpr (sizeof(S) == 8) return (V)_mm256_sqrt_pd((__m256d)x);
-        else return (V)_mm256_sqrt_ps((__m256)x);
+    // (by reference: no 256-bit value crosses into an AVX function)
+    static inline __attribute__((target("avx"))) void sqrt_avx(const V& x, V& r) {
+        if constexpr (sizeof(S) == 8) r = (V)_mm256_sqrt_pd((__m256d)x);
+        else r = (V)_mm256_sqrt_ps((__m256)x);
     }
     // the SSE2 square root on each 128-bit half
     static ZEL_INLINE V sqrt_sse2(V x) {
@@ -90,7 +96,7 @@ struct Pack {
         if constexpr (I == Isa::Avx) return any_avx(m);
         else return any_sse2(m);
     }
-    static inline __attribute__((target("avx"))) bool any_avx(M m) {
+    static inline __attribute__((target("avx"))) bool any_avx(const M& m) {
         return !_mm256_testz_si256((__m256i)m, (__m256i)m);
     }
     static ZEL_INLINE bool any_sse2(M m) {

@@ -56,6 +56,15 @@ constexpr Diag diag_of(std::string_view sig, bool fixed) {
 // partial sums, in eight from eight terms on, and subtracts the sum once.
 inline constexpr tri::Partial kBackSum{2, 8, 8};
 
+// Batches of lanes that the fixed orders of the standard form run
+// interleaved: two where both batches' chains fit the registers and that
+// measured faster (order 3 in float, order 4 in both types), one elsewhere.
+// Only the speed differs: every lane does its own object's operations.
+template <class T>
+constexpr int batches_of(int n) {
+    return n == 4 || (n == 3 && sizeof(T) == 4) ? 2 : 1;
+}
+
 // The parallel wrapper: estimate and per-kernel limits.
 inline constexpr tri::LimitRow kLimits[] = {
     // decomposition: n*n*count

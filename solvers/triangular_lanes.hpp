@@ -162,10 +162,17 @@ ZEL_INLINE bool batch_apart(const Opd& src, int srows, int scols, const Opd& dst
     return true;
 }
 
+// How many batches a family interleaves at order N (one unless it says).
+template <class Family, class T, int N>
+inline constexpr int batches = [] {
+    if constexpr (requires { Family::template batches<T, N>; }) return Family::template batches<T, N>;
+    else return 1;
+}();
+
 // A fixed order N of an array call, W objects at a time from object 0, while
 // the batches may read before they write and complete: `Family::batch<T, W,
-// N, F, Decomp>(call, first)` factors (Decomp) or solves one batch and says
-// whether it did. The sources that an earlier object's destination must not
+// N, F, Decomp, B>(call, first)` factors (Decomp) or solves B batches from
+// object first and says whether it did. The sources that an earlier object's destination must not
 // reach: the matrix (decomposition), or the factors and b. Returns the
 // objects done; the scalar kernel goes on from there.
 template <class Family, class T, int W, int N, Form F, bool Decomp>
@@ -178,6 +185,12 @@ ZEL_INLINE int run(const Call<T>& c) {
             return 0;
     }
     int o = 0;
+    if constexpr (F == Form::S && batches<Family, T, N> == 2) {
+        // two batches interleaved; where one of them fails, they go on one
+        // at a time from the first
+        for (; o + 2 * W <= c.count; o += 2 * W)
+            if (!Family::template batch<T, W, N, F, Decomp, 2>(c, o)) break;
+    }
     for (; o + W <= c.count; o += W) {
         if constexpr (F == Form::L) {
             if (!batch_apart<T, W>(c.src[0], N, N, c.dst[0], xr, N, o) ||
