@@ -20,11 +20,14 @@ inline const bool avx = [] {
     return __builtin_cpu_supports("avx") != 0;
 }();
 
-// AVX-512 Foundation (its register state saved too), for the few kernels
-// that gain from it; ZELM_NO_AVX512, or ZELM_NO_AVX, keeps them on 256 bits.
+// AVX-512 Foundation with the VL, DQ and BW extensions (their register state
+// saved too), for the few kernels that gain from it: 512-bit vectors, or the
+// 32 registers for 256-bit ones. ZELM_NO_AVX512, or ZELM_NO_AVX, keeps them
+// on AVX.
 inline const bool avx512 = [] {
     if (!avx || turned_off("ZELM_NO_AVX512")) return false;
-    return __builtin_cpu_supports("avx512f") != 0;
+    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&
+           __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw");
 }();
 
 }  // namespace zel::cpu

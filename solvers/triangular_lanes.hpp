@@ -203,9 +203,14 @@ ZEL_INLINE int run(const Call<T>& c) {
 }
 
 // One function per order and width, everything inlined into it (the
-// 256-bit one built for AVX).
+// 256-bit one built for AVX, and again for AVX-512, whose 32 vector
+// registers hold most of a batch of order 4 to 6 that otherwise spills).
 template <class Family, class T, int N, Form F, bool Decomp>
 __attribute__((target("avx"), flatten, noinline)) int run_avx(const Call<T>& c) {
+    return run<Family, T, int(32 / sizeof(T)), N, F, Decomp>(c);
+}
+template <class Family, class T, int N, Form F, bool Decomp>
+__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw"), flatten, noinline)) int run_avx512(const Call<T>& c) {
     return run<Family, T, int(32 / sizeof(T)), N, F, Decomp>(c);
 }
 template <class Family, class T, int N, Form F, bool Decomp>
@@ -216,7 +221,10 @@ template <class Family, class T, Form F, bool Decomp>
 int objects_done(const Call<T>& c) {
     return by_order<Family::lo, Family::hi>(
         c.widthHeight,
-        [&](auto N) { return cpu::avx ? run_avx<Family, T, N(), F, Decomp>(c) : run_sse<Family, T, N(), F, Decomp>(c); },
+        [&](auto N) {
+            if (cpu::avx512) return run_avx512<Family, T, N(), F, Decomp>(c);
+            return cpu::avx ? run_avx<Family, T, N(), F, Decomp>(c) : run_sse<Family, T, N(), F, Decomp>(c);
+        },
         [] { return 0; });
 }
 
