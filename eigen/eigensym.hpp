@@ -450,9 +450,15 @@ template <class T, Rules R, int N>
 __attribute__((target("avx"), noinline, flatten)) unsigned group_avx(LaneStore<T, GroupKit<T, R, Isa::Avx>, N>& st) {
     return group_core<T, R, Isa::Avx, N>(st);
 }
+// The same 256-bit group in the AVX-512 encoding, for its 32 registers.
+template <class T, Rules R, int N>
+__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw"), noinline, flatten)) unsigned group_avx512(
+    LaneStore<T, GroupKit<T, R, Isa::Avx>, N>& st) {
+    return group_core<T, R, Isa::Avx, N>(st);
+}
 template <class T, Rules R, Isa I, int N>
 ZEL_INLINE unsigned group_run(LaneStore<T, GroupKit<T, R, I>, N>& st) {
-    if constexpr (I == Isa::Avx) return group_avx<T, R, N>(st);
+    if constexpr (I == Isa::Avx) return cpu::avx512 ? group_avx512<T, R, N>(st) : group_avx<T, R, N>(st);
     else return group_sse<T, R, N>(st);
 }
 
