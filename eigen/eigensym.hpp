@@ -452,7 +452,7 @@ __attribute__((target("avx"), noinline, flatten)) unsigned group_avx(LaneStore<T
 }
 // The same 256-bit group in the AVX-512 encoding, for its 32 registers.
 template <class T, Rules R, int N>
-__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw"), noinline, flatten)) unsigned group_avx512(
+__attribute__((target(ZEL_AVX512), noinline, flatten)) unsigned group_avx512(
     LaneStore<T, GroupKit<T, R, Isa::Avx>, N>& st) {
     return group_core<T, R, Isa::Avx, N>(st);
 }

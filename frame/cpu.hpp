@@ -24,6 +24,9 @@ inline const bool avx = [] {
 // saved too), for the few kernels that gain from it: 512-bit vectors, or the
 // 32 registers for 256-bit ones. ZELM_NO_AVX512, or ZELM_NO_AVX, keeps them
 // on AVX.
+//
+// ZEL_AVX512 is the matching target of the functions built for it.
+#define ZEL_AVX512 "avx512f,avx512vl,avx512dq,avx512bw"
 inline const bool avx512 = [] {
     if (!avx || turned_off("ZELM_NO_AVX512")) return false;
     return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl") &&

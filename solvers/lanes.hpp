@@ -295,7 +295,7 @@ __attribute__((target("avx"), noinline)) int run_avx(A... a) {
     return B::template run<kWidth<typename B::T, true>>(a...);
 }
 template <class B, class... A>
-__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw"), noinline)) int run_avx512(A... a) {
+__attribute__((target(ZEL_AVX512), noinline)) int run_avx512(A... a) {
     return B::template run<kWidth<typename B::T, true>>(a...);
 }
 template <class B, class... A>

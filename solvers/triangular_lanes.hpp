@@ -210,7 +210,7 @@ __attribute__((target("avx"), flatten, noinline)) int run_avx(const Call<T>& c) 
     return run<Family, T, int(32 / sizeof(T)), N, F, Decomp>(c);
 }
 template <class Family, class T, int N, Form F, bool Decomp>
-__attribute__((target("avx512f,avx512vl,avx512dq,avx512bw"), flatten, noinline)) int run_avx512(const Call<T>& c) {
+__attribute__((target(ZEL_AVX512), flatten, noinline)) int run_avx512(const Call<T>& c) {
     return run<Family, T, int(32 / sizeof(T)), N, F, Decomp>(c);
 }
 template <class Family, class T, int N, Form F, bool Decomp>
