@@ -442,24 +442,19 @@ ZEL_INLINE unsigned group_core(LaneStore<T, GroupKit<T, R, I>, N>& st) {
     for (int k = 0; k < K::W; ++k) bits |= unsigned(K::on(failed, k)) << k;
     return bits;
 }
+// The group built for AVX and for the AVX-512 encoding (for its 32
+// registers), and for SSE2, which runs it in 128-bit halves.
 template <class T, Rules R, int N>
-__attribute__((noinline)) unsigned group_sse(LaneStore<T, GroupKit<T, R, Isa::Sse2>, N>& st) {
-    return group_core<T, R, Isa::Sse2, N>(st);
-}
-template <class T, Rules R, int N>
-__attribute__((target("avx"), noinline, flatten)) unsigned group_avx(LaneStore<T, GroupKit<T, R, Isa::Avx>, N>& st) {
-    return group_core<T, R, Isa::Avx, N>(st);
-}
-// The same 256-bit group in the AVX-512 encoding, for its 32 registers.
-template <class T, Rules R, int N>
-__attribute__((target(ZEL_AVX512), noinline, flatten)) unsigned group_avx512(
-    LaneStore<T, GroupKit<T, R, Isa::Avx>, N>& st) {
-    return group_core<T, R, Isa::Avx, N>(st);
-}
+struct Group {
+    template <int Bytes>
+    static ZEL_INLINE unsigned run(LaneStore<T, GroupKit<T, R, Bytes == 32 ? Isa::Avx : Isa::Sse2>, N>* st) {
+        return group_core<T, R, Bytes == 32 ? Isa::Avx : Isa::Sse2, N>(*st);
+    }
+};
 template <class T, Rules R, Isa I, int N>
 ZEL_INLINE unsigned group_run(LaneStore<T, GroupKit<T, R, I>, N>& st) {
-    if constexpr (I == Isa::Avx) return cpu::avx512 ? group_avx512<T, R, N>(st) : group_avx<T, R, N>(st);
-    else return group_sse<T, R, N>(st);
+    if constexpr (I == Isa::Avx) return cpu::built_32<Group<T, R, N>>(&st);
+    else return cpu::built_sse2<Group<T, R, N>>(&st);
 }
 
 // ---------------------------------------------------------------------------

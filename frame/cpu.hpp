@@ -33,4 +33,31 @@ inline const bool avx512 = [] {
            __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw");
 }();
 
+// Code built for each encoding: B::run<Bytes>(a...), always inline, runs
+// with vectors of Bytes bytes: 16 in the SSE2 build; 32 in the AVX build and
+// in the AVX-512 one, whose gain for 256-bit vectors is its 32 registers.
+// Each build is one function with everything flattened into it.
+template <class B, class... A>
+__attribute__((noinline, flatten)) auto built_sse2(A... a) {
+    return B::template run<16>(a...);
+}
+template <class B, class... A>
+__attribute__((target("avx"), noinline, flatten)) auto built_avx(A... a) {
+    return B::template run<32>(a...);
+}
+template <class B, class... A>
+__attribute__((target(ZEL_AVX512), noinline, flatten)) auto built_avx512(A... a) {
+    return B::template run<32>(a...);
+}
+// The 32-byte build the processor runs (the caller has checked for AVX).
+template <class B, class... A>
+inline auto built_32(A... a) {
+    return avx512 ? built_avx512<B>(a...) : built_avx<B>(a...);
+}
+// The widest build the processor runs.
+template <class B, class... A>
+inline auto widest(A... a) {
+    return avx ? built_32<B>(a...) : built_sse2<B>(a...);
+}
+
 }  // namespace zel::cpu

@@ -281,31 +281,19 @@ ZEL_INLINE void store_back_to_back3(float* p, const Pack<float, W>* m) {
     });
 }
 
-// Lanes of the element type: 4 floats or 2 doubles in SSE2, twice that in
-// the AVX encoding.
-template <class T, bool Avx>
-inline constexpr int kWidth = (Avx ? 32 : 16) / int(sizeof(T));
-
-// A family's batches in the widest encoding the processor has (256-bit
-// lanes; on AVX-512 in its encoding, for the 32 registers): B::run<W>
+// A family's batches in the widest encoding the processor has: B::run<W>
 // (always inline, any encoding) does as many objects as it can W at a time
 // and returns how many it did.
-template <class B, class... A>
-__attribute__((target("avx"), noinline)) int run_avx(A... a) {
-    return B::template run<kWidth<typename B::T, true>>(a...);
-}
-template <class B, class... A>
-__attribute__((target(ZEL_AVX512), noinline)) int run_avx512(A... a) {
-    return B::template run<kWidth<typename B::T, true>>(a...);
-}
-template <class B, class... A>
-__attribute__((noinline)) int run_sse(A... a) {
-    return B::template run<kWidth<typename B::T, false>>(a...);
-}
+template <class B>
+struct InLanes {
+    template <int Bytes, class... A>
+    static ZEL_INLINE int run(A... a) {
+        return B::template run<Bytes / int(sizeof(typename B::T))>(a...);
+    }
+};
 template <class B, class... A>
 ZEL_INLINE int run(A... a) {
-    if (cpu::avx512) return run_avx512<B>(a...);
-    return cpu::avx ? run_avx<B>(a...) : run_sse<B>(a...);
+    return cpu::widest<InLanes<B>>(a...);
 }
 
 }  // namespace zel::lanes

@@ -139,7 +139,11 @@ ZEL_INLINE bool back_batch(const Call<T>& c, int first) {
             #pragma GCC unroll 8
             for (int l = 0; l < W; ++l)
                 bl[l] = load(view_of<T, F, true>(c.src[1], first + b * W + l, 0).ptr(0, tab[l * N + i]));
-            std::memcpy(&y[b][i], bl, sizeof bl);
+            // (through a local vector: g++ 12 built a direct copy into
+            // y[b][i] wrongly for AVX-512 under another loop around batches)
+            V v;
+            std::memcpy(&v, bl, sizeof v);
+            y[b][i] = v;
         }
     }
     #pragma GCC unroll 8
