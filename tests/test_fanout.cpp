@@ -18,135 +18,99 @@ namespace {
 
 using ewt::Layout;
 
-// One boundary of a work-estimate threshold: at `at` objects the call goes to
-// the wrapper, one object less stays on the calling thread.
-struct Boundary {
-    const char* name;
-    int w, h;  // h unused for vectors
-    int at;
-    bool strided;  // a stride2 other than the element size
+// The documented work estimates of the array signatures (w x h objects or
+// vectors of len w, c of them) and their thresholds by kernel: standard form
+// with every stride2 the element size, with others; list form 32f and 64f,
+// contiguous, then other; pointer form. Matrices of Add and Sub start the
+// wrapper at the threshold, the rest above it. The sizes make the estimate
+// meet some thresholds exactly.
+struct Limit {
+    const char *ops, *sigs;
+    long long (*est)(long long w, long long h, long long c);
+    bool strict;
+    int w, h;
+    int thr[7];
 };
+#define ZEL_EST(e) [](long long w, long long h, long long c) { return (void)w, (void)h, (long long)(e); }
+constexpr int kMat[7] = {36864, 18432, 18432, 18432, 18432, 18432, 9216};
+const Limit kLimits[] = {
+    {"Add Sub", "mam mat tam tat mma mta tma tta", ZEL_EST(w * h * (2 * c + 1)), false, 3, 3, {}},
+    {"Add Sub", "mama mata tama tata", ZEL_EST(3 * w * h * c), false, 4, 4, {}},  // 48 c: exactly at 768, 384, 192
+    {"Add Sub", "vav vva vac", ZEL_EST(w * (2 * c + 1)), true, 32, 1, {20000, 20000, 40000, 20000, 40000, 20000, 20000}},
+    {"Add Sub", "vca cav", ZEL_EST(w * c + w + c), true, 2, 1, {20000, 20000, 40000, 20000, 40000, 20000, 20000}},
+    {"Add Sub", "vaca cava", ZEL_EST(2 * w * c + c), true, 2, 1, {20000, 20000, 40000, 20000, 40000, 20000, 20000}},
+    {"Add Sub", "vava", ZEL_EST(3 * w * c), true, 2, 1, {20000, 20000, 40000, 20000, 40000, 20000, 20000}},
+    {"Add Sub", "cva", ZEL_EST(2 * c), true, 3, 1, {19999, 19999, 39999, 19999, 39999, 19999, 19999}},
+    {"Mul", "mac tac", ZEL_EST(2 * w * h * c), true, 5, 5, {35000, 35000, 35000, 35000, 15000, 35000, 17000}},
+    {"Mul", "vac", ZEL_EST(2 * w * c), true, 4, 1, {}},
+    {"Mul", "vca", ZEL_EST(w * c + w + c), true, 4, 1, {36864, 36864, 18432, 18432, 18432, 18432, 9216}},
+    {"Mul", "vaca", ZEL_EST(2 * w * c + c), true, 1, 1, {36864, 36864, 18432, 18432, 18432, 18432, 9216}},
+};
+#undef ZEL_EST
 
-// The numbers are worked out by hand from the documented estimates:
-//   matrices, Add/Sub (>=): w*h*(2c+1) or 3*w*h*c against 36864 (contiguous),
-//     18432 (other stride2, list form), 9216 (pointer form);
-//   vectors, Add/Sub (>): l*(2c+1), l*c+l+c, 2*l*c+c, 3*l*c against 20000
-//     (40000 in the 32f list form); cva: 2*c against 19999 (39999);
-//   Mul (>): 2*w*h*c against 35000 (15000 32f list with other stride2,
-//     17000 pointer); vac 2*l*c, vca l*c+l+c, vaca 2*l*c+c against 36864,
-//     18432, 9216.
-const Boundary kBoundaries[] = {
-    // 3x3 mam: 9*(2c+1) >= 36864 from c = 2048; >= 18432 from 1024; >= 9216 from 512
-    {"zelmAdd_mam_32f", 3, 3, 2048, false},
-    {"zelmAdd_mam_32f", 3, 3, 1024, true},
-    {"zelmAdd_mam_32f_L", 3, 3, 1024, false},
-    {"zelmAdd_mam_32f_L", 3, 3, 1024, true},
-    {"zelmAdd_mam_32f_P", 3, 3, 512, false},
-    {"zelmSub_mma_64f", 3, 3, 2048, false},
-    {"zelmSub_tta_64f_P", 3, 3, 512, false},
-    {"zelmSub_mat_64f_L", 3, 3, 1024, true},
-    // 4x4 mama: 48*c reaches 36864 exactly at 768 (not strict), 18432 at 384, 9216 at 192
-    {"zelmAdd_mama_32f", 4, 4, 768, false},
-    {"zelmAdd_mama_64f", 4, 4, 384, true},
-    {"zelmSub_tata_32f_L", 4, 4, 384, false},
-    {"zelmSub_mata_64f_P", 4, 4, 192, false},
-    // vectors of Add/Sub, strict: vac len 100: 19900 direct, 20100 wrapper
-    {"zelmAdd_vac_32f", 100, 1, 100, false},
-    {"zelmAdd_vac_64f_L", 100, 1, 100, false},
-    {"zelmAdd_vac_32f_L", 100, 1, 200, false},  // 40000: 39900 / 40100
-    {"zelmAdd_vac_32f_P", 100, 1, 100, false},
-    // vav len 32: 32*625 = 20000 exactly stays direct
-    {"zelmAdd_vav_32f", 32, 1, 313, false},
-    {"zelmSub_vav_64f", 32, 1, 313, true},
-    {"zelmSub_vva_32f_L", 32, 1, 625, false},  // 32*1249 = 39968 / 32*1251 = 40032
-    {"zelmSub_vva_32f_P", 32, 1, 313, false},
-    // vava: 3*l*c, l = 2: 6*3333 = 19998 / 6*3334 = 20004
-    {"zelmAdd_vava_64f", 2, 1, 3334, false},
-    // vca and cav: l*c + l + c, l = 1: 2c+1 > 20000 from c = 10000
-    {"zelmSub_vca_32f", 1, 1, 10000, false},
-    {"zelmSub_cav_64f_L", 1, 1, 10000, true},
-    // vaca and cava: 2*l*c + c, l = 1: 3*6666 = 19998 / 20001
-    {"zelmAdd_vaca_32f_P", 1, 1, 6667, false},
-    {"zelmSub_cava_64f", 1, 1, 6667, false},
-    // cva: 2*c > 19999 from c = 10000, whatever len is
-    {"zelmSub_cva_32f", 1, 1, 10000, false},
-    {"zelmSub_cva_32f", 7, 1, 10000, true},
-    {"zelmSub_cva_64f_P", 3, 1, 10000, false},
-    {"zelmSub_cva_32f_L", 2, 1, 20000, false},
-    // Mul mac/tac 5x5: 50*c > 35000 from c = 701 (700 is exactly 35000)
-    {"zelmMul_mac_32f", 5, 5, 701, false},
-    {"zelmMul_tac_64f", 5, 5, 701, true},
-    {"zelmMul_mac_32f_L", 5, 5, 701, false},
-    {"zelmMul_mac_32f_L", 5, 5, 301, true},  // 15000
-    {"zelmMul_tac_64f_L", 5, 5, 701, true},
-    {"zelmMul_mac_64f_P", 5, 5, 341, false},  // 17000
-    // Mul vac, len 4: 8*c against 36864 (4608), 18432 (2304), 9216 (1152)
-    {"zelmMul_vac_32f", 4, 1, 4609, false},
-    {"zelmMul_vac_32f", 4, 1, 2305, true},
-    {"zelmMul_vac_64f_L", 4, 1, 2305, false},
-    {"zelmMul_vac_32f_P", 4, 1, 1153, false},
-    // Mul vca, len 1: 2c+1 against 36864 in both standard kernels
-    {"zelmMul_vca_32f", 1, 1, 18432, false},
-    {"zelmMul_vca_64f", 1, 1, 18432, true},
-    {"zelmMul_vca_32f_L", 1, 1, 9216, false},
-    {"zelmMul_vca_64f_P", 1, 1, 4608, false},
-    // Mul vaca, len 1: 3c against 36864 (12288 exactly), 18432, 9216
-    {"zelmMul_vaca_32f", 1, 1, 12289, true},
-    {"zelmMul_vaca_64f_L", 1, 1, 6145, false},
-    {"zelmMul_vaca_32f_P", 1, 1, 3073, false},
-};
+bool has(const std::string& list, const std::string& w) { return (" " + list + " ").find(" " + w + " ") != std::string::npos; }
 
 Layout layout_for(bool strided) {
     Layout L;
-    if (strided) {
-        L.k2 = 2;
-        L.dst_k2 = 2;
-        L.label = "strided";
-    }
+    if (strided) L.k2 = L.dst_k2 = 2, L.label = "strided";
     return L;
 }
 
 // Runs one call with `threads` forced; returns how often the thread count was
 // asked for, after checking the results.
-int queries_for(const char* name, int w, int h, int count, bool strided, int threads) {
-    const auto& row = ewt::row_named(name);
+int queries_for(const reg::ExportRow& row, int w, int h, int count, bool strided, int threads) {
     int q = -1;
     ewt::with_type(row, [&](auto t) {
-        using T = decltype(t);
-        ewt::Case<T> c(row, w, h, count, layout_for(strided), unsigned(count));
+        ewt::Case<decltype(t)> c(row, w, h, count, layout_for(strided), unsigned(count));
         subst::Scope scope(threads);
         c.run_and_check("count " + std::to_string(count));
         q = subst::thread_queries;
-        EXPECT_EQ(subst::mallocs, 0) << name << ": element-wise wrappers have no scratch";
+        EXPECT_EQ(subst::mallocs, 0) << row.name << ": element-wise wrappers have no scratch";
     });
     return q;
 }
 
+// Every array export at its kernels' thresholds: one object below the
+// boundary it runs on the calling thread (no question), at it the wrapper
+// forks (asked twice). Single objects never ask.
 TEST(FanOut, EachThresholdAtItsExactBoundary) {
-    for (const auto& b : kBoundaries) {
-        SCOPED_TRACE(std::string(b.name) + (b.strided ? " strided" : " contiguous"));
-        EXPECT_EQ(queries_for(b.name, b.w, b.h, b.at - 1, b.strided, 4), 0) << "count " << b.at - 1;
-        EXPECT_EQ(queries_for(b.name, b.w, b.h, b.at, b.strided, 4), 2) << "count " << b.at;
+    int boundaries = 0;
+    for (const auto* row : ewt::elementwise_exports()) {
+        const std::string sig = row->sig, name = row->name;
+        if (sig.find('a') == std::string::npos) {
+            EXPECT_EQ(queries_for(*row, 200, 200, 1, false, 4), 0) << name;
+            continue;
+        }
+        if (name == "zelmSub_vva_64f_P") continue;  // no wrapper: FourThreadsGiveTheBitsOfOne
+        const Limit* lim = nullptr;
+        for (const auto& l : kLimits)
+            if (has(l.ops, row->op) && has(l.sigs, sig)) lim = &l;
+        ASSERT_NE(lim, nullptr) << name;
+        const char form = row->form[0];
+        for (bool strided : {false, true}) {
+            if (form == 'P' && strided) continue;
+            const int* thr = lim->thr[0] ? lim->thr : kMat;
+            const int limit = form == 'P' ? thr[6] : form == 'S' ? thr[strided] : thr[2 + 2 * strided + fh::is64(*row)];
+            int at = 1;
+            while (lim->strict ? lim->est(lim->w, lim->h, at) <= limit : lim->est(lim->w, lim->h, at) < limit) ++at;
+            SCOPED_TRACE(name + (strided ? " strided" : " contiguous") + ", limit " + std::to_string(limit));
+            EXPECT_EQ(queries_for(*row, lim->w, lim->h, at - 1, strided, 4), 0) << "count " << at - 1;
+            EXPECT_EQ(queries_for(*row, lim->w, lim->h, at, strided, 4), 2) << "count " << at;
+            ++boundaries;
+        }
     }
-}
-
-TEST(FanOut, SubVvaOf64fPointerFormNeverEntersTheWrapper) {
-    // 100*(2*count + 1) is far above 20000 for both
-    EXPECT_EQ(queries_for("zelmSub_vva_64f_P", 100, 1, 2000, false, 4), 0);
-    EXPECT_EQ(queries_for("zelmSub_vva_32f_P", 100, 1, 2000, false, 4), 2);
-}
-
-TEST(FanOut, SingleObjectsNeverEnterTheWrapper) {
-    for (const char* n : {"zelmAdd_mm_32f", "zelmSub_tt_64f_P", "zelmMul_tc_32f", "zelmAdd_vv_64f"})
-        EXPECT_EQ(queries_for(n, 200, 200, 1, false, 4), 0) << n;
+    EXPECT_GT(boundaries, 300);
 }
 
 TEST(FanOut, OneThreadOrFewerObjectsThanThreadsGoDirectInsideTheWrapper) {
     // 100x100 mam: far above every threshold, even at count 3
-    EXPECT_EQ(queries_for("zelmAdd_mam_32f", 100, 100, 3, false, 4), 1);
-    EXPECT_EQ(queries_for("zelmAdd_mam_32f", 100, 100, 4, false, 4), 2);
-    EXPECT_EQ(queries_for("zelmAdd_mam_32f_P", 100, 100, 9, false, 1), 1);
-    EXPECT_EQ(queries_for("zelmMul_tac_64f_L", 100, 100, 9, true, -1), 1);
+    const auto q = [](const char* n, int count, bool strided, int threads) {
+        return queries_for(ewt::row_named(n), 100, 100, count, strided, threads);
+    };
+    EXPECT_EQ(q("zelmAdd_mam_32f", 3, false, 4), 1);
+    EXPECT_EQ(q("zelmAdd_mam_32f", 4, false, 4), 2);
+    EXPECT_EQ(q("zelmAdd_mam_32f_P", 9, false, 1), 1);
+    EXPECT_EQ(q("zelmMul_tac_64f_L", 9, true, -1), 1);
 }
 
 // Slices with a remainder (count 10 on 4 threads: 3, 3, 2, 2), in every form
