@@ -141,16 +141,9 @@ TEST(Cholesky, RadicandTests) {
         double d;
         bool fails, fails_p;
     } cases[] = {
-        {3, 1e-9, false, true},
-        {3, 0x1p-23, false, true},
-        {3, 0x1.000002p-23, false, false},
-        {4, 1e-9, false, false},
-        {2, 1e-30, false, false},
-        {7, 1e-30, false, false},
-        {6, 0, true, true},
-        {3, -1e-30, true, true},
-        {8, 0, true, true},
-        {3, std::nan(""), false, false},
+        {3, 1e-9, false, true},  {3, 0x1p-23, false, true}, {3, 0x1.000002p-23, false, false}, {4, 1e-9, false, false},
+        {2, 1e-30, false, false}, {7, 1e-30, false, false}, {6, 0, true, true}, {3, -1e-30, true, true},
+        {8, 0, true, true},      {3, std::nan(""), false, false},
     };
     for (const auto* row : fh::exports_of({"CholeskyDecomp"}))
         for (const auto& k : cases)
