@@ -1,7 +1,5 @@
-// Test harness for the element-wise exports: lays out the operands of any
-// Add/Sub/Mul export in its storage form (fh::Laid), fills them, calls the
-// export and checks the destination memory bit for bit against a plain
-// reference loop, the bytes between and around the results included.
+// One laid-out element-wise call (fh::Laid), checked bit for bit against a
+// plain loop, the bytes between and around the results included.
 #pragma once
 
 #include <gtest/gtest.h>

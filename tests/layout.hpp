@@ -1,7 +1,5 @@
-// How operands lie in memory in the tests: one object array in any storage
-// form (strided, object table, element table) with the padding, shifts and
-// table orders a case asks for; every element not written by the case holds
-// a sentinel.
+// How operands lie in memory: one object array in any storage form with
+// the padding, shifts and table orders a case asks for, sentinels elsewhere.
 #pragma once
 
 #include <algorithm>

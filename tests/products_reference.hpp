@@ -4,10 +4,20 @@
 // tests compare the library's bits with these.
 #pragma once
 
+#include <cmath>
+#include <random>
 #include <string>
 #include <vector>
 
 namespace pref {
+
+// A value whose bits make different associations differ: a random mantissa
+// and sign, an exponent spread over a few binades.
+template <class T>
+T spread(std::mt19937& g) {
+    const double v = std::ldexp(std::uniform_real_distribution<double>(1.0, 2.0)(g), int(g() % 13) - 6);
+    return T(g() % 2 ? -v : v);
+}
 
 // Named associations of a sum of terms t(0..K-1).
 enum class How {

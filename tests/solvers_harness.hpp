@@ -1,9 +1,5 @@
-// Shared by the solver suites. sq (QR, inversion, determinant): layouts,
-// random operands, the standard call as the reference of every form, the
-// parallel wrapper at fixed boundaries. tri_test (LU, Cholesky): a
-// decomposition or solve bit for bit against the family's reference (memory
-// image, tables, guards), Eigen as the oracle of solutions, the wrapper's
-// limits from the family's table and four threads against one.
+// Shared by the solver suites: sq (QR, inversion, determinant) and tri_test
+// (LU, Cholesky: bit for bit against the family's reference, the wrapper).
 #pragma once
 
 #include <gtest/gtest.h>

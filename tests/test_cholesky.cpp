@@ -1,10 +1,6 @@
-// Cholesky decomposition and back-substitution: every export, order 1 to 9,
-// every form and layout, bit for bit against the factorisation written out
-// (reciprocal diagonal, the 32f estimate with its Newton step), which also
-// says what stands after a matrix that is not positive definite; L L^T = A;
-// solutions against Eigen; the radicand tests; the documented examples;
-// in-place operands; the fan-out. Above the diagonal every source holds NaN
-// and, in the pointer form, null element pointers: reading there shows.
+// Cholesky decomposition and back-substitution against the factorisation
+// written out; above the diagonal the sources hold NaN (null pointers in the
+// pointer form), so a read there shows.
 #include <gtest/gtest.h>
 #include <xmmintrin.h>
 

@@ -1,7 +1,5 @@
-// Add, Sub and multiplication by a constant: every export in every storage
-// form and layout against a reference loop, bit for bit, the memory around
-// the results included; in place; vectors past the unrolled runs; a single
-// operand shared by many objects; overlapping rows; non-finite values.
+// Add, Sub and multiplication by a constant against a reference loop, bit
+// for bit, the memory around the results included.
 #include <gtest/gtest.h>
 
 #include <cmath>

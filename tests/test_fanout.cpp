@@ -1,6 +1,5 @@
-// The parallel fan-out of the element-wise array operations, seen from
-// outside: which calls enter the wrapper (ownGetNumThreads is asked), which
-// fork (asked twice), and that the results never depend on it.
+// The fan-out of the element-wise array operations: which calls enter the
+// wrapper (ownGetNumThreads asked), which fork (asked twice), same results.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>

@@ -1,8 +1,5 @@
-// QR decomposition and back-substitution: every export in every form (and in
-// place) bit for bit against the standard call, the source rebuilt from the
-// reflectors and R, least squares against Eigen, worked examples, the strict
-// threshold on the squared norm, what stands after a rank-deficient column,
-// and the parallel wrapper.
+// QR decomposition and back-substitution: every form against the standard
+// call, R rebuilt, least squares against Eigen, rank failures, the wrapper.
 #include <cmath>
 #include <vector>
 
