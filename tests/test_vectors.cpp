@@ -19,31 +19,8 @@
 
 namespace {
 
+using pref::eval_doc;
 using pref::Kern;
-
-// A documented association of the terms t: "((1+3)+2)+0" (letters and spaces
-// ignored, so "(q0+q1)+q2" too); "S" sequential from t0, "S0" from +0.0.
-template <class T>
-T eval_doc(const std::string& e, const std::vector<T>& t) {
-    if (e == "S" || e == "S0") {
-        T s = e == "S" ? t[0] : T(0);
-        for (std::size_t k = e == "S"; k < t.size(); ++k) s = s + t[k];
-        return s;
-    }
-    std::size_t i = 0;
-    // the terms and bracketed sums up to ')' or the end, added left to right
-    const auto sum = [&](auto& self) -> T {
-        T v{}, x;
-        for (bool first = true; i < e.size() && e[i] != ')'; v = first ? x : v + x, first = false) {
-            std::size_t n = 0;
-            while (i < e.size() && e[i] != '(' && !std::isdigit(static_cast<unsigned char>(e[i]))) ++i;
-            if (e[i] == '(') ++i, x = self(self), ++i;
-            else x = t.at(std::stoul(e.substr(i), &n)), i += n;
-        }
-        return v;
-    };
-    return sum(sum);
-}
 
 // The pointer form's eight chains (c0 + c1 + ... + c7) or three (odd, 0 mod 8,
 // other even positions) over the terms below m8; then the terms from K-1 down.
