@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
@@ -55,11 +56,8 @@ struct Parser {
     const std::map<std::string, std::int64_t>& elems;
     const std::map<std::string, std::int64_t>& objects;
 
-    void space() {
-        while (i < s.size() && s[i] == ' ') ++i;
-    }
     bool eat(const char* t) {
-        space();
+        while (i < s.size() && s[i] == ' ') ++i;
         const std::size_t n = std::strlen(t);
         if (s.compare(i, n, t) != 0) return false;
         i += n;
@@ -67,7 +65,7 @@ struct Parser {
     }
     [[noreturn]] void fail() const { throw std::runtime_error("bad expression: " + s); }
     std::string word() {
-        space();
+        eat("");
         const std::size_t b = i;
         while (i < s.size() && (std::isalnum(static_cast<unsigned char>(s[i])) || s[i] == '_')) ++i;
         if (b == i) fail();
@@ -75,7 +73,7 @@ struct Parser {
     }
     std::int64_t atom() {
         if (eat("(")) {
-            const std::int64_t v = conj();
+            const std::int64_t v = binary(0);
             if (!eat(")")) fail();
             return v;
         }
@@ -93,32 +91,22 @@ struct Parser {
         if (it == names.end()) throw std::runtime_error("no argument " + w + " in " + s);
         return it->second;
     }
-    std::int64_t product() {
-        std::int64_t v = atom();
-        while (eat("*")) v *= atom();
-        return v;
-    }
-    std::int64_t sum() {
-        std::int64_t v = product();
-        for (;;) {
-            if (eat("+")) v += product();
-            else if (eat("-")) v -= product();
-            else return v;
+    // Left to right within a level: && (0), one comparison (1), + - (2), * (3).
+    std::int64_t binary(int level) {
+        static const char* const ops[4][6] = {{"&&"}, {"==", "!=", ">=", "<=", ">", "<"}, {"+", "-"}, {"*"}};
+        std::int64_t v = level == 3 ? atom() : binary(level + 1);
+        for (bool more = true; more;) {
+            more = false;
+            for (const char* op : ops[level])
+                if (op && eat(op)) {
+                    const std::int64_t r = level == 3 ? atom() : binary(level + 1);
+                    const std::string o = op;
+                    v = o == "&&" ? (v && r) : o == "==" ? v == r : o == "!=" ? v != r : o == ">=" ? v >= r : o == "<=" ? v <= r
+                      : o == ">" ? v > r : o == "<" ? v < r : o == "+" ? v + r : o == "-" ? v - r : v * r;
+                    more = level != 1;
+                    break;
+                }
         }
-    }
-    std::int64_t comparison() {
-        const std::int64_t a = sum();
-        if (eat("==")) return a == sum();
-        if (eat("!=")) return a != sum();
-        if (eat(">=")) return a >= sum();
-        if (eat("<=")) return a <= sum();
-        if (eat(">")) return a > sum();
-        if (eat("<")) return a < sum();
-        return a;
-    }
-    std::int64_t conj() {
-        std::int64_t v = comparison();
-        while (eat("&&")) v = comparison() && v;
         return v;
     }
 };
@@ -187,12 +175,8 @@ const std::map<std::string, Spec>& specs() {
 }
 
 bool is_size(const std::string& n) {
-    static const char* const sizes[] = {"width",     "height",     "len",       "widthHeight",
-                                        "count",     "src1Width",  "src1Height", "src2Width",
-                                        "src2Height", "src2Len",   "src3Len"};
-    for (const char* s : sizes)
-        if (n == s) return true;
-    return false;
+    static const std::string sizes = " width height len widthHeight count src1Width src1Height src2Width src2Height src2Len src3Len ";
+    return sizes.find(" " + n + " ") != std::string::npos;
 }
 
 // The arena: one block for the whole process (one Call at a time), filled
@@ -213,9 +197,8 @@ std::int64_t eval(const std::string& expr, const std::map<std::string, std::int6
                   const std::map<std::string, std::int64_t>& elems,
                   const std::map<std::string, std::int64_t>& objects) {
     Parser p{expr, 0, names, elems, objects};
-    const std::int64_t v = p.conj();
-    p.space();
-    if (p.i != expr.size()) p.fail();
+    const std::int64_t v = p.binary(0);
+    if (p.eat(""), p.i != expr.size()) p.fail();
     return v;
 }
 
@@ -261,23 +244,7 @@ Call::Call(const reg::ExportRow& row, Draw& d, Mode mode, bool parallel)
         args.reals[p.name] = mode == Mode::Fuzz && d.chance(6) ? d.pick(odd) : d.pick(nice);
     }
     writable_.resize(used_, 0);
-    for (const auto& l : groups_) {
-        if (l.g->role.rfind("Dst", 0) != 0) continue;
-        for (int n = 0; n < l.objs; ++n)
-            for (int r = 0; r < l.rows; ++r)
-                for (int c = 0; c < l.cols; ++c) std::memset(&writable_[l.at(n, r, c, arena_)], 1, esz_);
-    }
-    for (const auto& b : blocks_) {
-        if (b.b->role != "out" && b.b->role != "scratch") continue;
-        if (!b.p) continue;
-        const std::size_t off = std::size_t(b.p - arena_);
-        if (b.b->k) {
-            for (int n = 0; n < b.count; ++n)
-                std::memset(&writable_[off + std::size_t(n) * b.stride], 1, std::size_t(b.b->k) * b.esz);
-        } else {
-            std::memset(&writable_[off], 1, std::size_t(b.elems) * b.esz);
-        }
-    }
+    for_each_result(true, [&](const unsigned char* p, std::size_t n) { std::memset(&writable_[p - arena_], 1, n); });
     snapshot_.assign(arena_, arena_ + used_);
     laid_ = args.nums;
     poison(true);
@@ -605,26 +572,27 @@ std::vector<std::size_t> Call::stray_writes(std::string* first) const {
     return out;
 }
 
+void Call::for_each_result(bool scratch, const std::function<void(const unsigned char*, std::size_t)>& f) const {
+    for (const auto& l : groups_) {
+        if (l.g->role.rfind("Dst", 0) != 0) continue;
+        for (int n = 0; n < l.objs; ++n)
+            for (int r = 0; r < l.rows; ++r)
+                for (int c = 0; c < l.cols; ++c) f(arena_ + l.at(n, r, c, arena_), esz_);
+    }
+    for (const auto& b : blocks_) {
+        if (!b.p || (b.b->role != "out" && (!scratch || b.b->role != "scratch"))) continue;
+        if (!b.b->k) f(b.p, std::size_t(b.elems) * b.esz);
+        for (int n = 0; b.b->k && n < b.count; ++n) f(b.p + std::size_t(n) * b.stride, std::size_t(b.b->k) * b.esz);
+    }
+}
+
 std::uint64_t Call::digest(zelStatus st) const {
     std::uint64_t h = 0xCBF29CE484222325ull;
     auto mix = [&](const unsigned char* p, std::size_t n) {
         for (std::size_t i = 0; i < n; ++i) h = (h ^ p[i]) * 0x100000001B3ull;
     };
     mix(reinterpret_cast<const unsigned char*>(&st), sizeof st);
-    for (const auto& l : groups_) {
-        if (l.g->role.rfind("Dst", 0) != 0) continue;
-        for (int n = 0; n < l.objs; ++n)
-            for (int r = 0; r < l.rows; ++r)
-                for (int c = 0; c < l.cols; ++c) mix(arena_ + l.at(n, r, c, arena_), esz_);
-    }
-    for (const auto& b : blocks_) {
-        if (b.b->role != "out" || !b.p) continue;
-        if (b.b->k) {
-            for (int n = 0; n < b.count; ++n) mix(b.p + std::size_t(n) * b.stride, std::size_t(b.b->k) * b.esz);
-        } else {
-            mix(b.p, std::size_t(b.elems) * b.esz);
-        }
-    }
+    for_each_result(false, mix);
     return h;
 }
 

@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -150,6 +151,9 @@ private:
     void fill_source(unsigned char* p, Draw& d, Mode mode);
     std::map<std::string, std::int64_t> names() const;
     void poison(bool on) const;
+    // Every result the export may store, f(address, bytes): destination
+    // elements in logical order, the compact results (and the scratch).
+    void for_each_result(bool scratch, const std::function<void(const unsigned char*, std::size_t)>& f) const;
 
     bool parallel_;
     const reg::ExportRow& row_;

@@ -4,10 +4,21 @@
 // tests compare the library's bits with these.
 #pragma once
 
+#include <cctype>
+#include <cmath>
+#include <random>
 #include <string>
 #include <vector>
 
 namespace pref {
+
+// A value whose bits make different associations differ: a random mantissa
+// and sign, an exponent spread over a few binades.
+template <class T>
+T spread(std::mt19937& g) {
+    const double v = std::ldexp(std::uniform_real_distribution<double>(1.0, 2.0)(g), int(g() % 13) - 6);
+    return T(g() % 2 ? -v : v);
+}
 
 // Named associations of a sum of terms t(0..K-1).
 enum class How {
@@ -29,36 +40,43 @@ struct Order {
     int lead = 0;  // leading terms that start accumulator 0
 };
 
+// A documented association of the terms t: "((1+3)+2)+0" (letters and spaces
+// ignored, so "(q0+q1)+q2" too); "S" sequential from t0, "S0" from +0.0.
+template <class T>
+T eval_doc(const std::string& e, const std::vector<T>& t) {
+    if (e == "S" || e == "S0") {
+        T s = e == "S" ? t[0] : T(0);
+        for (std::size_t k = e == "S"; k < t.size(); ++k) s = s + t[k];
+        return s;
+    }
+    std::size_t i = 0;
+    // the terms and bracketed sums up to ')' or the end, added left to right
+    const auto sum = [&](auto& self) -> T {
+        T v{}, x;
+        for (bool first = true; i < e.size() && e[i] != ')'; v = first ? x : v + x, first = false) {
+            std::size_t n = 0;
+            while (i < e.size() && e[i] != '(' && !std::isdigit(static_cast<unsigned char>(e[i]))) ++i;
+            if (e[i] == '(') ++i, x = self(self), ++i;
+            else x = t.at(std::stoul(e.substr(i), &n)), i += n;
+        }
+        return v;
+    };
+    return sum(sum);
+}
+
+// The vector-lane fast paths at lengths 3 to 6 (Spread at length 5: rows 0
+// to 3, then the others); sequential elsewhere, and for FirstSeq.
 template <class T>
 T lane_sum(How h, const std::vector<T>& t, int row) {
+    static const char* const docs[4][5] = {
+        {"S", "(0+2)+(1+3)", "((0+1)+4)+(2+3)", "((0+2)+4)+(1+3)", "((0+2)+4)+((1+3)+5)"},       // Spread
+        {"S", "(0+1)+(2+3)", "((0+1)+(2+3))+4", "((0+1)+(2+3))+4", "((0+1)+(2+3))+(4+5)"},       // Adjacent
+        {"S", "(0+1)+(2+3)", "((0+1)+4)+(2+3)", "((0+1)+4)+(2+3)", "((0+1)+(2+3))+(4+5)"},       // Split
+        {"S", "((0+3)+1)+2", "(((0+4)+1)+2)+3", "(((0+4)+1)+2)+3", "((((0+5)+1)+2)+3)+4"},      // LastFirst
+    };
     const int n = int(t.size());
-    switch (h) {
-        case How::Spread:
-            if (n == 4) return (t[0] + t[2]) + (t[1] + t[3]);
-            if (n == 5) return row < 4 ? ((t[0] + t[1]) + t[4]) + (t[2] + t[3]) : ((t[0] + t[2]) + t[4]) + (t[1] + t[3]);
-            if (n == 6) return ((t[0] + t[2]) + t[4]) + ((t[1] + t[3]) + t[5]);
-            break;
-        case How::Adjacent:
-            if (n == 3) return (t[0] + t[1]) + t[2];
-            if (n == 4) return (t[0] + t[1]) + (t[2] + t[3]);
-            if (n == 5) return ((t[0] + t[1]) + (t[2] + t[3])) + t[4];
-            if (n == 6) return ((t[0] + t[1]) + (t[2] + t[3])) + (t[4] + t[5]);
-            break;
-        case How::Split:
-            if (n == 4) return (t[0] + t[1]) + (t[2] + t[3]);
-            if (n == 5) return ((t[0] + t[1]) + t[4]) + (t[2] + t[3]);
-            if (n == 6) return ((t[0] + t[1]) + (t[2] + t[3])) + (t[4] + t[5]);
-            break;
-        case How::LastFirst:
-            if (n == 4) return ((t[0] + t[3]) + t[1]) + t[2];
-            if (n == 5) return (((t[0] + t[4]) + t[1]) + t[2]) + t[3];
-            if (n == 6) return ((((t[0] + t[5]) + t[1]) + t[2]) + t[3]) + t[4];
-            break;
-        default: break;
-    }
-    T s = t[0];
-    for (int k = 1; k < n; ++k) s = s + t[k];
-    return s;
+    if (h < How::Spread || n < 3 || n > 6) return eval_doc<T>("S", t);
+    return eval_doc<T>(docs[int(h) - int(How::Spread)][n == 6 ? 4 : n == 5 ? 2 + (row >= 4) : n - 3], t);
 }
 
 template <class T>

@@ -7,19 +7,11 @@ namespace reg {
 std::vector<Check> checks_of(const ExportRow& row) {
     std::vector<Check> out;
     std::istringstream in(row.checks);
-    std::string tok;
-    while (in >> tok) {
-        Check c{tok[0], {}};
-        const auto eq = tok.find('=');
-        std::string rest = tok.substr(eq + 1);
-        std::size_t i = 0;
-        while (i < rest.size()) {
-            std::size_t j = rest.find(',', i);
-            if (j == std::string::npos) j = rest.size();
-            if (j > i) c.args.push_back(rest.substr(i, j - i));
-            i = j + 1;
-        }
-        out.push_back(c);
+    for (std::string tok; in >> tok;) {  // "S=src1Stride1,src1Stride2", "H.src=srcShift"
+        std::istringstream args(tok.substr(tok.find('=') + 1));
+        out.push_back({tok[0], {}});
+        for (std::string a; std::getline(args, a, ',');)
+            if (!a.empty()) out.back().args.push_back(a);
     }
     return out;
 }

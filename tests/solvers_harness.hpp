@@ -1,9 +1,5 @@
-// Shared by the solver suites. sq (QR, inversion, determinant): layouts,
-// random operands, the standard call as the reference of every form, the
-// parallel wrapper at fixed boundaries. tri_test (LU, Cholesky): a
-// decomposition or solve bit for bit against the family's reference (memory
-// image, tables, guards), Eigen as the oracle of solutions, the wrapper's
-// limits from the family's table and four threads against one.
+// Shared by the solver suites: sq (QR, inversion, determinant) and tri_test
+// (LU, Cholesky: bit for bit against the family's reference, the wrapper).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -106,13 +102,20 @@ inline std::string where(const reg::ExportRow& r, const lay::Layout& L, int n) {
     return std::string(r.name) + " " + L.label + " order " + std::to_string(n);
 }
 
-// An inversion (Src, Dst) or determinant (Src, pDst) call on n x n objects.
+// An inversion (Src, Dst), determinant (Src, pDst) or QR call on h x n
+// objects (h 0: square); in place: the destination on the source (on b).
 template <class T>
-fh::Laid<T> square_laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}) {
-    const bool det = std::string(row.op) == "Det";
-    fh::Laid<T> l(row, count, det ? fh::Shapes{{"Src", {n, n}}} : fh::Shapes{{"Src", {n, n}}, {"Dst", {n, n}}},
-                  det ? fh::Blocks{{"pBuffer", n * n + n}, {"pDst", count}} : fh::Blocks{{"pBuffer", n * n + n}}, L);
-    l.num("widthHeight", n);
+fh::Laid<T> square_laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}, int h = 0, bool in_place = false) {
+    const std::string op = row.op;
+    h = h ? h : n;
+    fh::Shapes shapes{{"Src", {h, n}}, {"Dst", {h, n}}};
+    fh::Blocks blocks{{"pBuffer", op[0] == 'Q' ? h : n * n + n}};
+    if (op == "Det") shapes.erase("Dst"), blocks["pDst"] = count;
+    if (op == "QRBackSubst") shapes = {{"Src1", {h, n}}, {"Src2", {1, h}}, {"Dst", {1, n}}};
+    std::map<std::string, std::string> alias;
+    if (in_place) alias["Dst"] = op == "QRDecomp" ? "Src" : "Src2";
+    fh::Laid<T> l(row, count, shapes, blocks, L, 1, alias);
+    l.num("widthHeight", n), l.num("width", n), l.num("height", h);
     return l;
 }
 
@@ -166,13 +169,16 @@ void fan_out_checks(const std::string& name, int at, int count, Make make, Resul
     EXPECT_TRUE(same_bits(out[0], out[2])) << name;
 }
 
-// fan_out_checks for each boundary: `laid(b, T(), count, L)` lays out a call
-// (square_laid by default);
-// `fill(b, l)` fills its operands and says so, or random sources (one of them
-// zero when the family has no failure, `fails` 0) go in; with those, on 4
-// threads, a zero object in a slice gives the call's status `fails`.
-template <std::size_t N, class Make, class Results, class Fill>
-void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Make laid, Results results, Fill fill) {
+// fan_out_checks for each boundary: `fill(b, l)` fills the operands and says
+// so, or random sources (one of them zero when the family has no failure,
+// `fails` 0) go in; with those, on 4 threads, a zero object in a slice gives
+// the call's status `fails`.
+struct RandomFill {
+    template <class L>
+    bool operator()(const Boundary&, L&) const { return false; }
+};
+template <std::size_t N, class Results, class Fill = RandomFill>
+void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Results results, Fill fill = {}) {
     for (const auto& b : bs)
         fh::with_type(fh::row_named(b.name), [&](auto t) {
             using T = decltype(t);
@@ -181,7 +187,7 @@ void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Make laid, Results
             const int h = b.h ? b.h : b.n;
             bool custom = false;
             auto filled = [&](int count) {
-                auto l = laid(b, t, count, L);
+                auto l = square_laid<T>(fh::row_named(b.name), count, b.n, L, h);
                 if (!(custom = fill(b, l))) random_objects(l, "Src", 4, h, b.n);
                 if (fails == zelStsOk) l.set("Src", count / 2, Vec<T>(std::size_t(h) * b.n, T(0)));
                 return l;
@@ -193,15 +199,6 @@ void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Make laid, Results
             subst::Scope scope(4);
             EXPECT_EQ(l.call(), fails) << b.name;
         });
-}
-template <std::size_t N, class Results>
-void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Results results) {
-    square_fan_out(
-        bs, fails,
-        [](const auto& b, auto t, int count, const lay::Layout& L) {
-            return square_laid<decltype(t)>(fh::row_named(b.name), count, b.n, L);
-        },
-        results, [](const auto&, auto&) { return false; });
 }
 
 }  // namespace sq

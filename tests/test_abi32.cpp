@@ -1,7 +1,5 @@
-// The 32-bit target: every export works when a caller enters it with the
-// stack aligned to 4 bytes only, as older 32-bit code calls (the library is
-// built to realign where it needs more), and gives the same results as from
-// an aligned stack.
+// The 32-bit target: every export called from a stack aligned to 4 bytes
+// only gives the results of an aligned call.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>

@@ -1,10 +1,6 @@
-// Cholesky decomposition and back-substitution: every export, order 1 to 9,
-// every form and layout, bit for bit against the factorisation written out
-// (reciprocal diagonal, the 32f estimate with its Newton step), which also
-// says what stands after a matrix that is not positive definite; L L^T = A;
-// solutions against Eigen; the radicand tests; the documented examples;
-// in-place operands; the fan-out. Above the diagonal every source holds NaN
-// and, in the pointer form, null element pointers: reading there shows.
+// Cholesky decomposition and back-substitution against the factorisation
+// written out; above the diagonal the sources hold NaN (null pointers in the
+// pointer form), so a read there shows.
 #include <gtest/gtest.h>
 #include <xmmintrin.h>
 
@@ -141,16 +137,9 @@ TEST(Cholesky, RadicandTests) {
         double d;
         bool fails, fails_p;
     } cases[] = {
-        {3, 1e-9, false, true},
-        {3, 0x1p-23, false, true},
-        {3, 0x1.000002p-23, false, false},
-        {4, 1e-9, false, false},
-        {2, 1e-30, false, false},
-        {7, 1e-30, false, false},
-        {6, 0, true, true},
-        {3, -1e-30, true, true},
-        {8, 0, true, true},
-        {3, std::nan(""), false, false},
+        {3, 1e-9, false, true},  {3, 0x1p-23, false, true}, {3, 0x1.000002p-23, false, false}, {4, 1e-9, false, false},
+        {2, 1e-30, false, false}, {7, 1e-30, false, false}, {6, 0, true, true}, {3, -1e-30, true, true},
+        {8, 0, true, true},      {3, std::nan(""), false, false},
     };
     for (const auto* row : fh::exports_of({"CholeskyDecomp"}))
         for (const auto& k : cases)

@@ -1,8 +1,5 @@
-// Determinants: every export in every form at the orders 1 to 9 against
-// Eigen and bit for bit against the standard call of the same method, the
-// method of each kernel shown by a matrix on which 80-bit and element-type
-// arithmetic differ, singular objects that do not stop an array, the worked
-// examples, and the parallel wrapper.
+// Determinants: every form against Eigen and bit for bit against the
+// standard call of its method; worked examples; the wrapper.
 #include <cmath>
 #include <limits>
 #include <vector>

@@ -1,9 +1,5 @@
-// Symmetric eigenproblem, every export through the forms harness: spectra of
-// orders 1 to 9 (distinct, repeated, clustered) against Eigen in the
-// documented order, orthonormal vectors with small residuals; every form,
-// stride and lane group bit for bit against one object alone in the standard
-// form; worked examples and failure states with what stands in the results
-// and the buffer; the fan-out, its limits and a failing allocation.
+// Symmetric eigenproblem: spectra against Eigen, every form bit for bit
+// against the standard call, failure states, the fan-out.
 #include <gtest/gtest.h>
 
 #include <Eigen/Dense>

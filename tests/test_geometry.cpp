@@ -1,8 +1,5 @@
-// Fixed-size geometry against glm (which stores column-major: the same memory
-// as this row-major, row-vector layout) where the formulas agree, against the
-// written formulas where the order of operations is the result, and against
-// identities: inverse times matrix, Unproject(Project(p)), the array forms
-// equal to the single ones. Failure states with sentinel-filled destinations.
+// Fixed-size geometry against glm (column-major: the same memory as this
+// row-major, row-vector layout), the written formulas and identities.
 #define GLM_ENABLE_EXPERIMENTAL
 #include <gtest/gtest.h>
 

@@ -1,8 +1,5 @@
-// Inversion: every export in every form at the orders 1 to 9 against A X = I
-// and bit for bit against the standard call of the same method, what stands
-// after a singular matrix on each path (the pivot column rules of the orders
-// 5 and 6, the aligned pairs), the worked examples, the thresholds per
-// kernel, and the parallel wrapper.
+// Inversion: every form against A X = I and bit for bit against the
+// standard call of its method; singular states; thresholds; the wrapper.
 #include <emmintrin.h>
 
 #include <cmath>

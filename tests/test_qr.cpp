@@ -1,8 +1,5 @@
-// QR decomposition and back-substitution: every export in every form (and in
-// place) bit for bit against the standard call, the source rebuilt from the
-// reflectors and R, least squares against Eigen, worked examples, the strict
-// threshold on the squared norm, what stands after a rank-deficient column,
-// and the parallel wrapper.
+// QR decomposition and back-substitution: every form against the standard
+// call, R rebuilt, least squares against Eigen, rank failures, the wrapper.
 #include <cmath>
 #include <vector>
 
@@ -15,24 +12,10 @@ using sq::Vec;
 
 bool is_dec(const reg::ExportRow& r) { return std::string(r.op) == "QRDecomp"; }
 
-// A call of h x w objects; in place: the destination on the source (on b).
-template <class T>
-fh::Laid<T> laid(const reg::ExportRow& row, int count, int w, int h, const lay::Layout& L = {}, bool in_place = false) {
-    const bool dec = is_dec(row);
-    std::map<std::string, std::string> alias;
-    if (in_place) alias["Dst"] = dec ? "Src" : "Src2";
-    fh::Laid<T> l(row, count,
-                  dec ? fh::Shapes{{"Src", {h, w}}, {"Dst", {h, w}}} : fh::Shapes{{"Src1", {h, w}}, {"Src2", {1, h}}, {"Dst", {1, w}}},
-                  {{"pBuffer", h}}, L, 1, alias);
-    l.num("width", w);
-    l.num("height", h);
-    return l;
-}
-
 // The standard single-object calls: the reference of every form.
 template <class T>
 zelStatus decomp(const Vec<T>& a, Vec<T>& d, int w, int h) {
-    auto l = laid<T>(sq::standard<T>("QRDecomp"), 1, w, h);
+    auto l = sq::square_laid<T>(sq::standard<T>("QRDecomp"), 1, w, {}, h);
     l.set("Src", 0, a);
     const zelStatus st = l.call();
     d = l.get("Dst", 0);
@@ -46,7 +29,7 @@ Vec<T> decomposed(const Vec<T>& a, int w, int h) {
 }
 template <class T>
 Vec<T> solved(const Vec<T>& qr, const Vec<T>& b, int w, int h) {
-    auto l = laid<T>(sq::standard<T>("QRBackSubst"), 1, w, h);
+    auto l = sq::square_laid<T>(sq::standard<T>("QRBackSubst"), 1, w, {}, h);
     l.set("Src1", 0, qr);
     l.set("Src2", 0, b);
     EXPECT_EQ(l.call(), zelStsOk);
@@ -83,7 +66,7 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
             for (const auto& [w, h] : kShapes)
                 for (const auto& L : sq::layouts())
                     for (bool in_place : {false, w == h && L.k2 > 1}) {
-                        auto l = laid<T>(*row, sq::kCount, w, h, L, in_place);
+                        auto l = sq::square_laid<T>(*row, sq::kCount, w, L, h, in_place);
                         const auto a = sq::random_objects(l, dec ? "Src" : "Src1", unsigned(w * 31 + h), h, w);
                         std::mt19937 g(1);
                         Vec<Vec<T>> qr, b;
@@ -153,7 +136,7 @@ TEST(QR, RankDeficiencyStopsTheArrayWithTheFinishedSteps) {
             using T = decltype(t);
             for (const auto& [w, h] : {std::pair{4, 5}, std::pair{4, 4}})
                 for (const auto& L : sq::layouts()) {
-                    auto l = laid<T>(*row, sq::kCount, w, h, L);
+                    auto l = sq::square_laid<T>(*row, sq::kCount, w, L, h);
                     auto src = sq::random_objects(l, "Src", 7, h, w);
                     const int bad = l.count() > 1 ? sq::kBad : 0;
                     for (int i = 0; i < h; ++i) src[bad][i * w + 1] = 2 * src[bad][i * w];  // column 1 = 2 column 0
@@ -196,9 +179,6 @@ TEST(QR, FanOut) {
     };
     sq::square_fan_out(
         kBoundaries, zelStsErrDivByZero,
-        [](const auto& b, auto t, int count, const lay::Layout& L) {
-            return laid<decltype(t)>(fh::row_named(b.name), count, b.n, b.h ? b.h : b.n, L);
-        },
         [](auto& l) { return sq::all_of(l); }, [](const auto& b, auto& l) {  // the solves: factors of random matrices, random b
             using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
             const int h = b.h ? b.h : b.n;

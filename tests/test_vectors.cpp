@@ -1,8 +1,5 @@
-// Vector algebra and reductions, bit for bit: the documented associations of
-// the short sums (parsed from their written form), the long orders by name,
-// over every kernel, length, layout and block path; the element-wise families
-// against plain expressions over the whole destination memory; the wrapper's
-// thresholds at their boundaries; parallel against direct calls.
+// Vector algebra and reductions bit for bit against the documented
+// associations and named long orders; thresholds; parallel against direct.
 #include <gtest/gtest.h>
 #include <xmmintrin.h>
 
@@ -22,31 +19,8 @@
 
 namespace {
 
+using pref::eval_doc;
 using pref::Kern;
-
-// A documented association of the terms t: "((1+3)+2)+0" (letters and spaces
-// ignored, so "(q0+q1)+q2" too); "S" sequential from t0, "S0" from +0.0.
-template <class T>
-T eval_doc(const std::string& e, const std::vector<T>& t) {
-    if (e == "S" || e == "S0") {
-        T s = e == "S" ? t[0] : T(0);
-        for (std::size_t k = e == "S"; k < t.size(); ++k) s = s + t[k];
-        return s;
-    }
-    std::size_t i = 0;
-    // the terms and bracketed sums up to ')' or the end, added left to right
-    const auto sum = [&](auto& self) -> T {
-        T v{}, x;
-        for (bool first = true; i < e.size() && e[i] != ')'; v = first ? x : v + x, first = false) {
-            std::size_t n = 0;
-            while (i < e.size() && e[i] != '(' && !std::isdigit(static_cast<unsigned char>(e[i]))) ++i;
-            if (e[i] == '(') ++i, x = self(self), ++i;
-            else x = t.at(std::stoul(e.substr(i), &n)), i += n;
-        }
-        return v;
-    };
-    return sum(sum);
-}
 
 // The pointer form's eight chains (c0 + c1 + ... + c7) or three (odd, 0 mod 8,
 // other even positions) over the terms below m8; then the terms from K-1 down.
@@ -210,21 +184,12 @@ float newton_root(float x) {
 // Layouts: dense, leading elements (the second source off its 16-byte
 // boundary), 16-byte object strides, element steps of 2 and 3 with shifts.
 std::vector<lay::Layout> layouts() {
-    std::vector<lay::Layout> v(6);
-    v[1].lead = 1, v[1].shift = 1, v[1].label = "lead 1";
-    v[2].lead = 3, v[2].pad0 = 1, v[2].label = "lead 3 pad 1";
-    v[3].pad0 = 1, v[3].soa = false, v[3].label = "pad 1, interleaved";
-    v[4].k2 = v[4].dst_k2 = 2, v[4].k0 = 2, v[4].label = "step 2";
-    v[5].k2 = 3, v[5].dst_k2 = 1, v[5].shift = 2, v[5].pad1 = 1, v[5].label = "step 3";
-    return v;
-}
-
-template <class T>
-T spread(std::mt19937& g) {
-    std::uniform_real_distribution<double> m(1.0, 2.0);
-    std::uniform_int_distribution<int> e(-6, 6), s(0, 1);
-    const double v = std::ldexp(m(g), e(g));
-    return T(s(g) ? -v : v);
+    return {{},
+            {.lead = 1, .shift = 1, .label = "lead 1"},
+            {.pad0 = 1, .lead = 3, .label = "lead 3 pad 1"},
+            {.pad0 = 1, .soa = false, .label = "pad 1, interleaved"},
+            {.k2 = 2, .dst_k2 = 2, .k0 = 2, .label = "step 2"},
+            {.k2 = 3, .dst_k2 = 1, .pad1 = 1, .shift = 2, .label = "step 3"}};
 }
 
 // One reduction call on a laid-out problem: every result against `expect(n)`.
@@ -257,7 +222,7 @@ std::unique_ptr<fh::Laid<T>> laid(const reg::ExportRow& r, int count, int H, int
     auto l = std::make_unique<fh::Laid<T>>(r, count, shapes, fh::Blocks{{"pDst", count}}, L, seed);
     std::mt19937 g(seed);
     for (const char* s : {"Src1", "Src2", "Src"})
-        if (shapes.count(s)) l->fill(s, [&](int, int, int) { return spread<T>(g); });
+        if (shapes.count(s)) l->fill(s, [&](int, int, int) { return pref::spread<T>(g); });
     for (const char* n : {"len", "widthHeight", "width"}) l->num(n, W);
     l->num("height", H);
     l->real("val", 1.0 / 3), l->real("val1", 1.0 / 3), l->real("val2", -2.5);
@@ -360,7 +325,7 @@ TEST(VectorReductions, FourObjectSquareRoot) {
         fh::Laid<float> l(fh::row_named(s2 ? "zelmL2Norm_va_32f" : cs.name), cs.count, {{"Src", {1, 3}}},
                           {{"pDst", cs.count + 8}}, L, 5);
         std::mt19937 g(9);
-        l.fill("Src", [&](int n, int, int) { return n == 1 ? 0.0f : n == 2 ? 1e-20f : n == 5 ? INFINITY : spread<float>(g); });
+        l.fill("Src", [&](int n, int, int) { return n == 1 ? 0.0f : n == 2 ? 1e-20f : n == 5 ? INFINITY : pref::spread<float>(g); });
         l.num("len", 3);
         float* base = l.block("pDst");
         while (!aligned16(base)) ++base;

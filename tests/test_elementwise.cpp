@@ -1,0 +1,445 @@
+// Add, Sub and multiplication by a constant: every export against a reference
+// loop, bit for bit, the memory around the results included; the fan-out:
+// which calls enter the wrapper (ownGetNumThreads asked), which fork (asked
+// twice), with the same results.
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "forms_harness.hpp"
+#include "substitutes.hpp"
+
+namespace {
+
+using fh::row_named;
+using fh::with_type;
+using lay::Layout;
+
+// Add and Sub of any grid signature, Mul by a constant.
+std::vector<const reg::ExportRow*> elementwise_exports() {
+    const std::string by_constant = " mc tc vc mac tac vac vca vaca ";
+    std::vector<const reg::ExportRow*> out;
+    for (const auto* r : fh::exports_of({"Add", "Sub", "Mul"})) {
+        const std::string sig = r->sig;
+        if (sig.find_first_not_of("mtvca") == std::string::npos &&  // not the fixed-size v2...
+            (std::string(r->op) != "Mul" || by_constant.find(" " + sig + " ") != std::string::npos))
+            out.push_back(r);
+    }
+    return out;
+}
+
+struct Letter {
+    char kind;  // m t v c
+    bool array;
+};
+std::vector<Letter> letters_of(const std::string& sig) {
+    std::vector<Letter> out;
+    for (char ch : sig) {
+        if (ch == 'a') out.back().array = true;
+        else out.push_back({ch, false});
+    }
+    return out;
+}
+
+// The source the destination can be (-1: none): the first read as stored (m
+// or v) with as many objects as the result.
+int in_place_source(const std::vector<Letter>& ls) {
+    bool any_arr = false;
+    for (auto l : ls) any_arr |= l.array;
+    for (std::size_t i = 0; i < ls.size(); ++i)
+        if ((ls[i].kind == 'm' || ls[i].kind == 'v') && (ls[i].array || !any_arr)) return int(i);
+    return -1;
+}
+
+// One call of one export, laid out, run and checked. A constant array lies
+// as a list-form operand of 1x1 objects in the list form, else as a
+// standard-form one; L.in_place makes the destination in_place_source().
+template <class T>
+class Case {
+public:
+    Case(const reg::ExportRow& row, int w_or_len, int h, int count, const Layout& L, unsigned seed = 1)
+        : name_(row.name), op_(row.op[0]), letters_(letters_of(row.sig)), rng_(seed) {
+        bool matrix = false;
+        int nsrc = 0;
+        for (auto l : letters_) matrix |= l.kind == 'm' || l.kind == 't', nsrc += l.kind != 'c';
+        W_ = w_or_len, H_ = matrix ? h : 1;
+        fh::Shapes shapes{{"Dst", {H_, W_}}};
+        std::map<std::string, std::string> alias;
+        for (std::size_t i = 0; i < letters_.size(); ++i) {
+            const Letter l = letters_[i];
+            groups_.push_back(l.kind == 'c' ? "" : nsrc == 1 ? "Src" : "Src" + std::to_string(i + 1));
+            if (l.kind == 'c') cidx_ = int(i);
+            else shapes[groups_[i]] = l.kind == 't' ? std::pair{W_, H_} : std::pair{H_, W_};
+            if (L.in_place && int(i) == in_place_source(letters_)) alias["Dst"] = groups_[i];
+        }
+        l_ = std::make_unique<fh::Laid<T>>(row, count, shapes, fh::Blocks{}, L, seed, alias);
+        for (const auto& g : groups_)
+            if (!g.empty()) l_->fill(g, [&](int, int, int) { return lay::random_value<T>(rng_); });
+        l_->args.nums.insert({{"width", W_}, {"len", W_}, {"height", H_}});
+        if (cidx_ < 0) return;
+        if (!letters_[cidx_].array) {
+            val_ = lay::random_value<T>(rng_);
+            l_->real("val", double(val_));
+            return;
+        }
+        c_.rows = c_.cols = 1, c_.array = true, c_.objs = l_->count();
+        lay::build(c_, row.form[0] == 'L' ? 'L' : 'S', L, false, rng_);
+        for (int n = 0; n < c_.objs; ++n) *c_.at(n, 0, 0) = lay::random_value<T>(rng_);
+        if (row.form[0] == 'L') l_->args.ptrs["ppVal"] = c_.tab.data(), l_->num("valShift", c_.shift);
+        else l_->args.ptrs["pVal"] = c_.base, l_->num("valStride0", c_.s0);
+    }
+
+    // The destination memory a correct call leaves: what was there, with the
+    // results written where the form puts them.
+    std::vector<T> expected() {
+        std::vector<T> out = l_->memory("Dst");
+        for (int n = 0; n < l_->count(); ++n)
+            for (int i = 0; i < H_; ++i)
+                for (int j = 0; j < W_; ++j) {
+                    T v[2];
+                    for (std::size_t k = 0; k < 2; ++k) {
+                        const char kind = letters_[k].kind;
+                        v[k] = kind == 'c' ? (letters_[k].array ? *c_.at(n, 0, 0) : val_)
+                                           : l_->at(groups_[k], n, kind == 't' ? j : kind == 'v' ? 0 : i, kind == 't' ? i : j);
+                    }
+                    out[&l_->at("Dst", n, i, j) - l_->memory("Dst").data()] =
+                        op_ == 'A' ? v[0] + v[1] : op_ == 'S' ? v[0] - v[1] : v[0] * v[1];
+                }
+        return out;
+    }
+
+    // Runs the call and checks status and memory, the sources and constants
+    // unchanged; false (with a gtest failure) on the first difference.
+    bool run_and_check(const std::string& what) {
+        const std::vector<T> want = expected();
+        std::vector<std::vector<T>> before;
+        for (const auto& g : groups_) before.push_back(g.empty() ? c_.mem : l_->memory(g));
+        const zelStatus st = l_->call();
+        EXPECT_EQ(st, zelStsOk) << name_ << " " << what;
+        if (st != zelStsOk) return false;
+        auto differs = [&](const std::vector<T>& a, const std::vector<T>& b, const std::string& name) {
+            std::size_t k = 0;
+            while (k < a.size() && std::memcmp(&a[k], &b[k], sizeof(T)) == 0) ++k;
+            if (k < a.size()) ADD_FAILURE() << name_ << " " << what << ": " << name << " element " << k << " is " << b[k] << ", expected " << a[k];
+            return k < a.size();
+        };
+        if (differs(want, l_->memory("Dst"), "destination")) return false;
+        for (std::size_t k = 0; k < groups_.size(); ++k)
+            if (groups_[k].empty() ? differs(before[k], c_.mem, "constant array")
+                                   : &l_->memory(groups_[k]) != &l_->memory("Dst") && differs(before[k], l_->memory(groups_[k]), groups_[k]))
+                return false;
+        return true;
+    }
+
+    const std::vector<T>& dst_mem() const { return l_->memory("Dst"); }
+
+private:
+    std::string name_;
+    char op_;  // A(dd), S(ub), M(ul)
+    std::vector<Letter> letters_;
+    std::mt19937 rng_;
+    int W_ = 1, H_ = 1, cidx_ = -1;
+    std::vector<std::string> groups_;  // by letter; "" for the constant
+    std::unique_ptr<fh::Laid<T>> l_;
+    T val_{};
+    lay::Operand<T> c_;  // a constant array
+};
+
+struct Size {
+    int w, h = 1;  // h is ignored by vector signatures
+};
+
+bool is_vector_sig(const char* sig) { return std::string(sig).find_first_of("mt") == std::string::npos; }
+bool is_array_sig(const char* sig) { return std::string(sig).find('a') != std::string::npos; }
+
+const lay::Layout kLayouts[] = {
+    {},  // contiguous, objects back to back
+    // every stride larger than the element, tables scrambled and repeating
+    {.k2 = 2, .dst_k2 = 3, .pad1 = 1, .pad0 = 3, .lead = 1, .shift = 2, .repeat = true, .soa = false, .label = "strided"},
+    // contiguous sources, a destination with gaps; pointer form with stride0 of 3
+    {.dst_k2 = 2, .lead = 3, .shift = 1, .k0 = 3, .label = "mixed"},
+    // tables in memory order, the destination one element off the sources' alignment
+    {.dst_lead = 1, .shift = 1, .soa = false, .scramble = false, .label = "regular"},
+};
+
+// Matrices of every order to 7 and rectangles; vectors up to and past the
+// runs of eight registers, with remainders.
+std::vector<Size> sizes_of(const reg::ExportRow& r) {
+    if (is_vector_sig(r.sig)) return {{1}, {2}, {3}, {4}, {5}, {6}, {7}, {9}, {17}, {33}, {100}, {1001}};
+    return {{1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {7, 7}, {3, 2}, {2, 3}, {4, 5}, {6, 1}, {1, 5}, {6, 4}};
+}
+
+// Every export (with a source the destination can be, if `in_place`) in every
+// layout, at the sizes `sizes(row)` gives, `counts` objects for the arrays.
+template <class Sizes>
+void sweep(bool in_place, const std::vector<int>& counts, Sizes&& sizes) {
+    const auto rows = elementwise_exports();
+    ASSERT_EQ(rows.size(), 288u);
+    for (const auto* row : rows) {
+        if (in_place && in_place_source(letters_of(row->sig)) < 0) continue;
+        unsigned seed = 1;
+        for (lay::Layout L : kLayouts) {
+            // equal strides; a destination table naming an object twice is no in-place call
+            if (in_place) L.in_place = true, L.repeat = false, L.dst_k2 = L.k2;
+            for (Size s : sizes(*row))
+                for (int count : is_array_sig(row->sig) ? counts : std::vector<int>{1}) {
+                    bool ok = true;
+                    with_type(*row, [&](auto t) {
+                        Case<decltype(t)> c(*row, s.w, s.h, count, L, seed++);
+                        ok = c.run_and_check(std::string(in_place ? "in place " : "") + L.label + " " + std::to_string(s.w) +
+                                             "x" + std::to_string(s.h) + " count " + std::to_string(count));
+                    });
+                    if (!ok) return;  // one report per run is enough
+                }
+        }
+    }
+}
+
+TEST(ElementwiseExports, MatchReferenceInEveryFormSizeCountAndLayout) { sweep(false, {1, 2, 5}, sizes_of); }
+
+TEST(ElementwiseExports, InPlaceOnASourceReadAsStored) { sweep(true, {1, 5}, sizes_of); }
+
+// The order-6 and order-7 neighbours of the fast paths with a single operand
+// shared by many objects, for the signatures that have one.
+TEST(ElementwiseExports, SingleOperandSharedByManyObjects) {
+    sweep(false, {37}, [](const reg::ExportRow& r) {
+        bool single = false;
+        for (auto l : letters_of(r.sig)) single |= !l.array;
+        std::vector<Size> v;
+        for (int n = 3; n <= 7 && single && is_array_sig(r.sig); ++n) v.push_back({n, is_vector_sig(r.sig) ? 1 : n});
+        return v;
+    });
+}
+
+// Source rows that overlap (stride1 below the row) read as they lie.
+TEST(ElementwiseExamples, OverlappingRowsReadAHankelPattern) {
+    float src[8] = {1, 2, 3, 4, 5, 6, 7, 8}, dst[9];
+    ASSERT_EQ(zelmMul_mc_32f(src, 4, 4, 1.0f, dst, 12, 4, 3, 3), zelStsOk);
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(dst[i], src[i / 3 + i % 3]);
+}
+
+// Non-finite values and -0.0 on every path of the contiguous vector kernels,
+// the long runs included, against the operation in plain C++ (NaN as NaN,
+// zeros with their sign): inf * 0, max + max, 1 * -0, -0 + -0, -2 * inf.
+template <class T>
+void non_finite() {
+    const T inf = INFINITY, big = std::numeric_limits<T>::max(), nz = T(-0.0);
+    const std::string ty = sizeof(T) == 4 ? "_32f" : "_64f";
+    const struct {
+        const char* name;  // vv: x + x
+        T x, c;
+    } ops[] = {{"Mul_vc", 0, inf}, {"Add_vv", big, big}, {"Mul_vc", 1, nz}, {"Add_vc", nz, nz}, {"Mul_vc", -2, inf}};
+    for (const auto& op : ops)
+        for (int len : {1, 3, 4, 9, 16, 17, 40, 65, 301}) {
+            std::vector<T> x(len, op.x), d(len, T(5));
+            reg::Args a;
+            a.ptrs = {{"pSrc", x.data()}, {"pSrc1", x.data()}, {"pSrc2", x.data()}, {"pDst", d.data()}};
+            const int e = int(sizeof(T));
+            a.nums = {{"srcStride2", e}, {"src1Stride2", e}, {"src2Stride2", e}, {"dstStride2", e}, {"len", len}};
+            a.reals["val"] = double(op.c);
+            ASSERT_EQ(reg::caller_of("zelm" + std::string(op.name) + ty)(a), zelStsOk);
+            const T want = op.name[0] == 'M' ? op.x * op.c : op.x + op.c;
+            for (T v : d)
+                ASSERT_TRUE(std::isnan(want) ? std::isnan(v) : std::memcmp(&v, &want, sizeof(T)) == 0)
+                    << op.name << ty << " " << op.x << " " << op.c << " len " << len << ": " << v;
+        }
+}
+TEST(ElementwiseExamples, NonFiniteValuesAndNegativeZeroConstants) {
+    non_finite<float>();
+    non_finite<double>();
+}
+
+// The documented work estimates of the array signatures (w x h objects or
+// vectors of len w, c of them) and their thresholds by kernel: standard form
+// with every stride2 the element size, with others; list form 32f and 64f,
+// contiguous, then other; pointer form. Matrices of Add and Sub start the
+// wrapper at the threshold, the rest above it. The sizes make the estimate
+// meet some thresholds exactly.
+struct Limit {
+    const char *ops, *sigs;
+    long long (*est)(long long w, long long h, long long c);
+    bool strict;
+    int w, h;
+    int thr[7];
+};
+#define ZEL_EST(e) [](long long w, long long h, long long c) { return (void)w, (void)h, (long long)(e); }
+constexpr int kMat[7] = {36864, 18432, 18432, 18432, 18432, 18432, 9216};
+const Limit kLimits[] = {
+    {"Add Sub", "mam mat tam tat mma mta tma tta", ZEL_EST(w * h * (2 * c + 1)), false, 3, 3, {}},
+    {"Add Sub", "mama mata tama tata", ZEL_EST(3 * w * h * c), false, 4, 4, {}},  // 48 c: exactly at 768, 384, 192
+    {"Add Sub", "vav vva vac", ZEL_EST(w * (2 * c + 1)), true, 32, 1, {20000, 20000, 40000, 20000, 40000, 20000, 20000}},
+    {"Add Sub", "vca cav", ZEL_EST(w * c + w + c), true, 2, 1, {20000, 20000, 40000, 20000, 40000, 20000, 20000}},
+    {"Add Sub", "vaca cava", ZEL_EST(2 * w * c + c), true, 2, 1, {20000, 20000, 40000, 20000, 40000, 20000, 20000}},
+    {"Add Sub", "vava", ZEL_EST(3 * w * c), true, 2, 1, {20000, 20000, 40000, 20000, 40000, 20000, 20000}},
+    {"Add Sub", "cva", ZEL_EST(2 * c), true, 3, 1, {19999, 19999, 39999, 19999, 39999, 19999, 19999}},
+    {"Mul", "mac tac", ZEL_EST(2 * w * h * c), true, 5, 5, {35000, 35000, 35000, 35000, 15000, 35000, 17000}},
+    {"Mul", "vac", ZEL_EST(2 * w * c), true, 4, 1, {}},
+    {"Mul", "vca", ZEL_EST(w * c + w + c), true, 4, 1, {36864, 36864, 18432, 18432, 18432, 18432, 9216}},
+    {"Mul", "vaca", ZEL_EST(2 * w * c + c), true, 1, 1, {36864, 36864, 18432, 18432, 18432, 18432, 9216}},
+};
+#undef ZEL_EST
+
+bool has(const std::string& list, const std::string& w) { return (" " + list + " ").find(" " + w + " ") != std::string::npos; }
+
+Layout layout_for(bool strided) {
+    Layout L;
+    if (strided) L.k2 = L.dst_k2 = 2, L.label = "strided";
+    return L;
+}
+
+// Runs one call with `threads` forced; returns how often the thread count was
+// asked for, after checking the results.
+int queries_for(const reg::ExportRow& row, int w, int h, int count, bool strided, int threads) {
+    int q = -1;
+    with_type(row, [&](auto t) {
+        Case<decltype(t)> c(row, w, h, count, layout_for(strided), unsigned(count));
+        subst::Scope scope(threads);
+        c.run_and_check("count " + std::to_string(count));
+        q = subst::thread_queries;
+        EXPECT_EQ(subst::mallocs, 0) << row.name << ": element-wise wrappers have no scratch";
+    });
+    return q;
+}
+
+// Every array export at its kernels' thresholds: one object below the
+// boundary it runs on the calling thread (no question), at it the wrapper
+// forks (asked twice). Single objects never ask.
+TEST(FanOut, EachThresholdAtItsExactBoundary) {
+    int boundaries = 0;
+    for (const auto* row : elementwise_exports()) {
+        const std::string sig = row->sig, name = row->name;
+        if (sig.find('a') == std::string::npos) {
+            EXPECT_EQ(queries_for(*row, 200, 200, 1, false, 4), 0) << name;
+            continue;
+        }
+        if (name == "zelmSub_vva_64f_P") continue;  // no wrapper: FourThreadsGiveTheBitsOfOne
+        const Limit* lim = nullptr;
+        for (const auto& l : kLimits)
+            if (has(l.ops, row->op) && has(l.sigs, sig)) lim = &l;
+        ASSERT_NE(lim, nullptr) << name;
+        const char form = row->form[0];
+        for (bool strided : {false, true}) {
+            if (form == 'P' && strided) continue;
+            const int* thr = lim->thr[0] ? lim->thr : kMat;
+            const int limit = form == 'P' ? thr[6] : form == 'S' ? thr[strided] : thr[2 + 2 * strided + fh::is64(*row)];
+            int at = 1;
+            while (lim->strict ? lim->est(lim->w, lim->h, at) <= limit : lim->est(lim->w, lim->h, at) < limit) ++at;
+            SCOPED_TRACE(name + (strided ? " strided" : " contiguous") + ", limit " + std::to_string(limit));
+            EXPECT_EQ(queries_for(*row, lim->w, lim->h, at - 1, strided, 4), 0) << "count " << at - 1;
+            EXPECT_EQ(queries_for(*row, lim->w, lim->h, at, strided, 4), 2) << "count " << at;
+            ++boundaries;
+        }
+    }
+    EXPECT_GT(boundaries, 300);
+}
+
+TEST(FanOut, OneThreadOrFewerObjectsThanThreadsGoDirectInsideTheWrapper) {
+    // 100x100 mam: far above every threshold, even at count 3
+    const auto q = [](const char* n, int count, bool strided, int threads) {
+        return queries_for(row_named(n), 100, 100, count, strided, threads);
+    };
+    EXPECT_EQ(q("zelmAdd_mam_32f", 3, false, 4), 1);
+    EXPECT_EQ(q("zelmAdd_mam_32f", 4, false, 4), 2);
+    EXPECT_EQ(q("zelmAdd_mam_32f_P", 9, false, 1), 1);
+    EXPECT_EQ(q("zelmMul_tac_64f_L", 9, true, -1), 1);
+}
+
+// Slices with a remainder (count 10 on 4 threads: 3, 3, 2, 2), in every form
+// and kernel, give the bits of a run on one thread.
+TEST(FanOut, FourThreadsGiveTheBitsOfOne) {
+    for (const auto* row : elementwise_exports()) {
+        const std::string sig = row->sig;
+        if (sig.find('a') == std::string::npos) continue;
+        const bool vec = sig.find_first_of("mt") == std::string::npos;
+        for (bool strided : {false, true}) {
+            with_type(*row, [&](auto t) {
+                using T = decltype(t);
+                // cva estimates 2*count whatever len is: it needs many objects
+                const bool cva = sig == "cva";
+                const int w = cva ? 2 : vec ? 5000 : 70, h = vec ? 1 : 50;
+                const int count = cva ? 20001 : 10;
+                std::vector<T> results[2];
+                int queries[2];
+                for (int k = 0; k < 2; ++k) {
+                    Case<T> c(*row, w, h, count, layout_for(strided), 3);
+                    subst::Scope scope(k == 0 ? 1 : 4);
+                    c.run_and_check(strided ? "strided" : "contiguous");
+                    results[k] = c.dst_mem();
+                    queries[k] = subst::thread_queries;
+                }
+                const bool wrapped = std::string(row->name) != "zelmSub_vva_64f_P";
+                EXPECT_EQ(queries[0], wrapped ? 1 : 0) << row->name;
+                EXPECT_EQ(queries[1], wrapped ? 2 : 0) << row->name;
+                EXPECT_EQ(std::memcmp(results[0].data(), results[1].data(), results[0].size() * sizeof(T)), 0)
+                    << row->name;
+            });
+        }
+    }
+}
+
+// A runtime that gives fewer threads than asked (here: none at all) still
+// covers every object: the split follows the real team size.
+TEST(FanOut, ARuntimeThatGivesOneThreadStillCoversAllObjects) {
+    using SetLevels = void (*)(int);
+    using GetLevels = int (*)();
+    auto set_levels = reinterpret_cast<SetLevels>(dlsym(RTLD_DEFAULT, "omp_set_max_active_levels"));
+    auto get_levels = reinterpret_cast<GetLevels>(dlsym(RTLD_DEFAULT, "omp_get_max_active_levels"));
+    if (!set_levels || !get_levels) GTEST_SKIP() << "no OpenMP runtime in the process";
+    const int saved = get_levels();
+    set_levels(0);  // every parallel region runs as a team of one
+    if (get_levels() != 0) {
+        set_levels(saved);
+        GTEST_SKIP() << "the runtime keeps parallel regions active";
+    }
+    for (const char* n : {"zelmAdd_mama_32f", "zelmSub_tam_64f_L", "zelmMul_vaca_32f_P"}) {
+        const auto& row = row_named(n);
+        const bool vec = std::string(row.sig)[0] == 'v';
+        with_type(row, [&](auto t) {
+            using T = decltype(t);
+            Case<T> c(row, vec ? 3000 : 60, vec ? 1 : 60, 11, Layout(), 4);
+            subst::Scope scope(4);
+            c.run_and_check("team of one");
+            EXPECT_EQ(subst::thread_queries, 2) << n;
+        });
+    }
+    set_levels(saved);
+}
+
+// Application threads calling at once, each on its own destination, each
+// call forking a region of its own.
+TEST(FanOut, ConcurrentCallersOnDisjointDestinations) {
+    subst::Scope scope(2);
+    const char* names[] = {"zelmAdd_mama_32f", "zelmSub_mat_64f_L", "zelmMul_mac_32f_P", "zelmSub_cava_64f",
+                           "zelmAdd_vav_32f_L", "zelmMul_vca_64f_P"};
+    std::vector<std::thread> pool;
+    std::atomic<int> failures{0};
+    for (int k = 0; k < 6; ++k) {
+        pool.emplace_back([&, k] {
+            const auto& row = row_named(names[k]);
+            const bool vec = std::string(row.sig).find_first_of("mt") == std::string::npos;
+            for (int rep = 0; rep < 8; ++rep) {
+                with_type(row, [&](auto t) {
+                    using T = decltype(t);
+                    Case<T> c(row, vec ? 7 : 4, vec ? 1 : 4, 4000 + rep, Layout(), unsigned(k * 100 + rep));
+                    if (!c.run_and_check("concurrent")) ++failures;
+                });
+            }
+        });
+    }
+    for (auto& th : pool) th.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_GT(subst::thread_queries, 0);
+}
+
+}  // namespace
