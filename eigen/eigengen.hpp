@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "eigen/eigengen_core.hpp"
+#include "eigen/eigengen_lanes.hpp"
 #include "eigen/eigengen_table.hpp"
 #include "frame/fanout.hpp"
 
@@ -24,6 +25,9 @@ namespace zel::eigengen {
 
 // The kernel of one export at order N (0: any order): any stride2, `count`
 // objects (1 for the single forms), stopping at the first object that fails.
+// Array kernels of the families with plain shifts at a fixed order take
+// their objects in groups whose QR stages run in lanes (with AVX), then
+// finish each object in order as the scalar path does; the rest go alone.
 template <Op O, class T, Form F, bool Array, int N>
 zelStatus kernel_at(const Call<T>& c) {
     static constexpr Family fam = family(O);
@@ -33,14 +37,14 @@ zelStatus kernel_at(const Call<T>& c) {
     const Ref<T, F> src{&c.src[0], n};
     const Ref<T, F> d0{&c.dst[0], n}, d1{&c.dst[1], n};
     Loose<T>* const buf = c.buf;
-    for (int k = 0; k < count; ++k) {
+    auto load_source = [&](int k, Loose<T>* b) {
         for (int i = 0; i < n; ++i)
-            for (int j = 0; j < n; ++j) buf[i * n + j] = load(src.at(k, i, j));
-        const std::ptrdiff_t first = std::ptrdiff_t(k) * n;
-        const zelStatus st = solve_object<fam, T, W, N>(buf, n, c.out + first, c.out2 + first);
-        if (st != zelStsOk) return st;
+            for (int j = 0; j < n; ++j) b[i * n + j] = load(src.at(k, i, j));
+    };
+    // the vectors of object k, from pBuffer; element (r, c) of a destination
+    // is component r of vector c
+    auto copy_out = [&](int k) {
         if constexpr (fam.sets != kNoSet) {
-            // element (r, c) of a destination is component r of vector c
             const Loose<T>* z = buf + std::ptrdiff_t(fam.z_block) * n * n;
             for (int r = 0; r < n; ++r)
                 for (int j = 0; j < n; ++j) store(d0.at(k, r, j), T(z[j * n + r]));
@@ -50,6 +54,63 @@ zelStatus kernel_at(const Call<T>& c) {
                     for (int j = 0; j < n; ++j) store(d1.at(k, r, j), T(y[j * n + r]));
             }
         }
+    };
+    int k = 0;
+    if constexpr (Array && N >= 3 && fam.shifts == Shifts::Plain) {
+        constexpr int L = lanes::kLanes<W>;
+        constexpr int nb = fam.sets != kNoSet ? N * (3 * N + 5) : N * (N + 5);  // pBuffer of one object
+        if (cpu::avx) {
+            for (; k + L <= count; k += L) {
+                Loose<T> local[L][nb];
+                lanes::Group<T, W, N> g;
+                for (int l = 0; l < L; ++l) {
+                    load_source(k + l, local[l]);
+                    const Object<T, W, N> o{local[l], N};
+                    reduce_object<fam>(o);
+                    for (int i = 0; i < N * N; ++i) {
+                        g.st.h[i][l] = W(local[l][i]);
+                        if constexpr (fam.reach == Reach::Whole) g.st.z[i][l] = W(o.block(fam.z_block)[i]);
+                    }
+                    g.it[l] = Iter<W>(N);
+                }
+                cpu::built_32<lanes::Stage<fam, T, W, N>>(&g);
+                for (int l = 0; l < L; ++l) {
+                    const int o = k + l;
+                    T* const re = c.out + std::ptrdiff_t(o) * N;
+                    T* const im = c.out2 + std::ptrdiff_t(o) * N;
+                    zelStatus st = zelStsOk;
+                    if (g.it[l].failed) {
+                        // out of sweeps: again alone, for the state and status it leaves
+                        load_source(o, buf);
+                        st = solve_object<fam, T, W, N>(buf, N, re, im);
+                    } else {
+                        // what the object's reduction and QR stage write in
+                        // pBuffer: H, Z and the reflectors' scalars
+                        const Object<T, W, N> ob{buf, N};
+                        for (int i = 0; i < N * N; ++i) {
+                            buf[i] = T(g.st.h[i][l]);
+                            if constexpr (fam.reach == Reach::Whole) ob.block(fam.z_block)[i] = T(g.st.z[i][l]);
+                        }
+                        const Object<T, W, N> lo{local[l], N};
+                        for (int i = 0; i + 1 < N; ++i) tau_of<fam>(ob)[i] = tau_of<fam>(lo)[i];
+                        for (int i = 0; i < N; ++i) {
+                            store(re + i, g.re[l][i]);
+                            store(im + i, g.im[l][i]);
+                        }
+                        if constexpr (fam.sets != kNoSet) st = vectors_of_object<fam>(ob, im);
+                    }
+                    if (st != zelStsOk) return st;
+                    copy_out(o);
+                }
+            }
+        }
+    }
+    for (; k < count; ++k) {
+        load_source(k, buf);
+        const std::ptrdiff_t first = std::ptrdiff_t(k) * n;
+        const zelStatus st = solve_object<fam, T, W, N>(buf, n, c.out + first, c.out2 + first);
+        if (st != zelStsOk) return st;
+        copy_out(k);
     }
     return zelStsOk;
 }

@@ -76,6 +76,8 @@ struct Object {
     Loose<T>& h(int r, int c) const { return buf[c * n() + r]; }
     Loose<T>* block(int b) const { return buf + b * n() * n(); }
     W hw(int r, int c) const { return W(h(r, c)); }
+    // element (r, c) of the accumulated transformations in block b
+    Loose<T>& z(int b, int r, int c) const { return block(b)[c * n() + r]; }
 };
 
 // Matrix element (r, c) of a column-contiguous block of order n.
@@ -366,168 +368,212 @@ ZEL_INLINE void with_block(int lo, int hi, int m, Fn&& fn) {
 // Phase 2: the double-shift QR iteration of family F. Values are stored as
 // they split off; for the vector families H ends as the Schur form T and Z
 // (block F.z_block) holds the accumulated transformations.
-template <Family F, class T, class W, int N>
-zelStatus qr(const Object<T, W, N>& o, T* re, T* im) {
+//
+// The iteration of one object between its sweeps: hi is the last row of the
+// part not yet split off, lo the first row of its active block, its the
+// sweeps spent on hi and itn the budget left; m and u are the next sweep's
+// start row and start vector. The left/right families may keep u from the
+// sweep before; before their first sweep it is e1, whose reflector is the
+// identity.
+template <class W>
+struct Iter {
+    int hi, lo, its, itn, m;
+    W u1, u2, u3;
+    bool failed;
+    Iter() = default;
+    explicit Iter(int n) : hi(n - 1), lo(0), its(0), itn(kSweepsPerOrder * n), m(0), u1(1), u2(0), u3(0), failed(false) {}
+};
+
+// The block that split off at hi (one row when lo == hi, else two): its
+// values stored, and for the vector families the 2x2 block standardised
+// with its rotation applied to H and Z.
+template <Family F, class T, class W, class O>
+ZEL_INLINE void deflate(const O& o, int lo, int hi, T* re, T* im) {
     using C = Consts<T>;
-    constexpr bool whole = F.reach == Reach::Whole;
+    const int n = o.n();
+    if (lo == hi) {
+        store(re + hi, T(o.h(hi, hi)));
+        store(im + hi, T(0));
+        return;
+    }
+    const Pair<W> p = standardise<W, C>(o.hw(hi - 1, hi - 1), o.hw(hi - 1, hi), o.hw(hi, hi - 1), o.hw(hi, hi));
+    store(re + hi - 1, T(p.a));
+    store(re + hi, T(p.d));
+    store(im + hi - 1, T(p.y));
+    store(im + hi, T(-p.y));
+    if constexpr (F.reach == Reach::Whole) {
+        o.h(hi - 1, hi - 1) = T(p.a);
+        o.h(hi - 1, hi) = T(p.b);
+        o.h(hi, hi - 1) = T(p.c);
+        o.h(hi, hi) = T(p.d);
+        const W cs = p.cs, sn = p.sn;
+        auto rot = [cs, sn](auto& pe, auto& qe) {
+            const W pv = W(pe), qv = W(qe);
+            pe = T(cs * pv + sn * qv);
+            qe = T(cs * qv - sn * pv);
+        };
+        for (int j = hi + 1; j < n; ++j) rot(o.h(hi - 1, j), o.h(hi, j));
+        for (int j = 0; j + 2 <= hi; ++j) rot(o.h(j, hi - 1), o.h(j, hi));
+        for (int j = 0; j < n; ++j) rot(o.z(F.z_block, j, hi - 1), o.z(F.z_block, j, hi));
+    }
+}
+
+// Takes one object to its next sweep: scans for a negligible subdiagonal,
+// stores what splits off, forms the shifts and finds the start row (in
+// it.lo, it.hi, it.m, it.u). False when the object is done, or out of
+// sweeps (it.failed). o is any object with h(r, c), hw(r, c), z(b, r, c).
+//
+// Not inlined: inlined into qr, g++ 12 (-O3) built the left/right families'
+// order-4 sweeps with other bits (its basic-block vectoriser, on the
+// reflections); a call per sweep costs little.
+template <Family F, class T, class W, class O>
+__attribute__((noinline)) bool next_sweep(const O& o, Iter<W>& it, T* re, T* im) {
+    using C = Consts<T>;
     constexpr bool rounded = F.shifts == Shifts::Rounded32;
     const int n = o.n();
     const W eps = W(C::eps), safmin = W(C::safmin), tiny = W(kTiny32);
     const W smlnum = W(n) * W(C::small_unit);
-    Loose<T>* z = whole ? o.block(F.z_block) : nullptr;
     auto ab = [&](int r, int c) { return std::fabs(o.hw(r, c)); };
-
-    int itn = kSweepsPerOrder * n;
-    int hi = n - 1;
-    // The start vector. The left/right families may keep it from the sweep
-    // before; before their first sweep it is e1, whose reflector is the
-    // identity.
-    W u1 = 1, u2 = 0, u3 = 0;
-    while (hi >= 0) {
-        int lo = 0, its = 0;
-        for (; its < itn; ++its) {
+    W& u1 = it.u1;
+    W& u2 = it.u2;
+    W& u3 = it.u3;
+    while (it.hi >= 0) {
+        const int hi = it.hi;
+        if (it.its < it.itn) {
             // scan for a negligible subdiagonal
             int k = hi;
+            const int lo0 = it.lo;
             if constexpr (F.scan == Scan::Absolute) {
-                while (k > lo && ab(k, k - 1) > eps) --k;
+                while (k > lo0 && ab(k, k - 1) > eps) --k;
             } else {
-                for (; k > lo; --k) {
+                for (; k > lo0; --k) {
                     W t = ab(k - 1, k - 1) + ab(k, k);
                     if (t <= safmin) {
                         t = 0;
-                        for (int c = lo; c <= hi; ++c) {
+                        for (int c = lo0; c <= hi; ++c) {
                             W s = 0;
-                            for (int r = lo; r <= std::min(c + 1, hi); ++r) s += ab(r, c);
+                            for (int r = lo0; r <= std::min(c + 1, hi); ++r) s += ab(r, c);
                             t = std::max(t, s);
                         }
                     }
                     if (ab(k, k - 1) <= std::max(eps * t, smlnum)) break;
                 }
             }
-            lo = k;
+            const int lo = it.lo = k;
             if (lo > 0) o.h(lo, lo - 1) = T(0);
-            if (lo >= hi - 1) break;
-
-            // shifts
-            W h33, h44, hh;
-            if (its == kExceptional1 || its == kExceptional2) {
-                if constexpr (rounded) {
-                    const W s = W(float(std::fabs(float(o.hw(hi, hi - 1)))) + float(std::fabs(float(o.hw(hi - 1, hi - 2)))));
-                    h44 = r32<W>(W(kExShift) * s + o.hw(hi, hi));
-                    hh = r32<W>(W(kExShiftSq) * s * s);
-                } else {
-                    const W s = ab(hi, hi - 1) + ab(hi - 1, hi - 2);
-                    h44 = W(kExShift) * s + o.hw(hi, hi);
-                    hh = W(kExShiftSq) * s * s;
-                }
-                h33 = h44;
-            } else if constexpr (rounded) {
-                h44 = r32<W>(o.hw(hi, hi));
-                h33 = r32<W>(o.hw(hi - 1, hi - 1));
-                hh = r32<W>(o.hw(hi, hi - 1) * o.hw(hi - 1, hi));
-                const W half = r32<W>((h33 - h44) * W(0.5));
-                const W disc = r32<W>(half * half + hh);
-                if (disc > tiny) {
-                    const W root = r32<W>(std::sqrt(disc));
-                    const W ave = W(0.5) * (h33 + h44);
-                    const W g = -h44 > h33 ? ave - root : ave + root;
-                    const W rg = std::fabs(g) > tiny ? W(1) / g : g;
-                    h44 = r32<W>(std::fabs(h33) > std::fabs(h44) ? rg * (h33 * h44 - hh) : g);
+            if (lo < hi - 1) {
+                // shifts
+                const int its = it.its;
+                W h33, h44, hh;
+                if (its == kExceptional1 || its == kExceptional2) {
+                    if constexpr (rounded) {
+                        const W s = W(float(std::fabs(float(o.hw(hi, hi - 1)))) + float(std::fabs(float(o.hw(hi - 1, hi - 2)))));
+                        h44 = r32<W>(W(kExShift) * s + o.hw(hi, hi));
+                        hh = r32<W>(W(kExShiftSq) * s * s);
+                    } else {
+                        const W s = ab(hi, hi - 1) + ab(hi - 1, hi - 2);
+                        h44 = W(kExShift) * s + o.hw(hi, hi);
+                        hh = W(kExShiftSq) * s * s;
+                    }
                     h33 = h44;
-                    hh = 0;
-                }
-            } else {
-                h44 = o.hw(hi, hi);
-                h33 = o.hw(hi - 1, hi - 1);
-                hh = o.hw(hi, hi - 1) * o.hw(hi - 1, hi);
-                const W half = (h33 - h44) * W(0.5);
-                const W disc = half * half + hh;
-                if (disc > 0) {
-                    // real roots: the one nearer the corner, twice
-                    const W ave = W(0.5) * (h33 + h44);
-                    const W q = sgn(ave) * std::sqrt(disc);
-                    h44 = std::fabs(h33) - std::fabs(h44) > 0 ? (h33 * h44 - hh) / (q + ave) : q + ave;
-                    h33 = h44;
-                    hh = 0;
-                }
-            }
-
-            // start row
-            int m = hi - 2;
-            for (;; --m) {
-                if constexpr (rounded) {
-                    if (ab(m + 1, m) <= tiny) break;
-                    const W h11 = r32<W>(o.hw(m, m)), h22 = r32<W>(o.hw(m + 1, m + 1));
-                    const W h21 = r32<W>(o.hw(m + 1, m)), h12 = r32<W>(o.hw(m, m + 1));
-                    const W a = r32<W>(h44 - h11), b = r32<W>(h33 - h11);
-                    u1 = (b * a - hh) / h21 + h12;
-                    u2 = h22 - h11 - a - b;
-                    u3 = o.hw(m + 2, m + 1);
-                    const W s = r32<W>(double(std::fabs(u1)) + double(std::fabs(u2)) + double(std::fabs(u3)));
-                    const W rs = std::fabs(s) > tiny ? W(1) / s : s;
-                    u1 *= rs;
-                    u2 *= rs;
-                    u3 *= rs;
-                    if (m == lo) break;
-                    const float left = float(std::fabs(u1)) * (float(ab(m - 1, m - 1)) + float(std::fabs(h11)) +
-                                                               float(std::fabs(h22)));
-                    const float right = float(ab(m, m - 1)) * (float(std::fabs(u2)) + float(std::fabs(u3)));
-                    if (W(C::eps) * W(left) >= W(right)) break;
+                } else if constexpr (rounded) {
+                    h44 = r32<W>(o.hw(hi, hi));
+                    h33 = r32<W>(o.hw(hi - 1, hi - 1));
+                    hh = r32<W>(o.hw(hi, hi - 1) * o.hw(hi - 1, hi));
+                    const W half = r32<W>((h33 - h44) * W(0.5));
+                    const W disc = r32<W>(half * half + hh);
+                    if (disc > tiny) {
+                        const W root = r32<W>(std::sqrt(disc));
+                        const W ave = W(0.5) * (h33 + h44);
+                        const W g = -h44 > h33 ? ave - root : ave + root;
+                        const W rg = std::fabs(g) > tiny ? W(1) / g : g;
+                        h44 = r32<W>(std::fabs(h33) > std::fabs(h44) ? rg * (h33 * h44 - hh) : g);
+                        h33 = h44;
+                        hh = 0;
+                    }
                 } else {
-                    const W h11 = o.hw(m, m), h22 = o.hw(m + 1, m + 1);
-                    const W h21 = o.hw(m + 1, m), h12 = o.hw(m, m + 1);
-                    const W a = h44 - h11, b = h33 - h11;
-                    u1 = (b * a - hh) / h21 + h12;
-                    u2 = h22 - h11 - a - b;
-                    u3 = o.hw(m + 2, m + 1);
-                    // the sum passes through double in the float kernels too
-                    const W s = W(double(std::fabs(u1)) + double(std::fabs(u2)) + double(std::fabs(u3)));
-                    u1 /= s;
-                    u2 /= s;
-                    u3 /= s;
-                    if (m == lo) break;
-                    if (eps * std::fabs(u1) * (ab(m - 1, m - 1) + std::fabs(h11) + std::fabs(h22)) >=
-                        ab(m, m - 1) * (std::fabs(u2) + std::fabs(u3)))
-                        break;
+                    h44 = o.hw(hi, hi);
+                    h33 = o.hw(hi - 1, hi - 1);
+                    hh = o.hw(hi, hi - 1) * o.hw(hi - 1, hi);
+                    const W half = (h33 - h44) * W(0.5);
+                    const W disc = half * half + hh;
+                    if (disc > 0) {
+                        // real roots: the one nearer the corner, twice
+                        const W ave = W(0.5) * (h33 + h44);
+                        const W q = sgn(ave) * std::sqrt(disc);
+                        h44 = std::fabs(h33) - std::fabs(h44) > 0 ? (h33 * h44 - hh) / (q + ave) : q + ave;
+                        h33 = h44;
+                        hh = 0;
+                    }
                 }
-            }
 
-            // the sweep: chase the bulge from m down to hi
-            with_block<N>(lo, hi, m, [&](auto blo, auto bhi, auto bm) __attribute__((always_inline)) {
-                sweep<F, T, W, N>(o, z, blo, bhi, bm, u1, u2, u3);
-            });
-        }
-        if (lo < hi - 1) return zelStsErrNoConvergence;
-
-        if (lo == hi) {
-            store(re + hi, T(o.h(hi, hi)));
-            store(im + hi, T(0));
-        } else {
-            const Pair<W> p = standardise<W, C>(o.hw(hi - 1, hi - 1), o.hw(hi - 1, hi), o.hw(hi, hi - 1), o.hw(hi, hi));
-            store(re + hi - 1, T(p.a));
-            store(re + hi, T(p.d));
-            store(im + hi - 1, T(p.y));
-            store(im + hi, T(-p.y));
-            if constexpr (whole) {
-                o.h(hi - 1, hi - 1) = T(p.a);
-                o.h(hi - 1, hi) = T(p.b);
-                o.h(hi, hi - 1) = T(p.c);
-                o.h(hi, hi) = T(p.d);
-                const W cs = p.cs, sn = p.sn;
-                auto rot = [cs, sn](Loose<T>& pe, Loose<T>& qe) {
-                    const W pv = W(pe), qv = W(qe);
-                    pe = T(cs * pv + sn * qv);
-                    qe = T(cs * qv - sn * pv);
-                };
-                for (int j = hi + 1; j < n; ++j) rot(o.h(hi - 1, j), o.h(hi, j));
-                for (int j = 0; j + 2 <= hi; ++j) rot(o.h(j, hi - 1), o.h(j, hi));
-                for (int j = 0; j < n; ++j) rot(at<T>(z, n, j, hi - 1), at<T>(z, n, j, hi));
+                // start row
+                int m = hi - 2;
+                for (;; --m) {
+                    if constexpr (rounded) {
+                        if (ab(m + 1, m) <= tiny) break;
+                        const W h11 = r32<W>(o.hw(m, m)), h22 = r32<W>(o.hw(m + 1, m + 1));
+                        const W h21 = r32<W>(o.hw(m + 1, m)), h12 = r32<W>(o.hw(m, m + 1));
+                        const W a = r32<W>(h44 - h11), b = r32<W>(h33 - h11);
+                        u1 = (b * a - hh) / h21 + h12;
+                        u2 = h22 - h11 - a - b;
+                        u3 = o.hw(m + 2, m + 1);
+                        const W s = r32<W>(double(std::fabs(u1)) + double(std::fabs(u2)) + double(std::fabs(u3)));
+                        const W rs = std::fabs(s) > tiny ? W(1) / s : s;
+                        u1 *= rs;
+                        u2 *= rs;
+                        u3 *= rs;
+                        if (m == lo) break;
+                        const float left = float(std::fabs(u1)) * (float(ab(m - 1, m - 1)) + float(std::fabs(h11)) +
+                                                                   float(std::fabs(h22)));
+                        const float right = float(ab(m, m - 1)) * (float(std::fabs(u2)) + float(std::fabs(u3)));
+                        if (W(C::eps) * W(left) >= W(right)) break;
+                    } else {
+                        const W h11 = o.hw(m, m), h22 = o.hw(m + 1, m + 1);
+                        const W h21 = o.hw(m + 1, m), h12 = o.hw(m, m + 1);
+                        const W a = h44 - h11, b = h33 - h11;
+                        u1 = (b * a - hh) / h21 + h12;
+                        u2 = h22 - h11 - a - b;
+                        u3 = o.hw(m + 2, m + 1);
+                        // the sum passes through double in the float kernels too
+                        const W s = W(double(std::fabs(u1)) + double(std::fabs(u2)) + double(std::fabs(u3)));
+                        u1 /= s;
+                        u2 /= s;
+                        u3 /= s;
+                        if (m == lo) break;
+                        if (eps * std::fabs(u1) * (ab(m - 1, m - 1) + std::fabs(h11) + std::fabs(h22)) >=
+                            ab(m, m - 1) * (std::fabs(u2) + std::fabs(u3)))
+                            break;
+                    }
+                }
+                it.m = m;
+                ++it.its;
+                return true;
             }
+        } else if (it.lo < hi - 1) {
+            it.failed = true;
+            return false;
         }
-        itn -= its;
-        hi = lo - 1;
+        deflate<F, T, W>(o, it.lo, hi, re, im);
+        it.itn -= it.its;
+        it.hi = it.lo - 1;
+        it.lo = 0;
+        it.its = 0;
     }
-    return zelStsOk;
+    return false;
+}
+
+template <Family F, class T, class W, int N>
+zelStatus qr(const Object<T, W, N>& o, T* re, T* im) {
+    Loose<T>* z = F.reach == Reach::Whole ? o.block(F.z_block) : nullptr;
+    Iter<W> it(o.n());
+    while (next_sweep<F, T, W>(o, it, re, im)) {
+        // the sweep: chase the bulge from m down to hi
+        with_block<N>(it.lo, it.hi, it.m, [&](auto blo, auto bhi, auto bm) __attribute__((always_inline)) {
+            sweep<F, T, W, N>(o, z, blo, bhi, bm, it.u1, it.u2, it.u3);
+        });
+    }
+    return it.failed ? zelStsErrNoConvergence : zelStsOk;
 }
 
 // ---------------------------------------------------------------------------
@@ -975,22 +1021,29 @@ struct Vectors {
 
 // ---------------------------------------------------------------------------
 // One object of family F whose source is already in pBuffer (row by row):
-// values to re/im, vectors left in their blocks.
+// values to re/im, vectors left in their blocks. In three phases: the
+// reduction (with Q for the vector families), the QR stage, the vectors.
+// The reflectors' scalars: n - 1 of them.
 template <Family F, class T, class W, int N>
-__attribute__((noinline)) zelStatus solve_object(Loose<T>* buf, int n_rt, T* re, T* im) {
-    const Object<T, W, N> o{buf, n_rt};
-    const int n = o.n();
-    const int nn = n * n;
-    Loose<T>* work = o.block(F.work_block);
-    Loose<T>* tau = F.sets ? work + 3 * n : work;
+ZEL_INLINE Loose<T>* tau_of(const Object<T, W, N>& o) {
+    return o.block(F.work_block) + (F.sets ? 3 * o.n() : 0);
+}
+
+template <Family F, class T, class W, int N>
+ZEL_INLINE void reduce_object(const Object<T, W, N>& o) {
+    Loose<T>* tau = tau_of<F>(o);
     reduce(o, tau);
     if constexpr (F.sets != kNoSet) {
         form_q(o, o.block(F.z_block), tau);
     }
     clear_below_subdiagonal(o);
-    const zelStatus st = qr<F, T, W, N>(o, re, im);
-    if (st != zelStsOk || F.sets == kNoSet) return st;
+}
 
+template <Family F, class T, class W, int N>
+zelStatus vectors_of_object(const Object<T, W, N>& o, T* im) {
+    const int n = o.n();
+    const int nn = n * n;
+    Loose<T>* work = o.block(F.work_block);
     const Vectors<T, W, N> vec{o, work, work + n, work + 2 * n};
     vec.column_sums();
     Loose<T>* z = o.block(F.z_block);
@@ -1008,6 +1061,15 @@ __attribute__((noinline)) zelStatus solve_object(Loose<T>* buf, int n_rt, T* re,
         vec.normalise(second, im);
     }
     return zelStsOk;
+}
+
+template <Family F, class T, class W, int N>
+__attribute__((noinline)) zelStatus solve_object(Loose<T>* buf, int n_rt, T* re, T* im) {
+    const Object<T, W, N> o{buf, n_rt};
+    reduce_object<F>(o);
+    const zelStatus st = qr<F, T, W, N>(o, re, im);
+    if (st != zelStsOk || F.sets == kNoSet) return st;
+    return vectors_of_object<F>(o, im);
 }
 
 }  // namespace zel::eigengen

@@ -186,6 +186,59 @@ TEST(EigenGen, RandomFamiliesInEveryForm) {
     }
 }
 
+// Arrays of EigenValues and EigenValuesVectors at orders 3 to 6 run their
+// QR stages in groups of 4 or 8 objects across vector lanes: 8 or 11
+// objects (groups, and a tail) give each object the bits of its call alone,
+// pBuffer is left as by the objects one after the other, and a
+// vector family's object that runs out of sweeps in a group stops the call
+// with its own state, pBuffer included, and leaves the later objects alone.
+TEST(EigenGen, GroupsInLanesGiveTheBitsOfSingleObjects) {
+    for (const Row* row : exports()) {
+        const std::string op = row->op;
+        if (std::string(row->sig) != "ma" || (op != "EigenValues" && op != "EigenValuesVectors")) continue;
+        fh::with_type(*row, [&](auto t) {
+            using T = decltype(t);
+            std::mt19937 rng(3);
+            for (int n = 3; n <= 6; ++n)
+                for (int count : {8, 11})
+                for (int fail : {-1, 5}) {
+                    if (fail >= 0 && op == "EigenValues") continue;  // its absolute scan deflates a NaN
+                    SCOPED_TRACE(std::string(row->name) + " n=" + std::to_string(n) + " count " + std::to_string(count) +
+                                 " failing " + std::to_string(fail));
+                    Laid<T> run(*row, n, count);
+                    std::vector<Mat> as;
+                    for (int k = 0; k < count; ++k) {
+                        as.push_back(make(Kind(k % 5), n, rng));
+                        if (k == fail) as[k](2, 1) = std::numeric_limits<double>::quiet_NaN();
+                        run.set(k, as[k]);
+                    }
+                    ASSERT_EQ(run.l.call(), fail < 0 ? zelStsOk : zelStsErrNoConvergence);
+                    auto object = [&](Laid<T>& r, int k) {
+                        std::vector<T> v(r.l.block("pDstValuesRe") + k * n, r.l.block("pDstValuesRe") + (k + 1) * n);
+                        v.insert(v.end(), r.l.block("pDstValuesIm") + k * n, r.l.block("pDstValuesIm") + (k + 1) * n);
+                        for (const auto& g : vector_groups(*row))
+                            for (T x : r.l.get(g, k)) v.push_back(x);
+                        return v;
+                    };
+                    // the single calls share one pBuffer, as the objects of a call do
+                    const int last = fail < 0 ? count - 1 : fail, nb = run.buf_elems();
+                    std::vector<T> buf(nb, lay::sentinel<T>());
+                    for (int k = 0; k <= last; ++k) {
+                        Laid<T> one(*row, n, 1);
+                        one.set(0, as[k]);
+                        std::copy(buf.begin(), buf.end(), one.l.block("pBuffer"));
+                        EXPECT_EQ(one.l.call(), k == fail ? zelStsErrNoConvergence : zelStsOk);
+                        EXPECT_TRUE(same_bits(object(run, k), object(one, 0))) << "object " << k;
+                        std::copy(one.l.block("pBuffer"), one.l.block("pBuffer") + nb, buf.begin());
+                    }
+                    EXPECT_TRUE(same_bits(std::vector<T>(run.l.block("pBuffer"), run.l.block("pBuffer") + nb), buf));
+                    for (int k = last + 1; k < count; ++k)
+                        for (T x : object(run, k)) EXPECT_TRUE(fh::Laid<T>::same(x, lay::sentinel<T>())) << "object " << k;
+                }
+        });
+    }
+}
+
 // The array wrappers' limits, worked out by hand: EigenValues fans out when
 // n (n + 1) count > 10000, EigenValuesVectors when n (3n + 1) count > 7000
 // (the largest counts that stay: 500 and 134 at order 4, 833 and 233 at

@@ -1,0 +1,206 @@
+// The QR stage of the general eigenproblem on several objects at once, one
+// in each lane of a 256-bit vector, for the array kernels of EigenValues and
+// EigenValuesVectors at the fixed orders.
+//
+// Each lane's scans, deflations, shifts and start rows run in the scalar
+// core (next_sweep) on its own object, through a view of the lanes' store.
+// The sweeps, where the time goes, run on all lanes together: every lane
+// computes every step and a mask keeps the results of the lanes whose
+// active block covers that step, so each lane does exactly its object's
+// operations (IEEE arithmetic is lane by lane) and the bits are those of
+// the scalar path. Stores to H and Z round to the element type, as the
+// scalar core's stores into pBuffer do.
+#pragma once
+
+#include <cstring>
+
+#include "eigen/eigengen_core.hpp"
+#include "eigen/eigensym_lanes.hpp"
+#include "frame/cpu.hpp"
+
+// Vector types of 256 bits pass between always-inline helpers only, inside
+// the function built for AVX.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+namespace zel::eigengen::lanes {
+
+using eigensym::Isa;
+using eigensym::Pack;
+
+// Lanes of one group: 4 doubles or 8 floats.
+template <class W>
+inline constexpr int kLanes = int(32 / sizeof(W));
+
+// H and Z of the group's objects, element (r, c) of lane l at [c * N + r][l].
+template <class W, int N>
+struct Store {
+    alignas(32) W h[N * N][kLanes<W>];
+    alignas(32) W z[N * N][kLanes<W>];
+};
+
+// One lane of the store as an object of the scalar core.
+template <class W, int N>
+struct Lane {
+    Store<W, N>* st;
+    int l;
+    static constexpr int n() { return N; }
+    W& h(int r, int c) const { return st->h[c * N + r][l]; }
+    W hw(int r, int c) const { return st->h[c * N + r][l]; }
+    W& z(int, int r, int c) const { return st->z[c * N + r][l]; }
+};
+
+// A group between its phases: the store, each lane's iteration, values and
+// whether it ran out of sweeps.
+template <class T, class W, int N>
+struct Group {
+    Store<W, N> st;
+    Iter<W> it[kLanes<W>];
+    T re[kLanes<W>][N], im[kLanes<W>][N];
+};
+
+template <int B, int E, class Fn>
+ZEL_INLINE void static_for(Fn&& f) {
+    if constexpr (B < E) {
+        f(std::integral_constant<int, B>{});
+        static_for<B + 1, E>(f);
+    }
+}
+
+// One sweep on every lane in `due`, each from its own start row m down to
+// its hi: the scalar sweep's steps k2 = 0 .. N-2, a lane taking part in
+// those with m <= k2 < hi, with a three-row reflector where k2 <= hi - 2.
+template <Family F, class T, class K, int N>
+ZEL_INLINE void sweep(Group<T, typename K::S, N>& g, typename K::M due) {
+    using W = typename K::S;
+    using V = typename K::V;
+    using M = typename K::M;
+    constexpr int L = K::W;
+    constexpr bool whole = F.reach == Reach::Whole;
+    auto ld = [](const W (&a)[L]) ZEL_LAMBDA_INLINE {
+        V v;
+        std::memcpy(&v, a, sizeof v);
+        return v;
+    };
+    auto put = [](W (&a)[L], V v, M m) ZEL_LAMBDA_INLINE {
+        V old;
+        std::memcpy(&old, a, sizeof old);
+        const V r = m ? v : old;
+        std::memcpy(a, &r, sizeof r);
+    };
+    auto H = [&](int r, int c) ZEL_LAMBDA_INLINE -> W (&)[L] { return g.st.h[c * N + r]; };
+    auto Z = [&](int r, int c) ZEL_LAMBDA_INLINE -> W (&)[L] { return g.st.z[c * N + r]; };
+    auto st = [](V x) ZEL_LAMBDA_INLINE { return eigensym::stored<T, K>(x); };
+    V lo, hi, m, u1, u2, u3;
+    for (int l = 0; l < L; ++l) {
+        lo[l] = W(g.it[l].lo);
+        hi[l] = W(g.it[l].hi);
+        m[l] = W(g.it[l].m);
+        u1[l] = g.it[l].u1;
+        u2[l] = g.it[l].u2;
+        u3[l] = g.it[l].u3;
+    }
+    const V zero = K::splat(W(0)), one = K::splat(W(1)), two = K::splat(W(2));
+    const V safmin = K::splat(W(Consts<T>::safmin)), safmin2 = K::splat(W(Consts<T>::safmin2));
+    static_for<0, N - 1>([&](auto K2) ZEL_LAMBDA_INLINE {
+        constexpr int k2 = K2;
+        const V kv = K::splat(W(k2));
+        const M act = due && kv >= m && kv < hi;
+        if (!K::any(act)) return;
+        const M three = act && kv <= hi - two;
+        const M first = kv == m;
+        // the reflector on (v0, x0[, x1])
+        V v0 = u1, x0 = u2, x1 = u3;
+        if constexpr (k2 > 0) {
+            v0 = first ? u1 : ld(H(k2, k2 - 1));
+            x0 = first ? u2 : ld(H(k2 + 1, k2 - 1));
+            if constexpr (k2 + 2 < N) x1 = first ? u3 : three ? ld(H(k2 + 2, k2 - 1)) : zero;
+            else x1 = first ? u3 : zero;
+        }
+        V ss = x0 * x0;
+        ss = three ? ss + x1 * x1 : ss;
+        const V xnorm = K::sqrt(ss);
+        const M small = xnorm < safmin;
+        const V ax = K::abs(v0), ay = K::abs(xnorm);
+        V w = ax < ay ? ay : ax;
+        const V zz = ay < ax ? ay : ax;
+        const V wr = w * K::sqrt(one + (zz * zz) / (w * w));
+        w = !(zz < safmin) ? wr : w;
+        w = w < safmin ? safmin2 : w;
+        const V sg = v0 < zero ? -one : one;
+        const V beta = -sg * w;
+        const V tau = (beta - v0) / beta;
+        const V f = one / (v0 - beta);
+        const V t1 = small ? zero : tau;
+        const V alpha = small ? v0 : beta;
+        const V v1 = small ? x0 : x0 * f;
+        const V v2 = (small || !three) ? x1 : x1 * f;
+        if constexpr (k2 > 0) {
+            const M later = act && !first;
+            put(H(k2, k2 - 1), st(alpha), later);
+            put(H(k2 + 1, k2 - 1), zero, later);
+            if constexpr (k2 + 2 < N) put(H(k2 + 2, k2 - 1), zero, later && three);
+            put(H(k2, k2 - 1), st(-ld(H(k2, k2 - 1))), act && first && m > lo);
+        }
+        const V t2 = t1 * v1, t3 = t1 * v2;
+        // reflect<R> on entries e0, e1[, e2] of a row or column where mask
+        auto reflect = [&](W (&e0)[L], W (&e1)[L], W (*e2)[L], M mask) ZEL_LAMBDA_INLINE {
+            const V a = ld(e0), b = ld(e1);
+            V s = a + v1 * b;
+            if (e2) {
+                const V c = ld(*e2);
+                s = three ? s + v2 * c : s;
+                put(*e2, st(c - s * t3), mask && three);
+            }
+            put(e0, st(a - s * t1), mask);
+            put(e1, st(b - s * t2), mask);
+        };
+        // rows k2.. of the columns k2 .. (whole: n-1; else hi)
+        static_for<k2, N>([&](auto J) ZEL_LAMBDA_INLINE {
+            constexpr int j = J;
+            const M mj = whole ? act : act && K::splat(W(j)) <= hi;
+            reflect(H(k2, j), H(k2 + 1, j), k2 + 2 < N ? &H(k2 + 2 < N ? k2 + 2 : 0, j) : nullptr, mj);
+        });
+        // columns k2.. of the rows (whole: 0; else lo) .. min(k2 + 3, hi)
+        static_for<0, (k2 + 4 < N ? k2 + 4 : N)>([&](auto R) ZEL_LAMBDA_INLINE {
+            constexpr int r = R;
+            const V rv = K::splat(W(r));
+            const M mr = whole ? act && rv <= hi : act && rv <= hi && rv >= lo;
+            reflect(H(r, k2), H(r, k2 + 1), k2 + 2 < N ? &H(r, k2 + 2 < N ? k2 + 2 : 0) : nullptr, mr);
+        });
+        if constexpr (whole) {
+            static_for<0, N>([&](auto R) ZEL_LAMBDA_INLINE {
+                constexpr int r = R;
+                reflect(Z(r, k2), Z(r, k2 + 1), k2 + 2 < N ? &Z(r, k2 + 2 < N ? k2 + 2 : 0) : nullptr, act);
+            });
+        }
+    });
+}
+
+// The QR stage of a group: lanes go to their next sweep one by one, then
+// sweep together, until none has a sweep left.
+template <Family F, class T, class W, int N>
+struct Stage {
+    template <int Bytes>
+    static ZEL_INLINE int run(Group<T, W, N>* g) {
+        using K = Pack<W, 32, Isa::Avx>;
+        constexpr int L = K::W;
+        bool live[L];
+        for (int l = 0; l < L; ++l) live[l] = true;
+        for (;;) {
+            typename K::M due = K::none();
+            bool any = false;
+            for (int l = 0; l < L; ++l) {
+                if (!live[l]) continue;
+                const Lane<W, N> o{&g->st, l};
+                live[l] = next_sweep<F, T, W>(o, g->it[l], g->re[l], g->im[l]);
+                if (live[l]) due[l] = -1;
+                any |= live[l];
+            }
+            if (!any) return 0;
+            sweep<F, T, K, N>(*g, due);
+        }
+    }
+};
+
+}  // namespace zel::eigengen::lanes
+
