@@ -61,19 +61,9 @@ zelStatus kernel_at(const Call<T>& c) {
         constexpr int nb = fam.sets != kNoSet ? N * (3 * N + 5) : N * (N + 5);  // pBuffer of one object
         if (cpu::avx) {
             for (; k + L <= count; k += L) {
-                Loose<T> local[L][nb];
-                lanes::Group<T, W, N> g;
-                for (int l = 0; l < L; ++l) {
-                    load_source(k + l, local[l]);
-                    const Object<T, W, N> o{local[l], N};
-                    reduce_object<fam>(o);
-                    for (int i = 0; i < N * N; ++i) {
-                        g.st.h[i][l] = W(local[l][i]);
-                        if constexpr (fam.reach == Reach::Whole) g.st.z[i][l] = W(o.block(fam.z_block)[i]);
-                    }
-                    g.it[l] = Iter<W>(N);
-                }
-                cpu::built_32<lanes::Stage<fam, T, W, N>>(&g);
+                lanes::Group<T, W, N, nb> g;
+                for (int l = 0; l < L; ++l) load_source(k + l, g.local[l]);
+                cpu::built_32<lanes::Stage<fam, T, W, N, nb>>(&g);
                 for (int l = 0; l < L; ++l) {
                     const int o = k + l;
                     T* const re = c.out + std::ptrdiff_t(o) * N;
@@ -91,7 +81,7 @@ zelStatus kernel_at(const Call<T>& c) {
                             buf[i] = T(g.st.h[i][l]);
                             if constexpr (fam.reach == Reach::Whole) ob.block(fam.z_block)[i] = T(g.st.z[i][l]);
                         }
-                        const Object<T, W, N> lo{local[l], N};
+                        const Object<T, W, N> lo{g.local[l], N};
                         for (int i = 0; i + 1 < N; ++i) tau_of<fam>(ob)[i] = tau_of<fam>(lo)[i];
                         for (int i = 0; i < N; ++i) {
                             store(re + i, g.re[l][i]);

@@ -20,15 +20,28 @@
 #include <utility>
 
 #include "eigen/eigengen_table.hpp"
+#include "eigen/eigensym_lanes.hpp"
 #include "frame/frame.hpp"
 #include "frame/simd.hpp"
+
+// The kit functions take and return 256-bit vectors between always-inline
+// code only, inside the functions built for AVX.
+#pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace zel::eigengen {
 
 
+// Written once against a lane kit (eigen/eigensym_lanes.hpp): One<S> for a
+// single object, Pack for several in vector lanes, selecting where the
+// scalar code branches.
+template <class K>
+ZEL_INLINE typename K::V sgn_k(typename K::V x) {
+    using S = typename K::S;
+    return x < K::splat(S(0)) ? K::splat(S(-1)) : K::splat(S(1));  // +1 for -0.0 too
+}
 template <class W>
 ZEL_INLINE W sgn(W x) {
-    return x < W(0) ? W(-1) : W(1);  // +1 for -0.0 too
+    return sgn_k<eigensym::One<W>>(x);
 }
 
 // Rounds through 32 bits and back: the shift scalars of the left/right
@@ -39,13 +52,19 @@ ZEL_INLINE W r32(double x) {
 }
 
 // hyp(x, y) = sqrt(x^2 + y^2) without overflow; never below safmin2.
+template <class K, class C>
+ZEL_INLINE typename K::V hyp_k(typename K::V x, typename K::V y) {
+    using S = typename K::S;
+    const auto ax = K::abs(x), ay = K::abs(y);
+    const auto safmin = K::splat(S(C::safmin));
+    typename K::V w = ax < ay ? ay : ax;  // std::max
+    const auto z = ay < ax ? ay : ax;     // std::min
+    w = !(z < safmin) ? w * K::sqrt(K::splat(S(1)) + (z * z) / (w * w)) : w;
+    return w < safmin ? K::splat(S(C::safmin2)) : w;
+}
 template <class W, class C>
 ZEL_INLINE W hyp(W x, W y) {
-    W w = std::max(std::fabs(x), std::fabs(y));
-    const W z = std::min(std::fabs(x), std::fabs(y));
-    if (!(z < W(C::safmin))) w = w * std::sqrt(W(1) + (z * z) / (w * w));
-    if (w < W(C::safmin)) w = W(C::safmin2);
-    return w;
+    return hyp_k<eigensym::One<W>, C>(x, y);
 }
 
 // The reflector I - tau v v^T, v = (1, x), that takes (alpha, x) to
@@ -89,42 +108,57 @@ ZEL_INLINE Loose<T>& at(Loose<T>* b, int n, int r, int c) {
 // ---------------------------------------------------------------------------
 // Phase 1: reduction to Hessenberg form in the element type. Reflector k
 // stays in column k below the subdiagonal (v[k+1] = 1 implied), its scalar
-// in tau[k].
-template <class T, class W, int N>
-void reduce(const Object<T, W, N>& o, Loose<T>* tau) {
-    using C = Consts<T>;
+// in tau(k). Written against a kit K of the element type: o.h(r, c) and
+// tau(k) give a K::V (or what converts to it and takes one).
+template <class K, class O, class Tau>
+ZEL_INLINE void reduce_on(const O& o, Tau&& tau) {
+    using S = typename K::S;
+    using V = typename K::V;
+    using C = Consts<S>;
     const int n = o.n();
+    const V zero = K::splat(S(0)), one = K::splat(S(1)), safmin = K::splat(C::safmin);
     for (int k = 0; k + 2 <= n; ++k) {
         // reflector on alpha = H[k+1][k], x = H[k+2..n-1][k]
-        T ss = 0;
-        for (int i = k + 2; i < n; ++i) ss += T(o.h(i, k)) * T(o.h(i, k));
-        const T xnorm = std::sqrt(ss);
-        const T alpha = o.h(k + 1, k);
-        T t = 0, beta = alpha;
-        if (!(xnorm < C::safmin)) {
-            beta = -sgn(alpha) * hyp<T, C>(alpha, xnorm);
-            t = (beta - alpha) / beta;
-            const T f = T(1) / (alpha - beta);
-            for (int i = k + 2; i < n; ++i) o.h(i, k) = T(o.h(i, k)) * f;
-        }
-        tau[k] = t;
-        o.h(k + 1, k) = T(1);
-        if (std::fabs(t) > C::safmin) {
+        V ss = zero;
+        for (int i = k + 2; i < n; ++i) ss += V(o.h(i, k)) * V(o.h(i, k));
+        const V xnorm = K::sqrt(ss);
+        const V alpha = V(o.h(k + 1, k));
+        const auto big = !(xnorm < safmin);
+        const V b = -sgn_k<K>(alpha) * hyp_k<K, C>(alpha, xnorm);
+        const V t = big ? (b - alpha) / b : zero;
+        const V beta = big ? b : alpha;
+        const V f = one / (alpha - b);
+        for (int i = k + 2; i < n; ++i) o.h(i, k) = big ? V(o.h(i, k)) * f : V(o.h(i, k));
+        tau(k) = t;
+        o.h(k + 1, k) = one;
+        const auto on = K::abs(t) > safmin;
+        if (K::any(on)) {
             // from the right: every row j, over columns k+1..n-1
             for (int j = 0; j < n; ++j) {
-                T w = 0;
-                for (int c = k + 1; c < n; ++c) w += T(o.h(j, c)) * T(o.h(c, k));
-                for (int c = k + 1; c < n; ++c) o.h(j, c) = T(o.h(j, c)) - (t * T(o.h(c, k))) * w;
+                V w = zero;
+                for (int c = k + 1; c < n; ++c) w += V(o.h(j, c)) * V(o.h(c, k));
+                for (int c = k + 1; c < n; ++c) {
+                    const V e = V(o.h(j, c));
+                    o.h(j, c) = on ? e - (t * V(o.h(c, k))) * w : e;
+                }
             }
             // from the left: every column c > k, over rows k+1..n-1
             for (int c = k + 1; c < n; ++c) {
-                T w = 0;
-                for (int r = k + 1; r < n; ++r) w += T(o.h(r, c)) * T(o.h(r, k));
-                for (int r = k + 1; r < n; ++r) o.h(r, c) = T(o.h(r, c)) - (t * T(o.h(r, k))) * w;
+                V w = zero;
+                for (int r = k + 1; r < n; ++r) w += V(o.h(r, c)) * V(o.h(r, k));
+                for (int r = k + 1; r < n; ++r) {
+                    const V e = V(o.h(r, c));
+                    o.h(r, c) = on ? e - (t * V(o.h(r, k))) * w : e;
+                }
             }
         }
         o.h(k + 1, k) = beta;
     }
+}
+
+template <class T, class W, int N>
+void reduce(const Object<T, W, N>& o, Loose<T>* tau) {
+    reduce_on<eigensym::One<T>>(o, [tau](int k) -> Loose<T>& { return tau[k]; });
 }
 
 template <class T, class W, int N>

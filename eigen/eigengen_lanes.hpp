@@ -49,10 +49,12 @@ struct Lane {
     W& z(int, int r, int c) const { return st->z[c * N + r][l]; }
 };
 
-// A group between its phases: the store, each lane's iteration, values and
-// whether it ran out of sweeps.
-template <class T, class W, int N>
+// A group between its phases: each object's pBuffer of NB elements (the
+// source in it on the way in), the store, each lane's iteration (ending
+// with its values, or out of sweeps).
+template <class T, class W, int N, int NB>
 struct Group {
+    Loose<T> local[kLanes<W>][NB];
     Store<W, N> st;
     Iter<W> it[kLanes<W>];
     T re[kLanes<W>][N], im[kLanes<W>][N];
@@ -69,8 +71,8 @@ ZEL_INLINE void static_for(Fn&& f) {
 // One sweep on every lane in `due`, each from its own start row m down to
 // its hi: the scalar sweep's steps k2 = 0 .. N-2, a lane taking part in
 // those with m <= k2 < hi, with a three-row reflector where k2 <= hi - 2.
-template <Family F, class T, class K, int N>
-ZEL_INLINE void sweep(Group<T, typename K::S, N>& g, typename K::M due) {
+template <Family F, class T, class K, int N, class G>
+ZEL_INLINE void sweep(G& g, typename K::M due) {
     using W = typename K::S;
     using V = typename K::V;
     using M = typename K::M;
@@ -100,7 +102,7 @@ ZEL_INLINE void sweep(Group<T, typename K::S, N>& g, typename K::M due) {
         u3[l] = g.it[l].u3;
     }
     const V zero = K::splat(W(0)), one = K::splat(W(1)), two = K::splat(W(2));
-    const V safmin = K::splat(W(Consts<T>::safmin)), safmin2 = K::splat(W(Consts<T>::safmin2));
+    const V safmin = K::splat(W(Consts<T>::safmin));
     static_for<0, N - 1>([&](auto K2) ZEL_LAMBDA_INLINE {
         constexpr int k2 = K2;
         const V kv = K::splat(W(k2));
@@ -120,14 +122,7 @@ ZEL_INLINE void sweep(Group<T, typename K::S, N>& g, typename K::M due) {
         ss = three ? ss + x1 * x1 : ss;
         const V xnorm = K::sqrt(ss);
         const M small = xnorm < safmin;
-        const V ax = K::abs(v0), ay = K::abs(xnorm);
-        V w = ax < ay ? ay : ax;
-        const V zz = ay < ax ? ay : ax;
-        const V wr = w * K::sqrt(one + (zz * zz) / (w * w));
-        w = !(zz < safmin) ? wr : w;
-        w = w < safmin ? safmin2 : w;
-        const V sg = v0 < zero ? -one : one;
-        const V beta = -sg * w;
+        const V beta = -sgn_k<K>(v0) * hyp_k<K, Consts<T>>(v0, xnorm);
         const V tau = (beta - v0) / beta;
         const V f = one / (v0 - beta);
         const V t1 = small ? zero : tau;
@@ -176,14 +171,51 @@ ZEL_INLINE void sweep(Group<T, typename K::S, N>& g, typename K::M due) {
     });
 }
 
-// The QR stage of a group: lanes go to their next sweep one by one, then
-// sweep together, until none has a sweep left.
-template <Family F, class T, class W, int N>
+// The reductions of a group's objects, in lanes of the element type, each
+// lane its object's operations; each object's Q (vector families) and
+// clearing below the subdiagonal, alone.
+template <Family F, class T, class W, int N, int NB>
+ZEL_INLINE void reduce_group(Group<T, W, N, NB>& g) {
+    constexpr int L = kLanes<W>, bytes = L * int(sizeof(T));
+    using K = Pack<T, bytes, bytes == 32 ? Isa::Avx : Isa::Sse2>;
+    using V = typename K::V;
+    struct View {
+        V* e;
+        static constexpr int n() { return N; }
+        V& h(int r, int c) const { return e[c * N + r]; }
+    };
+    V h[N * N], tau[N];
+    for (int i = 0; i < N * N; ++i)
+        for (int l = 0; l < L; ++l) h[i][l] = g.local[l][i];
+    reduce_on<K>(View{h}, [&](int k) ZEL_LAMBDA_INLINE -> V& { return tau[k]; });
+    for (int l = 0; l < L; ++l) {
+        const Object<T, W, N> o{g.local[l], N};
+        for (int i = 0; i < N * N; ++i) g.local[l][i] = h[i][l];
+        Loose<T>* t = tau_of<F>(o);
+        for (int k = 0; k + 1 < N; ++k) t[k] = tau[k][l];
+        if constexpr (F.sets != kNoSet) form_q(o, o.block(F.z_block), t);
+        clear_below_subdiagonal(o);
+    }
+}
+
+// A group's reductions and QR stages: H and Z into the store, then lanes go
+// to their next sweep one by one and sweep together, until none has a sweep
+// left.
+template <Family F, class T, class W, int N, int NB>
 struct Stage {
     template <int Bytes>
-    static ZEL_INLINE int run(Group<T, W, N>* g) {
+    static ZEL_INLINE int run(Group<T, W, N, NB>* g) {
         using K = Pack<W, 32, Isa::Avx>;
         constexpr int L = K::W;
+        reduce_group<F>(*g);
+        for (int l = 0; l < L; ++l) {
+            const Object<T, W, N> o{g->local[l], N};
+            for (int i = 0; i < N * N; ++i) {
+                g->st.h[i][l] = W(g->local[l][i]);
+                if constexpr (F.reach == Reach::Whole) g->st.z[i][l] = W(o.block(F.z_block)[i]);
+            }
+            g->it[l] = Iter<W>(N);
+        }
         bool live[L];
         for (int l = 0; l < L; ++l) live[l] = true;
         for (;;) {
