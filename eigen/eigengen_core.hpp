@@ -20,7 +20,7 @@
 #include <utility>
 
 #include "eigen/eigengen_table.hpp"
-#include "eigen/eigensym_lanes.hpp"
+#include "eigen/lane_kit.hpp"
 #include "frame/frame.hpp"
 #include "frame/simd.hpp"
 
@@ -31,7 +31,7 @@
 namespace zel::eigengen {
 
 
-// Written once against a lane kit (eigen/eigensym_lanes.hpp): One<S> for a
+// Written once against a lane kit (eigen/lane_kit.hpp): One<S> for a
 // single object, Pack for several in vector lanes, selecting where the
 // scalar code branches.
 template <class K>
@@ -41,7 +41,7 @@ ZEL_INLINE typename K::V sgn_k(typename K::V x) {
 }
 template <class W>
 ZEL_INLINE W sgn(W x) {
-    return sgn_k<eigensym::One<W>>(x);
+    return sgn_k<kit::One<W>>(x);
 }
 
 // Rounds through 32 bits and back: the shift scalars of the left/right
@@ -64,7 +64,7 @@ ZEL_INLINE typename K::V hyp_k(typename K::V x, typename K::V y) {
 }
 template <class W, class C>
 ZEL_INLINE W hyp(W x, W y) {
-    return hyp_k<eigensym::One<W>, C>(x, y);
+    return hyp_k<kit::One<W>, C>(x, y);
 }
 
 // The reflector I - tau v v^T, v = (1, x), that takes (alpha, x) to
@@ -158,7 +158,7 @@ ZEL_INLINE void reduce_on(const O& o, Tau&& tau) {
 
 template <class T, class W, int N>
 void reduce(const Object<T, W, N>& o, Loose<T>* tau) {
-    reduce_on<eigensym::One<T>>(o, [tau](int k) -> Loose<T>& { return tau[k]; });
+    reduce_on<kit::One<T>>(o, [tau](int k) -> Loose<T>& { return tau[k]; });
 }
 
 template <class T, class W, int N>

@@ -15,7 +15,7 @@
 #include <cstring>
 
 #include "eigen/eigengen_core.hpp"
-#include "eigen/eigensym_lanes.hpp"
+#include "eigen/lane_kit.hpp"
 #include "frame/cpu.hpp"
 
 // Vector types of 256 bits pass between always-inline helpers only, inside
@@ -24,8 +24,8 @@
 
 namespace zel::eigengen::lanes {
 
-using eigensym::Isa;
-using eigensym::Pack;
+using kit::Isa;
+using kit::Pack;
 
 // Lanes of one group: 4 doubles or 8 floats.
 template <class W>
@@ -91,7 +91,7 @@ ZEL_INLINE void sweep(G& g, typename K::M due) {
     };
     auto H = [&](int r, int c) ZEL_LAMBDA_INLINE -> W (&)[L] { return g.st.h[c * N + r]; };
     auto Z = [&](int r, int c) ZEL_LAMBDA_INLINE -> W (&)[L] { return g.st.z[c * N + r]; };
-    auto st = [](V x) ZEL_LAMBDA_INLINE { return eigensym::stored<T, K>(x); };
+    auto st = [](V x) ZEL_LAMBDA_INLINE { return kit::stored<T, K>(x); };
     V lo, hi, m, u1, u2, u3;
     for (int l = 0; l < L; ++l) {
         lo[l] = W(g.it[l].lo);

@@ -8,7 +8,7 @@
 // the ends of the diagonal say; the eigenvalues are then sorted descending.
 //
 // One algorithm serves every order, family and kernel: core() below, written
-// against a lane kit (eigen/eigensym_lanes.hpp) and a store. Single objects
+// against a lane kit (eigen/lane_kit.hpp) and a store. Single objects
 // and the orders from 7 on run it in scalars on the caller's buffer, result
 // block and eigenvector destination; arrays of orders 3 to 6 run it on
 // groups of objects in vector lanes, from a local copy of each object, and
@@ -28,7 +28,7 @@
 #include <cstring>
 #include <type_traits>
 
-#include "eigen/eigensym_lanes.hpp"
+#include "eigen/lane_kit.hpp"
 #include "eigen/eigensym_table.hpp"
 #include "frame/cpu.hpp"
 #include "frame/fanout.hpp"
@@ -39,6 +39,11 @@
 #pragma GCC diagnostic ignored "-Wpsabi"
 
 namespace zel::eigensym {
+
+using kit::Isa;
+using kit::One;
+using kit::Pack;
+using kit::stored;
 
 // ---------------------------------------------------------------------------
 // One object of an operand: regular in memory (standard and list forms; Unit:

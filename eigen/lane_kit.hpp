@@ -1,5 +1,6 @@
-// Lane kits of the symmetric eigenproblem. The algorithm in eigen/eigensym.hpp
-// is written once against a kit: One<S> runs one object in plain scalars of
+// Lane kits of the eigenproblems. An algorithm (the symmetric core in
+// eigen/eigensym.hpp, the general reduction in eigen/eigengen_core.hpp) is
+// written once against a kit: One<S> runs one object in plain scalars of
 // the scalar type S; Pack<S, Bytes> runs Bytes / sizeof(S) objects, one in
 // each lane of a GCC vector. A lane does exactly its object's operations
 // (IEEE addition, multiplication, division and square root are the same
@@ -24,7 +25,7 @@
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpsabi"
 
-namespace zel::eigensym {
+namespace zel::kit {
 
 template <class S_>
 struct One {
@@ -135,6 +136,6 @@ ZEL_INLINE typename K::V stored(typename K::V x) {
     }
 }
 
-}  // namespace zel::eigensym
+}  // namespace zel::kit
 
 #pragma GCC diagnostic pop
