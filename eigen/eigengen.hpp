@@ -58,7 +58,7 @@ zelStatus kernel_at(const Call<T>& c) {
     int k = 0;
     if constexpr (Array && N >= 3 && fam.shifts == Shifts::Plain) {
         constexpr int L = lanes::kLanes<W>;
-        constexpr int nb = fam.sets != kNoSet ? N * (3 * N + 5) : N * (N + 5);  // pBuffer of one object
+        constexpr int nb = buffer_elems(fam, N);
         if (cpu::avx) {
             for (; k + L <= count; k += L) {
                 lanes::Group<T, W, N, nb> g;
@@ -74,15 +74,8 @@ zelStatus kernel_at(const Call<T>& c) {
                         load_source(o, buf);
                         st = solve_object<fam, T, W, N>(buf, N, re, im);
                     } else {
-                        // what the object's reduction and QR stage write in
-                        // pBuffer: H, Z and the reflectors' scalars
                         const Object<T, W, N> ob{buf, N};
-                        for (int i = 0; i < N * N; ++i) {
-                            buf[i] = T(g.st.h[i][l]);
-                            if constexpr (fam.reach == Reach::Whole) ob.block(fam.z_block)[i] = T(g.st.z[i][l]);
-                        }
-                        const Object<T, W, N> lo{g.local[l], N};
-                        for (int i = 0; i + 1 < N; ++i) tau_of<fam>(ob)[i] = tau_of<fam>(lo)[i];
+                        lanes::to_buffer<fam>(g, l, ob);
                         for (int i = 0; i < N; ++i) {
                             store(re + i, g.re[l][i]);
                             store(im + i, g.im[l][i]);

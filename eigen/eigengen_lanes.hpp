@@ -60,12 +60,16 @@ struct Group {
     T re[kLanes<W>][N], im[kLanes<W>][N];
 };
 
-template <int B, int E, class Fn>
-ZEL_INLINE void static_for(Fn&& f) {
-    if constexpr (B < E) {
-        f(std::integral_constant<int, B>{});
-        static_for<B + 1, E>(f);
+// What lane l's reduction and QR stage leave in an object's pBuffer: H, Z
+// and the reflectors' scalars.
+template <Family F, class T, class W, int N, int NB>
+void to_buffer(Group<T, W, N, NB>& g, int l, const Object<T, W, N>& o) {
+    for (int i = 0; i < N * N; ++i) {
+        o.buf[i] = T(g.st.h[i][l]);
+        if constexpr (F.reach == Reach::Whole) o.block(F.z_block)[i] = T(g.st.z[i][l]);
     }
+    const Object<T, W, N> mine{g.local[l], N};
+    for (int k = 0; k + 1 < N; ++k) tau_of<F>(o)[k] = tau_of<F>(mine)[k];
 }
 
 // One sweep on every lane in `due`, each from its own start row m down to

@@ -91,6 +91,9 @@ constexpr const Family& family(Op op) {
 template <Op O, class T, bool Array>
 using Wide = std::conditional_t<std::is_same_v<T, float> && Array && O != Op::EigenValues, double, T>;
 
+// pBuffer elements of one object of family f.
+constexpr int buffer_elems(const Family& f, int n) { return n * (f.sets != kNoSet ? 3 * n + 5 : n + 5); }
+
 // pBuffer bytes that the size queries report for one object, signed 32-bit
 // with silent wrap: n * (n + 5) elements for EigenValues, n * (3n + 5) for
 // the vector families (and for the wrappers' per-thread scratch of both).

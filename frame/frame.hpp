@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <type_traits>
 
 #include "frame/generated/ops.hpp"
 #include "zelm.h"
@@ -145,6 +146,16 @@ enum class Form { S, L, P };
 template <class T>
 ZEL_INLINE T* byte_add(const void* p, std::ptrdiff_t bytes) {
     return reinterpret_cast<T*>(const_cast<char*>(static_cast<const char*>(p)) + bytes);
+}
+
+// f(std::integral_constant<int, I>) for I = B .. E-1, unrolled at compile
+// time (the fixed orders' loops whose index must be a constant).
+template <int B, int E, class F>
+ZEL_INLINE void static_for(F&& f) {
+    if constexpr (B < E) {
+        f(std::integral_constant<int, B>{});
+        static_for<B + 1, E>(f);
+    }
 }
 
 // Element loads and stores at any alignment: a 64f element need only be

@@ -16,7 +16,6 @@
 namespace zel::cholesky::lanes {
 
 using tri::lanes::Pack;
-using tri::lanes::static_for;
 
 template <class T, int W>
 ZEL_INLINE typename Pack<T, W>::V rsqrt(typename Pack<T, W>::V d) {

@@ -28,14 +28,6 @@
 
 namespace zel::tri::lanes {
 
-template <int B, int E, class F>
-ZEL_INLINE void static_for(F&& f) {
-    if constexpr (B < E) {
-        f(std::integral_constant<int, B>{});
-        static_for<B + 1, E>(f);
-    }
-}
-
 // W objects of element type T, one per lane.
 template <class T, int W>
 struct Pack {

@@ -97,14 +97,21 @@ struct Laid {
         for (int r = 0; r < n; ++r) x(r) = cd(double(l.at(g, k, r, c)), im != 0 ? s * double(l.at(g, k, r, c + 1)) : 0.0);
         return x;
     }
-    // Everything the call wrote, for comparisons between calls bit for bit.
-    std::vector<T> written() {
-        const int count = l.count();
-        std::vector<T> out(l.block("pDstValuesRe"), l.block("pDstValuesRe") + count * n);
-        out.insert(out.end(), l.block("pDstValuesIm"), l.block("pDstValuesIm") + count * n);
+    // Everything the call wrote for object k, and for all objects, for
+    // comparisons between calls bit for bit.
+    std::vector<T> object(int k) {
+        std::vector<T> v(l.block("pDstValuesRe") + k * n, l.block("pDstValuesRe") + (k + 1) * n);
+        v.insert(v.end(), l.block("pDstValuesIm") + k * n, l.block("pDstValuesIm") + (k + 1) * n);
         for (const auto& g : vector_groups(row))
-            for (int k = 0; k < count; ++k)
-                for (T x : l.get(g, k)) out.push_back(x);
+            for (T x : l.get(g, k)) v.push_back(x);
+        return v;
+    }
+    std::vector<T> written() {
+        std::vector<T> out;
+        for (int k = 0; k < l.count(); ++k) {
+            const auto v = object(k);
+            out.insert(out.end(), v.begin(), v.end());
+        }
         return out;
     }
 };
@@ -213,13 +220,6 @@ TEST(EigenGen, GroupsInLanesGiveTheBitsOfSingleObjects) {
                         run.set(k, as[k]);
                     }
                     ASSERT_EQ(run.l.call(), fail < 0 ? zelStsOk : zelStsErrNoConvergence);
-                    auto object = [&](Laid<T>& r, int k) {
-                        std::vector<T> v(r.l.block("pDstValuesRe") + k * n, r.l.block("pDstValuesRe") + (k + 1) * n);
-                        v.insert(v.end(), r.l.block("pDstValuesIm") + k * n, r.l.block("pDstValuesIm") + (k + 1) * n);
-                        for (const auto& g : vector_groups(*row))
-                            for (T x : r.l.get(g, k)) v.push_back(x);
-                        return v;
-                    };
                     // the single calls share one pBuffer, as the objects of a call do
                     const int last = fail < 0 ? count - 1 : fail, nb = run.buf_elems();
                     std::vector<T> buf(nb, lay::sentinel<T>());
@@ -228,12 +228,12 @@ TEST(EigenGen, GroupsInLanesGiveTheBitsOfSingleObjects) {
                         one.set(0, as[k]);
                         std::copy(buf.begin(), buf.end(), one.l.block("pBuffer"));
                         EXPECT_EQ(one.l.call(), k == fail ? zelStsErrNoConvergence : zelStsOk);
-                        EXPECT_TRUE(same_bits(object(run, k), object(one, 0))) << "object " << k;
+                        EXPECT_TRUE(same_bits(run.object(k), one.object(0))) << "object " << k;
                         std::copy(one.l.block("pBuffer"), one.l.block("pBuffer") + nb, buf.begin());
                     }
                     EXPECT_TRUE(same_bits(std::vector<T>(run.l.block("pBuffer"), run.l.block("pBuffer") + nb), buf));
                     for (int k = last + 1; k < count; ++k)
-                        for (T x : object(run, k)) EXPECT_TRUE(fh::Laid<T>::same(x, lay::sentinel<T>())) << "object " << k;
+                        for (T x : run.object(k)) EXPECT_TRUE(fh::Laid<T>::same(x, lay::sentinel<T>())) << "object " << k;
                 }
         });
     }
