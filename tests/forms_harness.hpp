@@ -1,14 +1,13 @@
 // A laid-out call of any grid export, for the families' table-driven tests:
-// every operand group of the export's parameter list is laid out in the
+// every operand group the registry gives the export is laid out in the
 // export's storage form (lay::build), every further pointer (pDst, pBuffer,
-// pDstIndex, pSrcIndex, pDstValues, ...) is a plain block with a guard of
-// sentinels behind it, and the call goes through the registry's generic
-// caller. Tests set and read objects in logical terms (object n, row r,
-// column c as stored), so one test body serves the standard, list and
-// pointer forms.
+// pDstIndex, pSrcIndex, pDstValues, ...) is a plain block of the registry's
+// extent with a guard of sentinels behind it, and the call goes through the
+// registry's generic caller. Tests set and read objects in logical terms
+// (object n, row r, column c as stored), so one test body serves the
+// standard, list and pointer forms.
 //
-//   fh::Laid<double> l(row, count, {{"Src", {4, 4}}, {"Dst", {4, 4}}}, {{"pBuffer", 20}});
-//   l.num("widthHeight", 4);
+//   fh::Laid<double> l(row, count, {{"widthHeight", 4}});
 //   l.set("Src", n, values);               // row-major
 //   zelStatus st = l.call();
 //   auto x = l.get("Dst", n);              // row-major
@@ -24,13 +23,14 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <regex>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "arena_call.hpp"
 #include "registry_table.hpp"
+#include "substitutes.hpp"
 
 // How operands lie in memory: one object array in any storage form with the
 // padding, shifts and table orders a case asks for, sentinels elsewhere.
@@ -179,62 +179,83 @@ void with_type(const reg::ExportRow& r, F&& f) {
     else f(float());
 }
 
-using Shapes = std::map<std::string, std::pair<int, int>>;  // group -> rows, cols as stored
-using Blocks = std::map<std::string, int>;                  // pointer -> elements in all
+using Sizes = std::map<std::string, int>;  // size arguments by name: width, len, widthHeight ...
+
+inline bool same_bits(const void* a, const void* b, std::size_t bytes) { return std::memcmp(a, b, bytes) == 0; }
+template <class T>
+bool same(T a, T b) { return same_bits(&a, &b, sizeof(T)); }
+template <class T>
+bool same(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && same_bits(a.data(), b.data(), a.size() * sizeof(T));
+}
+// Still the sentinel: nothing was stored there.
+template <class T>
+bool untouched(T x) { return same(x, lay::sentinel<T>()); }
+
+// The parallel wrapper of an array export forks from `at` objects on:
+// call(count) lays out and runs a call of `count` objects. One object fewer
+// runs on the calling thread without asking for the thread count; at `at`
+// the wrapper asks for it and forks (asked again).
+template <class Call>
+void expect_forks_from(int at, Call&& call, const std::string& what) {
+    for (int count : {at - 1, at}) {
+        subst::Scope scope(2);
+        call(count);
+        EXPECT_EQ(subst::thread_queries, count == at ? 2 : 0) << what << " count " << count;
+    }
+}
 
 template <class T>
 class Laid {
 public:
-    // `count` objects for the array groups (ignored where the export has
-    // none); `alias` lays a group on another one's memory (in-place calls).
-    Laid(const reg::ExportRow& row, int count, const Shapes& shapes, const Blocks& blocks = {},
-         const lay::Layout& L = {}, unsigned seed = 1, const std::map<std::string, std::string>& alias = {})
+    // The operand groups and further pointers of the export as the registry
+    // describes them, at the given sizes: `count` objects for the array groups
+    // (ignored where the export has none); `alias` lays a group on another
+    // one's memory (in-place calls); `blocks` gives some pointers more
+    // elements than the registry's extent.
+    Laid(const reg::ExportRow& row, int count, const Sizes& sizes, const lay::Layout& L = {}, unsigned seed = 1,
+         const std::map<std::string, std::string>& alias = {}, const std::map<std::string, int>& blocks = {})
         : row_(row), form_(row.form[0]), rng_(seed) {
         const auto params = reg::params_of(row);
-        bool any_array = false;
-        for (const auto& p : params) any_array |= p.name == "count";
-        count_ = any_array ? count : 1;
-        static const std::regex group_re("^(pp|p)(Src[123]?|Dst(VectorsRight|VectorsLeft|Vectors)?)$");
-        for (const auto& p : params) {
-            std::smatch m;
-            if (p.pointer() && std::regex_match(p.name, m, group_re) && shapes.count(m[2].str())) {
-                const std::string g = m[2].str();
-                groups_[g].prefix = prefix_of(g);
-                groups_[g].table = m[1].str() == "pp";
-            } else if (p.pointer()) {
-                const int n = blocks.count(p.name) ? blocks.at(p.name) : 0;
-                if (p.type.find("int") != std::string::npos) {
-                    ints_[p.name].assign(std::size_t(n) + kGuard, kIntSentinel);
-                    args.ptrs[p.name] = ints_[p.name].data();
-                } else {
-                    reals_[p.name].assign(std::size_t(n) + kGuard, lay::sentinel<T>());
-                    args.ptrs[p.name] = reals_[p.name].data();
-                }
-            } else if (p.name == "count") {
-                args.nums["count"] = count_;
-            }
-        }
-        auto has = [&](const std::string& n) {
+        auto type_of = [&](const std::string& n) {
             for (const auto& p : params)
-                if (p.name == n) return true;
-            return false;
+                if (p.name == n) return p.type;
+            return std::string();
         };
-        for (auto& [g, gr] : groups_) {
-            const auto [rows, cols] = shapes.at(g);
-            // whether the group is an array: stride0 in the standard and
-            // pointer forms, a table in the list form
-            const bool array = form_ == 'L' ? gr.table : has(gr.prefix + "Stride0");
-            if (alias.count(g)) continue;
+        count_ = type_of("count").empty() ? 1 : count;
+        std::map<std::string, std::int64_t> names{{"count", count_}}, elems, objects;
+        for (const auto& [k, v] : sizes) names[k] = args.nums[k] = v;
+        if (!type_of("count").empty()) args.nums["count"] = count_;
+        const auto& spec = ac::spec_of(row.name);
+        for (const auto& g : spec.groups) {
+            auto& gr = groups_[g.role];
+            gr.prefix = g.prefix;
+            gr.table = !type_of("pp" + g.role).empty();
+            elems[g.role] = ac::eval(g.rows, names, {}, {}) * ac::eval(g.cols, names, {}, {});
+            objects[g.role] = g.array() ? count_ : 1;
+            if (alias.count(g.role)) continue;
+            const bool dst = g.role.rfind("Dst", 0) == 0;
             gr.op = std::make_shared<lay::Operand<T>>();
-            gr.op->kind = rows == 1 ? 'v' : 'm';
-            gr.op->array = array;
-            gr.op->rows = rows;
-            gr.op->cols = cols;
-            gr.op->objs = array ? count_ : 1;
-            lay::build(*gr.op, form_, L, g.rfind("Dst", 0) == 0, rng_);
+            gr.op->array = g.array();
+            gr.op->rows = int(ac::eval(g.rows, names, {}, {}));
+            gr.op->cols = int(ac::eval(g.cols, names, {}, {}));
+            gr.op->objs = int(objects[g.role]);
+            // Copy names the source's form and the destination's; a plain pointer is the standard form
+            lay::build(*gr.op, !gr.table ? 'S' : dst && row.form[1] ? row.form[1] : form_, L, dst, rng_);
         }
         for (const auto& [g, to] : alias) groups_.at(g).op = groups_.at(to).op;
         for (auto& [g, gr] : groups_) fill_args(g, gr);
+        for (const auto& b : spec.blocks) {
+            const std::size_t n = blocks.count(b.param) ? blocks.at(b.param) : ac::eval(b.extent, names, elems, objects);
+            if (type_of(b.param).find("int") != std::string::npos) {
+                ints_[b.param].assign(n + kGuard, kIntSentinel);
+                args.ptrs[b.param] = ints_[b.param].data();
+            } else {
+                reals_[b.param].assign(n + kGuard, lay::sentinel<T>());
+                args.ptrs[b.param] = reals_[b.param].data();
+                if (b.role == "out") outs_.push_back(b.param);
+            }
+        }
     }
 
     // Object n of a group, row-major over its stored rows and columns.
@@ -263,6 +284,25 @@ public:
     const std::vector<T>& memory(const std::string& g) const { return groups_.at(g).op->mem; }
     int objects(const std::string& g) const { return groups_.at(g).op->objs; }
 
+    // What the call stored for object k: its elements of every destination
+    // group and its share of every result block; k < 0: the whole memory of
+    // those, gaps, sentinels and guards included.
+    std::vector<T> results(int k = -1) {
+        std::vector<T> v;
+        for (const auto& [g, gr] : groups_) {
+            if (g.rfind("Dst", 0) != 0) continue;
+            const auto x = k < 0 ? gr.op->mem : get(g, k);
+            v.insert(v.end(), x.begin(), x.end());
+        }
+        for (const auto& b : outs_) {
+            const auto& m = reals_.at(b);
+            const std::size_t per = (m.size() - kGuard) / count_;
+            v.insert(v.end(), k < 0 ? m.begin() : m.begin() + per * k, k < 0 ? m.end() : m.begin() + per * (k + 1));
+        }
+        return v;
+    }
+    bool has(const std::string& g) const { return groups_.count(g) != 0; }
+
     T* block(const std::string& name) { return reals_.at(name).data(); }
     int* index(const std::string& name) { return ints_.at(name).data(); }
     void num(const std::string& name, int v) { args.nums[name] = v; }
@@ -278,7 +318,7 @@ public:
     bool guards_intact() const {
         for (const auto& [n, v] : reals_)
             for (std::size_t k = v.size() - kGuard; k < v.size(); ++k)
-                if (!same(v[k], lay::sentinel<T>())) return false;
+                if (!untouched(v[k])) return false;
         for (const auto& [n, v] : ints_)
             for (std::size_t k = v.size() - kGuard; k < v.size(); ++k)
                 if (v[k] != kIntSentinel) return false;
@@ -288,7 +328,6 @@ public:
     int count() const { return count_; }
     char form() const { return form_; }
 
-    static bool same(T a, T b) { return std::memcmp(&a, &b, sizeof(T)) == 0; }
     static constexpr int kIntSentinel = 0x5A5A5A5A;
     static constexpr std::size_t kGuard = 8;
 
@@ -301,30 +340,14 @@ private:
         std::shared_ptr<lay::Operand<T>> op;
     };
 
-    static std::string prefix_of(const std::string& g) {
-        if (g == "DstVectors") return "dst";
-        if (g == "DstVectorsRight") return "dstRight";
-        if (g == "DstVectorsLeft") return "dstLeft";
-        std::string x = g;
-        x[0] = char(std::tolower(x[0]));
-        return x;
-    }
-
     void fill_args(const std::string& g, const Group& gr) {
         const auto& o = *gr.op;
         const std::string& x = gr.prefix;
-        if (o.form == 'S') {
-            args.ptrs["p" + g] = o.base;
-            args.nums[x + "Stride0"] = o.s0;
-            args.nums[x + "Stride1"] = o.s1;
-            args.nums[x + "Stride2"] = o.s2;
-        } else {
-            args.ptrs["pp" + g] = const_cast<T**>(o.tab.data());
-            args.nums[x + "Shift"] = o.shift;
-            args.nums[x + "Stride0"] = o.s0;
-            args.nums[x + "Stride1"] = o.s1;
-            args.nums[x + "Stride2"] = o.s2;
-        }
+        if (o.form == 'S') args.ptrs["p" + g] = o.base;
+        else args.ptrs["pp" + g] = const_cast<T**>(o.tab.data()), args.nums[x + "Shift"] = o.shift;
+        args.nums[x + "Stride0"] = o.s0;
+        args.nums[x + "Stride1"] = o.s1;
+        args.nums[x + "Stride2"] = o.s2;
     }
 
     const reg::ExportRow& row_;
@@ -334,6 +357,7 @@ private:
     std::map<std::string, Group> groups_;
     std::map<std::string, std::vector<T>> reals_;
     std::map<std::string, std::vector<int>> ints_;
+    std::vector<std::string> outs_;  // the result blocks
 };
 
 }  // namespace fh

@@ -2,19 +2,12 @@
 // (LU, Cholesky: bit for bit against the family's reference, the wrapper).
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <Eigen/Dense>
 #include <cmath>
-#include <cstring>
 #include <limits>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "forms_harness.hpp"
 #include "solvers/triangular.hpp"
-#include "substitutes.hpp"
 
 namespace sq {
 
@@ -68,11 +61,6 @@ Mat to_eigen(const Vec<T>& v, int rows, int cols) {
     return m;
 }
 
-template <class T>
-bool same_bits(const Vec<T>& a, const Vec<T>& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
-}
-
 // f(float()), then f(double()).
 template <class F>
 void for_types(F f) {
@@ -102,32 +90,34 @@ inline std::string where(const reg::ExportRow& r, const lay::Layout& L, int n) {
     return std::string(r.name) + " " + L.label + " order " + std::to_string(n);
 }
 
-// An inversion (Src, Dst), determinant (Src, pDst) or QR call on h x n
-// objects (h 0: square); in place: the destination on the source (on b).
+// A call of any solver export on h x n objects (h 0: square); in place: the
+// destination on the source, or on b in the back-substitutions.
 template <class T>
-fh::Laid<T> square_laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}, int h = 0, bool in_place = false) {
-    const std::string op = row.op;
-    h = h ? h : n;
-    fh::Shapes shapes{{"Src", {h, n}}, {"Dst", {h, n}}};
-    fh::Blocks blocks{{"pBuffer", op[0] == 'Q' ? h : n * n + n}};
-    if (op == "Det") shapes.erase("Dst"), blocks["pDst"] = count;
-    if (op == "QRBackSubst") shapes = {{"Src1", {h, n}}, {"Src2", {1, h}}, {"Dst", {1, n}}};
+fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout& L = {}, int h = 0, bool in_place = false) {
     std::map<std::string, std::string> alias;
-    if (in_place) alias["Dst"] = op == "QRDecomp" ? "Src" : "Src2";
-    fh::Laid<T> l(row, count, shapes, blocks, L, 1, alias);
-    l.num("widthHeight", n), l.num("width", n), l.num("height", h);
-    return l;
+    if (in_place) alias["Dst"] = std::string(row.op).find("BackSubst") == std::string::npos ? "Src" : "Src2";
+    return fh::Laid<T>(row, count, {{"widthHeight", n}, {"width", n}, {"height", h ? h : n}}, L, unsigned(n + count), alias);
 }
 
-// All destination objects of a call, one after the other.
+// The single-object standard call of `op` on a (and b in the
+// back-substitutions), contiguous or with an element stride of 2: its status,
+// and in `out` what it stored (sentinels where nothing).
 template <class T>
-Vec<T> all_of(fh::Laid<T>& l) {
-    Vec<T> v;
-    for (int n = 0; n < l.count(); ++n) {
-        const auto o = l.get("Dst", n);
-        v.insert(v.end(), o.begin(), o.end());
-    }
-    return v;
+zelStatus single(const std::string& op, Vec<T>& out, int n, int h, bool strided, const Vec<T>& a, const Vec<T>& b = {}) {
+    lay::Layout L;
+    L.k2 = L.dst_k2 = strided ? 2 : 1;
+    auto l = laid<T>(standard<T>(op), 1, n, L, h);
+    l.set(b.empty() ? "Src" : "Src1", 0, a);
+    if (!b.empty()) l.set("Src2", 0, b);
+    const zelStatus st = l.call();
+    out = l.results(0);
+    return st;
+}
+template <class T>
+Vec<T> single_ok(const std::string& op, int n, int h, bool strided, const Vec<T>& a, const Vec<T>& b = {}) {
+    Vec<T> out;
+    EXPECT_EQ(single(op, out, n, h, strided, a, b), zelStsOk) << op;
+    return out;
 }
 
 // An export at the fan-out limit of its kernel: the first object count that
@@ -139,46 +129,20 @@ struct Boundary {
     int h = 0;
 };
 
-// The parallel wrapper of one export. `make(count)` lays out and fills a call
-// of `count` objects, `results(l)` reads all its destinations as one vector.
-// One object below `at` the direct path (ownGetNumThreads not asked), at it the
-// wrapper forks (asked twice); 1 thread, 4 threads and 4 threads whose
-// scratch allocation fails give the same bits, with one block per forking
-// call freed once and the caller's pBuffer left alone.
-template <class T, class Make, class Results>
-void fan_out_checks(const std::string& name, int at, int count, Make make, Results results) {
-    for (int c : {at - 1, at}) {
-        auto l = make(c);
-        subst::Scope scope(2);
-        l.call();
-        EXPECT_EQ(subst::thread_queries, c == at ? 2 : 0) << name << " " << c;
-    }
-    Vec<T> out[3];
-    for (int k = 0; k < 3; ++k) {
-        auto l = make(count);
-        subst::Scope scope(k ? 4 : 1, -1, k == 2);
-        ASSERT_EQ(l.call(), zelStsOk) << name;
-        EXPECT_EQ(subst::mallocs.load(), k ? 1 : 0) << name;
-        EXPECT_EQ(subst::frees.load(), k == 1 ? 1 : 0) << name;
-        if (k == 1) {
-            EXPECT_TRUE(fh::Laid<T>::same(l.block("pBuffer")[0], lay::sentinel<T>())) << name;
-        }
-        out[k] = results(l);
-    }
-    EXPECT_TRUE(same_bits(out[0], out[1])) << name;
-    EXPECT_TRUE(same_bits(out[0], out[2])) << name;
-}
-
-// fan_out_checks for each boundary: `fill(b, l)` fills the operands and says
-// so, or random sources (one of them zero when the family has no failure,
-// `fails` 0) go in; with those, on 4 threads, a zero object in a slice gives
-// the call's status `fails`.
+// The parallel wrapper of each boundary's export: one object below `at` the
+// direct path, at it the wrapper forks (fh::expect_forks_from); with one
+// more, 1 thread, 4 threads and 4 threads whose scratch allocation fails give
+// the same bits, with one block per forking call freed once and the caller's
+// pBuffer left alone. `fill(b, l)` fills the operands and says so, or random
+// sources (one of them zero when the family has no failure, `fails` 0) go in;
+// with those, on 4 threads, a zero object in a slice gives the call's status
+// `fails`.
 struct RandomFill {
     template <class L>
     bool operator()(const Boundary&, L&) const { return false; }
 };
-template <std::size_t N, class Results, class Fill = RandomFill>
-void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Results results, Fill fill = {}) {
+template <std::size_t N, class Fill = RandomFill>
+void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Fill fill = {}) {
     for (const auto& b : bs)
         fh::with_type(fh::row_named(b.name), [&](auto t) {
             using T = decltype(t);
@@ -187,12 +151,23 @@ void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Results results, F
             const int h = b.h ? b.h : b.n;
             bool custom = false;
             auto filled = [&](int count) {
-                auto l = square_laid<T>(fh::row_named(b.name), count, b.n, L, h);
+                auto l = laid<T>(fh::row_named(b.name), count, b.n, L, h);
                 if (!(custom = fill(b, l))) random_objects(l, "Src", 4, h, b.n);
                 if (fails == zelStsOk) l.set("Src", count / 2, Vec<T>(std::size_t(h) * b.n, T(0)));
                 return l;
             };
-            fan_out_checks<T>(b.name, b.at, b.at + 1, filled, results);
+            fh::expect_forks_from(b.at, [&](int count) { filled(count).call(); }, b.name);
+            Vec<T> out[3];
+            for (int k = 0; k < 3; ++k) {
+                auto l = filled(b.at + 1);
+                subst::Scope scope(k ? 4 : 1, -1, k == 2);
+                ASSERT_EQ(l.call(), zelStsOk) << b.name;
+                EXPECT_EQ(subst::mallocs.load(), k ? 1 : 0) << b.name;
+                EXPECT_EQ(subst::frees.load(), k == 1 ? 1 : 0) << b.name;
+                EXPECT_TRUE(k != 1 || fh::untouched(l.block("pBuffer")[0])) << b.name;
+                out[k] = l.results();
+            }
+            EXPECT_TRUE(fh::same(out[0], out[1]) && fh::same(out[0], out[2])) << b.name;
             auto l = filled(b.at + 1);
             if (custom) return;
             l.set("Src", b.at - 1, Vec<T>(std::size_t(h) * b.n, T(0)));
@@ -213,22 +188,6 @@ inline bool is_decomp(const reg::ExportRow& r) { return std::string(r.sig).find(
 inline bool is_array(const reg::ExportRow& r) { return std::string(r.sig).find('a') != std::string::npos; }
 // matrices (and pivot tables) of a call: one per object in "ma" and "mava"
 inline int mats_of(const reg::ExportRow& r, int count) { return std::string(r.sig) == "ma" || std::string(r.sig) == "mava" ? count : 1; }
-
-// Src and Dst, or Src1 (factors), Src2 (b) and Dst (x), at order n, and the
-// pivot table block of the LU exports.
-template <class T>
-Laid<T> laid(const reg::ExportRow& row, int n, int count, const lay::Layout& L = {}, bool in_place = false) {
-    const bool dec = is_decomp(row);
-    const fh::Shapes shapes =
-        dec ? fh::Shapes{{"Src", {n, n}}, {"Dst", {n, n}}} : fh::Shapes{{"Src1", {n, n}}, {"Src2", {1, n}}, {"Dst", {1, n}}};
-    fh::Blocks blocks;
-    if (std::string(row.op).rfind("LU", 0) == 0) blocks[dec ? "pDstIndex" : "pSrcIndex"] = mats_of(row, count) * n;
-    std::map<std::string, std::string> alias;
-    if (in_place) alias["Dst"] = dec ? "Src" : "Src2";
-    Laid<T> l(row, count, shapes, blocks, L, unsigned(n + count), alias);
-    l.num("widthHeight", n);
-    return l;
-}
 
 template <class T>
 T rand_in(std::mt19937& g, double lo, double hi) {
@@ -282,7 +241,7 @@ void check_decomp(const reg::ExportRow& row, int n, const std::vector<Vec<T>>& m
                   Prepare prepare, Residual residual) {
     SCOPED_TRACE(std::string(row.name) + " n=" + std::to_string(n) + " " + L.label + (in_place ? " in place" : ""));
     const int count = int(mats.size());
-    auto l = laid<T>(row, n, count, L, in_place);
+    auto l = sq::laid<T>(row, count, n, L, 0, in_place);
     for (int o = 0; o < count; ++o) l.set("Src", o, mats[o]);
     prepare(l);
     Image<T> img(l, "Dst");
@@ -356,7 +315,7 @@ void check_solves(const std::string& op, InPlace in_place, Make make, Factor fac
                     const lay::Layout L = sq::layouts()[k % 2];
                     SCOPED_TRACE(std::string(row->name) + " n=" + std::to_string(n) + " " + L.label + (k == 2 ? " in place" : ""));
                     std::mt19937 g(seed++);
-                    auto l = laid<T>(*row, n, 19, L, k == 2);
+                    auto l = sq::laid<T>(*row, 19, n, L, 0, k == 2);
                     std::vector<Vec<T>> A, b;
                     std::vector<Expect<T>> F;
                     for (int o = 0; o < mats_of(*row, l.count()); ++o) {
@@ -399,8 +358,7 @@ inline std::int64_t documented_estimate(const std::string& sig, std::int64_t n, 
 // The wrapper of every array export of `ops`. At the limit of its kernel in
 // `limits`, the documented table the test writes out (orders 1, where the
 // estimate meets most limits exactly, 3 and 7; contiguous and strided), it
-// starts at the first count whose estimate reaches it (ownGetNumThreads
-// asked twice); one object less runs on the calling thread without asking. Then at each
+// starts at the first count whose estimate reaches it. Then at each
 // (order, count, bad) of `cases`, on 1 and on 4 threads, object `bad` failing
 // in the decompositions with `fails`: `fill(row, laid, bad)` sets the
 // operands (bad -1: none fails), `done(laid, o, n)` says whether a decomposed
@@ -420,22 +378,20 @@ void fan_out(const std::vector<std::string>& ops, const zel::tri::LimitRow (&lim
                     for (int n : {1, 3, 7}) {
                         int at = 1;
                         while (documented_estimate(sig, n, at) < limit) ++at;
-                        for (int count : {at - 1, at}) {
-                            lay::Layout L;
-                            L.k2 = L.dst_k2 = strided ? 2 : 1;
-                            auto l = laid<T>(*row, n, count, L);
+                        lay::Layout L;
+                        L.k2 = L.dst_k2 = strided ? 2 : 1;
+                        fh::expect_forks_from(at, [&](int count) {
+                            auto l = sq::laid<T>(*row, count, n, L);
                             fill(*row, l, -1);
-                            subst::Scope scope(4);
                             EXPECT_EQ(l.call(), zelStsOk) << row->name;
-                            EXPECT_EQ(subst::thread_queries, count == at ? 2 : 0) << row->name << " n=" << n << " count " << count;
-                        }
+                        }, std::string(row->name) + " n=" + std::to_string(n));
                     }
                 }
                 for (auto [n, count, bad] : cases) {
                     Vec<T> mem[2];
                     for (int k = 0; k < 2; ++k) {
                         const int threads = k == 0 ? 1 : 4;
-                        auto l = laid<T>(*row, n, count);
+                        auto l = sq::laid<T>(*row, count, n);
                         fill(*row, l, bad);
                         subst::Scope scope(threads);
                         ASSERT_EQ(l.call(), is_decomp(*row) ? fails : zelStsOk) << row->name;
@@ -446,7 +402,7 @@ void fan_out(const std::vector<std::string>& ops, const zel::tri::LimitRow (&lim
                             ASSERT_TRUE(ok) << row->name << " object " << o;
                         }
                     }
-                    EXPECT_TRUE(is_decomp(*row) || sq::same_bits(mem[0], mem[1]));
+                    EXPECT_TRUE(is_decomp(*row) || fh::same(mem[0], mem[1]));
                 }
             });
 }

@@ -1,7 +1,6 @@
 // Cholesky decomposition and back-substitution against the factorisation
 // written out; above the diagonal the sources hold NaN (null pointers in the
 // pointer form), so a read there shows.
-#include <gtest/gtest.h>
 #include <xmmintrin.h>
 
 #include "solvers/cholesky_table.hpp"
@@ -145,7 +144,7 @@ TEST(Cholesky, RadicandTests) {
         for (const auto& k : cases)
             fh::with_type(*row, [&](auto t) {
                 using T = decltype(t);
-                auto l = laid<T>(*row, k.n, 16);
+                auto l = sq::laid<T>(*row, 16, k.n);
                 l.fill("Src", [&](int, int r, int c) { return r != c ? 0.0 : r == k.n - 1 ? k.d : 1.0; });
                 const bool fails = row->form[0] == 'P' ? k.fails_p : k.fails;
                 EXPECT_EQ(l.call(), fails ? zelStsErrNotPosDefinite : zelStsOk) << row->name << " n=" << k.n << " " << k.d;

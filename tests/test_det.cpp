@@ -2,7 +2,6 @@
 // standard call of its method; worked examples; the wrapper.
 #include <cmath>
 #include <limits>
-#include <vector>
 
 #include "solvers_harness.hpp"
 
@@ -24,12 +23,7 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
 // The single standard call, contiguous or with an element stride of 2.
 template <class T>
 T det(const Vec<T>& a, int n, bool strided = false) {
-    lay::Layout L;
-    L.k2 = strided ? 2 : 1;
-    auto l = sq::square_laid<T>(sq::standard<T>("Det"), 1, n, L);
-    l.set("Src", 0, a);
-    EXPECT_EQ(l.call(), zelStsOk);
-    return l.block("pDst")[0];
+    return sq::single_ok("Det", n, 0, strided, a)[0];
 }
 
 // The method object k of a call runs. Pairs need pSrc, srcStride0 and
@@ -54,7 +48,7 @@ TEST(Det, EveryFormAgreesWithEigenAndShowsItsMethod) {
             const T q = std::ldexp(T(1), fh::is64(*row) ? 27 : 12), p = q + 1;
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : sq::layouts()) {
-                    auto l = sq::square_laid<T>(*row, sq::kCount, n, L);
+                    auto l = sq::laid<T>(*row, sq::kCount, n, L);
                     auto src = sq::random_objects(l, "Src", unsigned(n), n, n);
                     if (l.count() > 1) src[sq::kBad].assign(src[sq::kBad].size(), T(0)), l.set("Src", sq::kBad, src[sq::kBad]);
                     const auto at = sq::where(*row, L, n);
@@ -112,7 +106,7 @@ TEST(Det, FanOut) {
         {"zelmDet_ma_32f", 4, 5001, false},  {"zelmDet_ma_64f", 4, 5001, true},    {"zelmDet_ma_32f_L", 4, 10001, false},
         {"zelmDet_ma_32f_L", 4, 5001, true}, {"zelmDet_ma_64f_P", 7, 2858, false},
     };
-    sq::square_fan_out(kBoundaries, zelStsOk, [](auto& l) { return std::vector(l.block("pDst"), l.block("pDst") + l.count()); });
+    sq::square_fan_out(kBoundaries, zelStsOk);
 }
 
 }  // namespace

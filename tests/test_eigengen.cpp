@@ -4,19 +4,12 @@
 // both vector sets, every form bit for bit against the standard call; the
 // fan-out and its limits, worked examples, size queries, the failure state
 // and the small solves of the core.
-#include <gtest/gtest.h>
-
 #include <Eigen/Dense>
 #include <cmath>
 #include <complex>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "eigen/eigengen_core.hpp"
 #include "forms_harness.hpp"
-#include "substitutes.hpp"
-#include "zelm.h"
 
 namespace {
 
@@ -71,17 +64,8 @@ struct Laid {
     const Row& row;
     int n;
     fh::Laid<T> l;
-    Laid(const Row& r, int n_, int count, const lay::Layout& L = {})
-        : row(r), n(n_), l(r, count, shapes(), {{"pDstValuesRe", count * n}, {"pDstValuesIm", count * n},
-                                               {"pBuffer", buf_elems()}}, L) {
-        l.num("widthHeight", n);
-    }
-    fh::Shapes shapes() const {
-        fh::Shapes s{{"Src", {n, n}}};
-        for (const auto& g : vector_groups(row)) s[g] = {n, n};
-        return s;
-    }
-    // the documented size (the size queries' below): writing beyond it hits the guard
+    Laid(const Row& r, int n_, int count, const lay::Layout& L = {}) : row(r), n(n_), l(r, count, {{"widthHeight", n_}}, L) {}
+    // the documented size (the size queries' below)
     int buf_elems() const { return n * (vector_groups(row).empty() ? n + 5 : 3 * n + 5); }
     void set(int k, const Mat& a) {
         std::vector<T> v;
@@ -97,29 +81,7 @@ struct Laid {
         for (int r = 0; r < n; ++r) x(r) = cd(double(l.at(g, k, r, c)), im != 0 ? s * double(l.at(g, k, r, c + 1)) : 0.0);
         return x;
     }
-    // Everything the call wrote for object k, and for all objects, for
-    // comparisons between calls bit for bit.
-    std::vector<T> object(int k) {
-        std::vector<T> v(l.block("pDstValuesRe") + k * n, l.block("pDstValuesRe") + (k + 1) * n);
-        v.insert(v.end(), l.block("pDstValuesIm") + k * n, l.block("pDstValuesIm") + (k + 1) * n);
-        for (const auto& g : vector_groups(row))
-            for (T x : l.get(g, k)) v.push_back(x);
-        return v;
-    }
-    std::vector<T> written() {
-        std::vector<T> out;
-        for (int k = 0; k < l.count(); ++k) {
-            const auto v = object(k);
-            out.insert(out.end(), v.begin(), v.end());
-        }
-        return out;
-    }
 };
-
-template <class T>
-bool same_bits(const std::vector<T>& a, const std::vector<T>& b) {
-    return a.size() == b.size() && !std::memcmp(a.data(), b.data(), a.size() * sizeof(T));
-}
 
 // Object k of a call on matrix `a` (as rounded to T): values against Eigen,
 // the residuals and normalisation of each vector set.
@@ -186,7 +148,8 @@ TEST(EigenGen, RandomFamiliesInEveryForm) {
                     ASSERT_EQ(run.l.call(), zelStsOk);
                     ASSERT_EQ(std_run.l.call(), zelStsOk);
                     EXPECT_TRUE(run.l.guards_intact());
-                    EXPECT_TRUE(same_bits(run.written(), std_run.written())) << "differs from the standard form";
+                    for (int k = 0; k < run.l.count(); ++k)
+                        EXPECT_TRUE(fh::same(run.l.results(k), std_run.l.results(k))) << "object " << k << " differs from the standard form";
                     for (int k = 0; k < run.l.count(); ++k) check_object(run, k, as[k], Kind(kind));
                 }
         });
@@ -228,12 +191,12 @@ TEST(EigenGen, GroupsInLanesGiveTheBitsOfSingleObjects) {
                         one.set(0, as[k]);
                         std::copy(buf.begin(), buf.end(), one.l.block("pBuffer"));
                         EXPECT_EQ(one.l.call(), k == fail ? zelStsErrNoConvergence : zelStsOk);
-                        EXPECT_TRUE(same_bits(run.object(k), one.object(0))) << "object " << k;
+                        EXPECT_TRUE(fh::same(run.l.results(k), one.l.results(0))) << "object " << k;
                         std::copy(one.l.block("pBuffer"), one.l.block("pBuffer") + nb, buf.begin());
                     }
-                    EXPECT_TRUE(same_bits(std::vector<T>(run.l.block("pBuffer"), run.l.block("pBuffer") + nb), buf));
+                    EXPECT_TRUE(fh::same(std::vector<T>(run.l.block("pBuffer"), run.l.block("pBuffer") + nb), buf));
                     for (int k = last + 1; k < count; ++k)
-                        for (T x : run.object(k)) EXPECT_TRUE(fh::Laid<T>::same(x, lay::sentinel<T>())) << "object " << k;
+                        for (T x : run.l.results(k)) EXPECT_TRUE(fh::untouched(x)) << "object " << k;
                 }
         });
     }
@@ -262,8 +225,8 @@ TEST(EigenGen, FanOut) {
                     std::mt19937 rng(3);
                     for (int k = 0; k < count; ++k) run.set(k, make(Kind(k % 5), n, rng));
                     ASSERT_EQ(run.l.call(), zelStsOk);
-                    if (mode == 0) ref = run.written();
-                    EXPECT_TRUE(same_bits(ref, run.written())) << "mode " << mode;
+                    if (mode == 0) ref = run.l.results();
+                    EXPECT_TRUE(fh::same(ref, run.l.results())) << "mode " << mode;
                     EXPECT_EQ(subst::mallocs.load(), mode == 0 ? 0 : fans) << mode;
                     EXPECT_EQ(subst::thread_queries.load() > 0, fans) << mode;
                 }
@@ -332,16 +295,15 @@ TEST(EigenGen, NoConvergenceLeavesItsDocumentedState) {
             run.set(0, a);
             if (run.l.count() > 1) run.set(1, make(General, n, rng));
             ASSERT_EQ(run.l.call(), zelStsErrNoConvergence) << row->name;
-            const auto untouched = [](T x) { return fh::Laid<T>::same(x, lay::sentinel<T>()); };
             for (int k = 0; k < run.l.count(); ++k) {
                 bool above = k == 0;  // object 0: sentinels up to some position, values above it
                 for (int i = n - 1; i >= 0; --i) {
-                    const bool u = untouched(run.l.block("pDstValuesRe")[k * n + i]);
+                    const bool u = fh::untouched(run.l.block("pDstValuesRe")[k * n + i]);
                     above = above && !u;
                     EXPECT_NE(above, u) << row->name << " object " << k << " value " << i;
                 }
                 for (const auto& g : vector_groups(*row))
-                    for (T x : run.l.get(g, k)) EXPECT_TRUE(untouched(x)) << row->name;
+                    for (T x : run.l.get(g, k)) EXPECT_TRUE(fh::untouched(x)) << row->name;
             }
         });
     }

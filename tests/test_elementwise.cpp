@@ -2,23 +2,14 @@
 // loop, bit for bit, the memory around the results included; the fan-out:
 // which calls enter the wrapper (ownGetNumThreads asked), which fork (asked
 // twice), with the same results.
-#include <gtest/gtest.h>
-
 #include <dlfcn.h>
 
 #include <atomic>
 #include <cmath>
-#include <cstring>
 #include <limits>
-#include <map>
-#include <memory>
-#include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "forms_harness.hpp"
-#include "substitutes.hpp"
 
 namespace {
 
@@ -62,9 +53,9 @@ int in_place_source(const std::vector<Letter>& ls) {
     return -1;
 }
 
-// One call of one export, laid out, run and checked. A constant array lies
-// as a list-form operand of 1x1 objects in the list form, else as a
-// standard-form one; L.in_place makes the destination in_place_source().
+// One call of one export, laid out, run and checked; a constant array is the
+// group Val of 1x1 objects. L.in_place makes the destination
+// in_place_source().
 template <class T>
 class Case {
 public:
@@ -74,30 +65,17 @@ public:
         int nsrc = 0;
         for (auto l : letters_) matrix |= l.kind == 'm' || l.kind == 't', nsrc += l.kind != 'c';
         W_ = w_or_len, H_ = matrix ? h : 1;
-        fh::Shapes shapes{{"Dst", {H_, W_}}};
         std::map<std::string, std::string> alias;
         for (std::size_t i = 0; i < letters_.size(); ++i) {
             const Letter l = letters_[i];
-            groups_.push_back(l.kind == 'c' ? "" : nsrc == 1 ? "Src" : "Src" + std::to_string(i + 1));
-            if (l.kind == 'c') cidx_ = int(i);
-            else shapes[groups_[i]] = l.kind == 't' ? std::pair{W_, H_} : std::pair{H_, W_};
+            groups_.push_back(l.kind == 'c' ? (l.array ? "Val" : "") : nsrc == 1 ? "Src" : "Src" + std::to_string(i + 1));
             if (L.in_place && int(i) == in_place_source(letters_)) alias["Dst"] = groups_[i];
         }
-        l_ = std::make_unique<fh::Laid<T>>(row, count, shapes, fh::Blocks{}, L, seed, alias);
+        l_ = std::make_unique<fh::Laid<T>>(row, count, fh::Sizes{{"width", W_}, {"len", W_}, {"height", H_}}, L, seed, alias);
         for (const auto& g : groups_)
             if (!g.empty()) l_->fill(g, [&](int, int, int) { return lay::random_value<T>(rng_); });
-        l_->args.nums.insert({{"width", W_}, {"len", W_}, {"height", H_}});
-        if (cidx_ < 0) return;
-        if (!letters_[cidx_].array) {
-            val_ = lay::random_value<T>(rng_);
-            l_->real("val", double(val_));
-            return;
-        }
-        c_.rows = c_.cols = 1, c_.array = true, c_.objs = l_->count();
-        lay::build(c_, row.form[0] == 'L' ? 'L' : 'S', L, false, rng_);
-        for (int n = 0; n < c_.objs; ++n) *c_.at(n, 0, 0) = lay::random_value<T>(rng_);
-        if (row.form[0] == 'L') l_->args.ptrs["ppVal"] = c_.tab.data(), l_->num("valShift", c_.shift);
-        else l_->args.ptrs["pVal"] = c_.base, l_->num("valStride0", c_.s0);
+        val_ = lay::random_value<T>(rng_);
+        l_->real("val", double(val_));
     }
 
     // The destination memory a correct call leaves: what was there, with the
@@ -110,7 +88,7 @@ public:
                     T v[2];
                     for (std::size_t k = 0; k < 2; ++k) {
                         const char kind = letters_[k].kind;
-                        v[k] = kind == 'c' ? (letters_[k].array ? *c_.at(n, 0, 0) : val_)
+                        v[k] = kind == 'c' ? (letters_[k].array ? l_->at("Val", n, 0, 0) : val_)
                                            : l_->at(groups_[k], n, kind == 't' ? j : kind == 'v' ? 0 : i, kind == 't' ? i : j);
                     }
                     out[&l_->at("Dst", n, i, j) - l_->memory("Dst").data()] =
@@ -124,7 +102,7 @@ public:
     bool run_and_check(const std::string& what) {
         const std::vector<T> want = expected();
         std::vector<std::vector<T>> before;
-        for (const auto& g : groups_) before.push_back(g.empty() ? c_.mem : l_->memory(g));
+        for (const auto& g : groups_) before.push_back(g.empty() ? std::vector<T>() : l_->memory(g));
         const zelStatus st = l_->call();
         EXPECT_EQ(st, zelStsOk) << name_ << " " << what;
         if (st != zelStsOk) return false;
@@ -136,8 +114,7 @@ public:
         };
         if (differs(want, l_->memory("Dst"), "destination")) return false;
         for (std::size_t k = 0; k < groups_.size(); ++k)
-            if (groups_[k].empty() ? differs(before[k], c_.mem, "constant array")
-                                   : &l_->memory(groups_[k]) != &l_->memory("Dst") && differs(before[k], l_->memory(groups_[k]), groups_[k]))
+            if (!groups_[k].empty() && &l_->memory(groups_[k]) != &l_->memory("Dst") && differs(before[k], l_->memory(groups_[k]), groups_[k]))
                 return false;
         return true;
     }
@@ -149,11 +126,10 @@ private:
     char op_;  // A(dd), S(ub), M(ul)
     std::vector<Letter> letters_;
     std::mt19937 rng_;
-    int W_ = 1, H_ = 1, cidx_ = -1;
-    std::vector<std::string> groups_;  // by letter; "" for the constant
+    int W_ = 1, H_ = 1;
+    std::vector<std::string> groups_;  // by letter; "" for a single constant
     std::unique_ptr<fh::Laid<T>> l_;
     T val_{};
-    lay::Operand<T> c_;  // a constant array
 };
 
 struct Size {

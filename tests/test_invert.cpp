@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <limits>
-#include <vector>
 
 #include "solvers_harness.hpp"
 
@@ -28,19 +27,11 @@ Method method_of(const reg::ExportRow& r, bool unit, int n) {
 // destination, sentinels where nothing was stored.
 template <class T>
 zelStatus invert(const Vec<T>& a, Vec<T>& d, int n, bool strided = false) {
-    lay::Layout L;
-    L.k2 = L.dst_k2 = strided ? 2 : 1;
-    auto l = sq::square_laid<T>(sq::standard<T>("Invert"), 1, n, L);
-    l.set("Src", 0, a);
-    const zelStatus st = l.call();
-    d = l.get("Dst", 0);
-    return st;
+    return sq::single("Invert", d, n, 0, strided, a);
 }
 template <class T>
 Vec<T> inverted(const Vec<T>& a, int n, bool strided = false) {
-    Vec<T> d;
-    EXPECT_EQ(invert(a, d, n, strided), zelStsOk);
-    return d;
+    return sq::single_ok("Invert", n, 0, strided, a);
 }
 
 // The threshold T(n) = 2 n^3 times the smallest normal number.
@@ -76,7 +67,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : layouts)
                     for (bool singular : {false, n <= 7}) {
-                        auto l = sq::square_laid<T>(*row, sq::kCount, n, L);
+                        auto l = sq::laid<T>(*row, sq::kCount, n, L);
                         auto src = sq::random_objects(l, "Src", unsigned(n) + 5 * singular, n, n);
                         const int bad = singular ? (l.count() > 1 ? sq::kBad : 0) : l.count();
                         if (singular) src[bad].assign(src[bad].size(), T(0)), l.set("Src", bad, src[bad]);
@@ -89,7 +80,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
                         const int stored = singular && paired ? bad & ~1 : bad;  // the partner of a failing pair is not stored
                         for (int k = 0; k < stored; ++k) {
                             const auto got = l.get("Dst", k);
-                            EXPECT_TRUE(sq::same_bits(got, inverted(src[k], n, m == Method::Scalar))) << at;
+                            EXPECT_TRUE(fh::same(got, inverted(src[k], n, m == Method::Scalar))) << at;
                             const Mat A = sq::to_eigen(src[k], n, n);
                             EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * sq::cond(A) * sq::eps<T>())
                                 << at;
@@ -98,7 +89,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
                         for (int k = stored; k < l.count(); ++k) {
                             const auto got = l.get("Dst", k);
                             for (int e = 0; e < n * n; ++e)
-                                ASSERT_TRUE(k == bad && e < rows * n ? got[e] == 0 : fh::Laid<T>::same(got[e], lay::sentinel<T>()))
+                                ASSERT_TRUE(k == bad && e < rows * n ? got[e] == 0 : fh::untouched(got[e]))
                                     << at << " object " << k << " element " << e;
                         }
                     }
@@ -125,7 +116,7 @@ TEST(Invert, WorkedExamplesAndThresholdsPerKernel) {
         // order 1: the element must be above T(1)
         Vec<T> d;
         EXPECT_EQ(invert(Vec<T>{T_of<T>(1)}, d, 1), zelStsErrSingular);
-        EXPECT_TRUE(fh::Laid<T>::same(d[0], lay::sentinel<T>()));
+        EXPECT_TRUE(fh::untouched(d[0]));
         EXPECT_EQ(inverted(Vec<T>{-4}, 1), Vec<T>{T(-0.25)});
     });
     Vec<double> d;
@@ -133,7 +124,7 @@ TEST(Invert, WorkedExamplesAndThresholdsPerKernel) {
         const auto a = diagonal(n, T_of<double>(n, 2) * 0.75);
         EXPECT_EQ(invert(a, d, n, false), zelStsErrSingular) << n;
         EXPECT_EQ(invert(a, d, n, true), zelStsOk) << n;
-        auto l = sq::square_laid<double>(fh::row_named("zelmInvert_m_64f_P"), 1, n);
+        auto l = sq::laid<double>(fh::row_named("zelmInvert_m_64f_P"), 1, n);
         l.set("Src", 0, a);
         EXPECT_EQ(l.call(), zelStsOk) << n;
     }
@@ -163,7 +154,7 @@ TEST(Invert, PivotColumnRules) {
     for (const auto* name : {"zelmInvert_m_32f", "zelmInvert_ma_32f", "zelmInvert_ma_32f_L"})
         for (const auto& cs : cases) {
             const int n = cs.n;
-            auto l = sq::square_laid<float>(fh::row_named(name), 1, n);
+            auto l = sq::laid<float>(fh::row_named(name), 1, n);
             Vec<float> a(std::size_t(n) * n, 0.0f), want(a.size(), lay::sentinel<float>());
             std::copy(cs.row0.begin(), cs.row0.end(), a.begin());
             std::copy(cs.row1.begin(), cs.row1.end(), a.begin() + n);
@@ -181,7 +172,7 @@ TEST(Invert, PivotColumnRules) {
             std::copy(r0.begin(), r0.end(), want.begin());
             if (n == 6) std::copy(r1.begin(), r1.end(), want.begin() + n);
             if (n == 6 && cs.c1 < 0) std::copy(got.begin() + n, got.begin() + 2 * n, want.begin() + n);  // row 1 failed: any
-            EXPECT_TRUE(sq::same_bits(got, want)) << name << " order " << n << " row 0 " << cs.row0[0];
+            EXPECT_TRUE(fh::same(got, want)) << name << " order " << n << " row 0 " << cs.row0[0];
         }
 }
 
@@ -193,7 +184,7 @@ TEST(Invert, FanOut) {
         {"zelmInvert_ma_32f", 4, 2501, false},  {"zelmInvert_ma_64f", 4, 2501, true},    {"zelmInvert_ma_32f_L", 4, 5001, false},
         {"zelmInvert_ma_32f_L", 4, 2501, true}, {"zelmInvert_ma_64f_P", 7, 1429, false},
     };
-    sq::square_fan_out(kBoundaries, zelStsErrSingular, [](auto& l) { return sq::all_of(l); });
+    sq::square_fan_out(kBoundaries, zelStsErrSingular);
 }
 
 }  // namespace

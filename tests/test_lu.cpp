@@ -1,7 +1,5 @@
 // LU decomposition and back-substitution against the elimination written
 // out as each path does it; P*A = L*U; solutions against Eigen.
-#include <gtest/gtest.h>
-
 #include <numeric>
 
 #include "solvers/lu_table.hpp"
@@ -157,7 +155,7 @@ TEST(LU, PivotThresholdsAtTheirBoundaries) {
         for (const auto& k : cases)
             if (k.is64 == fh::is64(*row))
                 fh::with_type(*row, [&](auto t) {
-                    auto l = laid<decltype(t)>(*row, k.n, 16);
+                    auto l = sq::laid<decltype(t)>(*row, 16, k.n);
                     l.fill("Src", [&](int, int r, int c) { return k.v < 0 ? (r == c) * -k.v : r + c == 0 ? k.v : r == c; });
                     EXPECT_EQ(l.call(), k.st) << row->name << " n=" << k.n << " " << k.v;
                 });

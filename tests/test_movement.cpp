@@ -1,18 +1,8 @@
 // Data movement (Copy, LoadIdentity, Extract, Transpose) against reference
 // loops over random bits with signalling NaNs, every byte compared.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
-#include <random>
-#include <string>
 #include <type_traits>
-#include <vector>
 
 #include "forms_harness.hpp"
-#include "substitutes.hpp"
-#include "zelm.h"
 
 namespace {
 

@@ -1,20 +1,9 @@
 // Products and Gaxpy bit for bit against each kernel's documented
 // association; the parallel wrapper's limits.
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
-#include <random>
-#include <string>
-#include <vector>
 
 #include "forms_harness.hpp"
 #include "products_reference.hpp"
-#include "registry_table.hpp"
-#include "substitutes.hpp"
-#include "zelm.h"
 
 namespace {
 
@@ -76,9 +65,8 @@ struct Call {
         lay::Layout L;
         L.k2 = L.dst_k2 = step, L.shift = 1, L.k0 = 3, L.lead = align % esz ? 0 : align / esz;
         if (!tight) L.pad1 = 1, L.pad0 = 2;
-        fh::Shapes shapes{{"Src1", {ar, ac}}, {"Src2", {br, bc}}, {"Dst", {vec ? 1 : H, vec ? H : W}}};
-        if (e.gaxpy) shapes["Src3"] = {1, H};
-        fh::Laid<T> l(*e.row, count, shapes, {}, L, seed);
+        fh::Laid<T> l(*e.row, count,
+                      {{"src1Width", ac}, {"src1Height", ar}, {"src2Width", bc}, {"src2Height", br}, {"src2Len", K}, {"src3Len", H}}, L, seed);
         std::mt19937 gen(seed);
         auto fill = [&](const char* g, int sign) {  // sign 0: any, 1: -0.0, 2: positive
             l.fill(g, [&](int, int, int) {
@@ -89,7 +77,6 @@ struct Call {
         fill("Src1", negzero ? 1 : 0);
         fill("Src2", negzero ? 2 : 0);
         if (e.gaxpy) fill("Src3", negzero ? 1 : 0);
-        l.args.nums.insert({{"src1Width", ac}, {"src1Height", ar}, {"src2Width", bc}, {"src2Height", br}, {"src2Len", K}, {"src3Len", H}});
         std::vector<unsigned char> moved(std::size_t(K) * esz + 32);
         if (align % esz) {
             unsigned char* p = moved.data() + (16 - reinterpret_cast<std::uintptr_t>(moved.data()) % 16) % 16 + align;

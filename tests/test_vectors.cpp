@@ -1,21 +1,11 @@
 // Vector algebra and reductions bit for bit against the documented
 // associations and named long orders; thresholds; parallel against direct.
-#include <gtest/gtest.h>
 #include <xmmintrin.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cmath>
-#include <cstdint>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "forms_harness.hpp"
 #include "products_reference.hpp"
-#include "substitutes.hpp"
 
 namespace {
 
@@ -206,25 +196,14 @@ template <class T>
     return ::testing::AssertionSuccess();
 }
 
-// The operand groups of an operation: matrices of H x W, vectors of W.
-fh::Shapes shapes_of(const std::string& op, int H, int W) {
-    if (op == "Trace" || op == "FrobNorm") return {{"Src", {H, W}}};
-    if (op == "L2Norm") return {{"Src", {1, W}}};
-    if (op == "DotProduct") return {{"Src1", {1, W}}, {"Src2", {1, W}}};
-    return {{"Src1", {1, W}}, {"Src2", {1, W}}, {"Dst", {1, W}}};
-}
-
 // A laid-out call of an export: `count` objects of H x W (vectors W), sources
-// filled, sizes and constants set.
+// filled, constants set.
 template <class T>
 std::unique_ptr<fh::Laid<T>> laid(const reg::ExportRow& r, int count, int H, int W, const lay::Layout& L, unsigned seed) {
-    const fh::Shapes shapes = shapes_of(r.op, H, W);
-    auto l = std::make_unique<fh::Laid<T>>(r, count, shapes, fh::Blocks{{"pDst", count}}, L, seed);
+    auto l = std::make_unique<fh::Laid<T>>(r, count, fh::Sizes{{"len", W}, {"widthHeight", W}, {"width", W}, {"height", H}}, L, seed);
     std::mt19937 g(seed);
     for (const char* s : {"Src1", "Src2", "Src"})
-        if (shapes.count(s)) l->fill(s, [&](int, int, int) { return pref::spread<T>(g); });
-    for (const char* n : {"len", "widthHeight", "width"}) l->num(n, W);
-    l->num("height", H);
+        if (l->has(s)) l->fill(s, [&](int, int, int) { return pref::spread<T>(g); });
     l->real("val", 1.0 / 3), l->real("val1", 1.0 / 3), l->real("val2", -2.5);
     return l;
 }
@@ -238,16 +217,17 @@ void sweep(const std::vector<std::string>& ops, std::size_t exports, const std::
     ASSERT_EQ(rows.size(), exports);
     unsigned seed = 1;
     for (const auto* r : rows)
-        for (const auto& [H, W] : sizes)
+        for (const auto& size : sizes)
             for (const auto& L : layouts())
                 for (int count : counts) fh::with_type(*r, [&](auto z) {
+                    const auto [H, W] = size;
                     const std::string op = r->op;
                     if ((op == "Trace" && W != H) || (op == "CrossProduct" && W != 3)) return;
                     const auto l = laid<decltype(z)>(*r, count, H, W, L, seed++);
                     // the single FrobNorm matrix has one kernel for all strides
                     const Kern k = op == "FrobNorm" && std::string(r->sig) == "m" && r->form[0] != 'P'
                                        ? Kern::Std
-                                       : kern_of(*r, L.k2 == 1 && (L.dst_k2 == 1 || !shapes_of(op, H, W).count("Dst")));
+                                       : kern_of(*r, L.k2 == 1 && (L.dst_k2 == 1 || !l->has("Dst")));
                     body(*l, *r, k, H, W, std::string(L.label));
                 });
 }
@@ -322,11 +302,10 @@ TEST(VectorReductions, FourObjectSquareRoot) {
         const bool s2 = std::string(cs.name).find("S2") != std::string::npos;
         lay::Layout L;
         L.k2 = s2 ? 2 : 1;
-        fh::Laid<float> l(fh::row_named(s2 ? "zelmL2Norm_va_32f" : cs.name), cs.count, {{"Src", {1, 3}}},
-                          {{"pDst", cs.count + 8}}, L, 5);
+        fh::Laid<float> l(fh::row_named(s2 ? "zelmL2Norm_va_32f" : cs.name), cs.count, {{"len", 3}}, L, 5, {},
+                          {{"pDst", cs.count + 8}});
         std::mt19937 g(9);
         l.fill("Src", [&](int n, int, int) { return n == 1 ? 0.0f : n == 2 ? 1e-20f : n == 5 ? INFINITY : pref::spread<float>(g); });
-        l.num("len", 3);
         float* base = l.block("pDst");
         while (!aligned16(base)) ++base;
         l.args.ptrs["pDst"] = base + cs.offset;
@@ -415,7 +394,7 @@ const struct Boundary {
 
 // A call of an array export with `count` objects of H x W (vectors W), dense
 // or with element steps of 2, on `threads` threads: its thread-count queries
-// and, in `out`, the destination memory.
+// and, in `out`, the memory of its results.
 template <class T>
 int queries(const reg::ExportRow& r, int H, int W, int count, bool strided, int threads, std::vector<T>* out = nullptr) {
     lay::Layout L;
@@ -423,9 +402,7 @@ int queries(const reg::ExportRow& r, int H, int W, int count, bool strided, int 
     const auto l = laid<T>(r, count, H, W, L, 7);
     subst::Scope s(threads);
     EXPECT_EQ(l->call(), zelStsOk) << r.name;
-    if (out)
-        *out = shapes_of(r.op, H, W).count("Dst") ? l->memory("Dst")
-                                                  : std::vector<T>(l->block("pDst"), l->block("pDst") + count);
+    if (out) *out = l->results();
     return subst::thread_queries;
 }
 
