@@ -50,12 +50,13 @@ struct Layout {
     bool scramble = true;  // tables in scrambled memory order
     int k0 = 1;           // pointer form, soa: stride0 in elements
     bool in_place = false;  // the destination is the first array source read as m or v
+    bool columns = false;   // column-major: stride1 one element, stride2 a column (standard and list forms)
+    const Layout* dst = nullptr;  // the destination's own layout, laid out as a source's
     const char* label = "dense";
 };
 
 template <class T>
 struct Operand {
-    char kind = 'm';
     bool array = false;
     char form = 'S';  // addressing form of this operand: S, L or P
     int rows = 1, cols = 1, objs = 1;
@@ -100,11 +101,11 @@ template <class T>
 void build(Operand<T>& o, char call_form, const Layout& L, bool is_dst, std::mt19937& rng) {
     const int sz = int(sizeof(T));
     o.form = (call_form == 'L' && !o.array) ? 'S' : call_form;
-    const int k2 = is_dst ? L.dst_k2 : L.k2;
+    const int k2 = L.columns ? o.rows : is_dst ? L.dst_k2 : L.k2;
     if (o.form == 'S' || o.form == 'L') {
         o.s2 = k2 * sz;
         const int row_elems = o.cols * k2 + L.pad1;
-        o.s1 = row_elems * sz;
+        o.s1 = L.columns ? sz : row_elems * sz;
         const int obj_elems = o.rows * row_elems + L.pad0;
         if (o.form == 'S') {
             o.s0 = o.array ? obj_elems * sz : 0;
@@ -262,7 +263,8 @@ public:
             gr.op->cols = int(ac::eval(g.cols, names, {}, {}));
             gr.op->objs = int(objects[g.role]);
             // Copy names the source's form and the destination's; a plain pointer is the standard form
-            lay::build(*gr.op, !gr.table ? 'S' : dst && row.form[1] ? row.form[1] : form_, L, dst, rng_);
+            lay::build(*gr.op, !gr.table ? 'S' : dst && row.form[1] ? row.form[1] : form_, dst && L.dst ? *L.dst : L,
+                       dst && !L.dst, rng_);
         }
         for (const auto& [g, to] : alias) groups_.at(g).op = groups_.at(to).op;
         for (auto& [g, gr] : groups_) fill_args(g, gr);
@@ -293,16 +295,21 @@ public:
         return v;
     }
     T& at(const std::string& g, int n, int r, int c) { return *groups_.at(g).op->at(n, r, c); }
-    // Every object of a group from f(n, r, c).
+    // f(element, n, r, c) for every element of every object of a group.
     template <class F>
-    void fill(const std::string& g, F&& f) {
+    void each(const std::string& g, F&& f) {
         auto& o = *groups_.at(g).op;
         for (int n = 0; n < o.objs; ++n)
             for (int r = 0; r < o.rows; ++r)
-                for (int c = 0; c < o.cols; ++c) *o.at(n, r, c) = T(f(n, r, c));
+                for (int c = 0; c < o.cols; ++c) f(*o.at(n, r, c), n, r, c);
     }
-    // The whole memory of a group, sentinels and gaps included.
-    const std::vector<T>& memory(const std::string& g) const { return groups_.at(g).op->mem; }
+    // Every object of a group from f(n, r, c).
+    template <class F>
+    void fill(const std::string& g, F&& f) {
+        each(g, [&](T& x, int n, int r, int c) { x = T(f(n, r, c)); });
+    }
+    // The whole memory of a group or a block, sentinels, gaps and guard included.
+    const std::vector<T>& memory(const std::string& g) const { return groups_.count(g) ? groups_.at(g).op->mem : reals_.at(g); }
     int objects(const std::string& g) const { return groups_.at(g).op->objs; }
 
     // What the call stored for object k: its elements of every destination

@@ -30,70 +30,50 @@ std::string first_difference(const Bytes& got, const Bytes& want, int esz) {
 const lay::Layout kStyles[] = {{.soa = false, .scramble = false},
                                {.pad1 = 2, .pad0 = 1, .lead = 1, .shift = 2, .k0 = 3},
                                {.k2 = 3, .pad1 = 1, .pad0 = 2, .shift = 2},
-                               {.pad0 = 1, .shift = 1}};
+                               {.pad0 = 1, .shift = 1, .columns = true}};
 
-// `N` objects of R rows and C columns (as stored) in form 'S', 'L' or 'P',
-// sentinels around them, a signalling NaN with random payload and sign in
-// every third element, random bits in the others.
+// A signalling NaN with random payload and sign in every third element of a
+// group, random bits in the others.
 template <class T>
-struct Operand : lay::Operand<T> {
-    Operand(char form, int R, int C, int N, int style, std::mt19937& rng) {
-        this->array = true, this->rows = R, this->cols = C, this->objs = N;
-        lay::Layout L = kStyles[style];
-        if (style == 3) L.k2 = R;
-        lay::build(*this, form, L, false, rng);
-        if (style == 3 && form != 'P') this->s1 = int(sizeof(T));
-        using U = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
-        const U exp = sizeof(T) == 4 ? U(0xff) << 23 : U(0x7ff) << 52, quiet = sizeof(T) == 4 ? U(1) << 22 : U(1) << 51;
-        for (int n = 0; n < N; ++n)
-            for (int r = 0; r < R; ++r)
-                for (int c = 0; c < C; ++c) {
-                    U v = U(std::uint64_t(rng()) << 32 ^ rng());
-                    if ((n + r + c) % 3 == 0) v = (v & ~(exp | quiet)) | exp | 1;
-                    std::memcpy(this->at(n, r, c), &v, sizeof(T));
-                }
-    }
-    // The operand's arguments, under the names of role "Src" or "Dst".
-    void bind(reg::Args& a, const std::string& role) {
-        const std::string low = role == "Src" ? "src" : "dst";
-        if (this->form == 'S') a.ptrs["p" + role] = this->base;
-        else a.ptrs["pp" + role] = this->tab.data();
-        a.nums[low + "Shift"] = this->shift;
-        a.nums[low + "Stride0"] = this->s0, a.nums[low + "Stride1"] = this->s1, a.nums[low + "Stride2"] = this->s2;
-    }
-};
+void random_bits(fh::Laid<T>& l, const std::string& g, std::mt19937& rng) {
+    using U = std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>;
+    const U exp = sizeof(T) == 4 ? U(0xff) << 23 : U(0x7ff) << 52, quiet = sizeof(T) == 4 ? U(1) << 22 : U(1) << 51;
+    l.each(g, [&](T& x, int n, int r, int c) {
+        U v = U(std::uint64_t(rng()) << 32 ^ rng());
+        if ((n + r + c) % 3 == 0) v = (v & ~(exp | quiet)) | exp | 1;
+        std::memcpy(&x, &v, sizeof(T));
+    });
+}
 
 // One call of export `row` with sizes W x H (len W for vectors), N objects,
 // the source in layout `style`, the destination in `dstyle`; "" when every
 // byte is as the reference loop says and the source is unchanged.
 template <class T>
 std::string run_case(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
-    const std::string op = row.op, sig = row.sig, form = row.form;
+    const std::string op = row.op, sig = row.sig;
     const bool trans = op == "Transpose", extract = op == "Extract", ident = op == "LoadIdentity";
     const bool src_t = extract && sig[0] == 't';  // a t source is stored with W rows of H
     if (sig[0] == 'v') H = 1;
-    if (sig.back() != 'a') N = 1;
-    reg::Args a;
-    a.nums = {{"width", W}, {"len", W}, {"height", H}, {"count", N}};
+    lay::Layout L = kStyles[style];
+    L.dst = &kStyles[dstyle];
+    fh::Laid<T> l(row, N, {{"width", W}, {"len", W}, {"height", H}}, L, rng());
+    if (!ident) random_bits(l, "Src", rng);
     // Extract's destination is one packed block
-    const char dform = extract ? 'S' : op == "Copy" ? form[1] : form[0];
-    Operand<T> s(form[0], src_t ? W : H, src_t ? H : W, N, style, rng);
-    Operand<T> d(dform, trans ? W : H, trans ? H : W, N, extract ? 0 : dstyle, rng);
-    if (!ident) s.bind(a, "Src");
-    d.bind(a, "Dst");
-    const std::vector<T> src_before = s.mem;
-    std::vector<T> want = d.mem;
-    for (int n = 0; n < N; ++n)
+    const std::string dst = extract ? "pDst" : "Dst";
+    if (!extract) random_bits(l, dst, rng);
+    const std::vector<T> src_before = ident ? std::vector<T>() : l.memory("Src");
+    std::vector<T> want = l.memory(dst);
+    for (int n = 0; n < l.count(); ++n)
         for (int i = 0; i < H; ++i)
             for (int j = 0; j < W; ++j) {
-                T& to = want[d.offset(n, trans ? j : i, trans ? i : j)];
+                T& to = want[extract ? (std::size_t(n) * H + i) * W + j : &l.at(dst, n, trans ? j : i, trans ? i : j) - l.memory(dst).data()];
                 if (ident) to = T(i == j);
-                else std::memcpy(&to, src_t ? s.at(n, j, i) : s.at(n, i, j), sizeof(T));
+                else std::memcpy(&to, src_t ? &l.at("Src", n, j, i) : &l.at("Src", n, i, j), sizeof(T));
             }
-    const zelStatus st = reg::caller_of(row.name)(a);
+    const zelStatus st = l.call();
     if (st != zelStsOk) return "status " + std::to_string(st);
-    if (bytes_of(s.mem) != bytes_of(src_before)) return "source changed";
-    return first_difference(bytes_of(d.mem), bytes_of(want), int(sizeof(T)));
+    if (!ident && bytes_of(l.memory("Src")) != bytes_of(src_before)) return "source changed";
+    return first_difference(bytes_of(l.memory(dst)), bytes_of(want), int(sizeof(T)));
 }
 std::string run_any(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
     std::string r;
