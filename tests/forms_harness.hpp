@@ -55,6 +55,14 @@ struct Layout {
     const char* label = "dense";
 };
 
+// Dense, or (strided) with an element step of 2 in every operand: the
+// kernels for other steps.
+inline Layout steps(bool strided) {
+    Layout L;
+    if (strided) L.k2 = L.dst_k2 = 2, L.label = "strided";
+    return L;
+}
+
 template <class T>
 struct Operand {
     bool array = false;
@@ -172,6 +180,18 @@ inline std::vector<const reg::ExportRow*> exports_of(const std::vector<std::stri
 }
 
 inline bool is64(const reg::ExportRow& r) { return std::string(r.type) == "64f"; }
+
+// Whether w is one of the words of `list`.
+inline bool has_word(const std::string& list, const std::string& w) {
+    return (" " + list + " ").find(" " + w + " ") != std::string::npos;
+}
+
+// Whether every address is on a 16-byte boundary.
+inline bool aligned16(std::initializer_list<const void*> ps) {
+    for (const void* p : ps)
+        if (reinterpret_cast<std::uintptr_t>(p) % 16) return false;
+    return true;
+}
 
 // Runs f(float()) or f(double()) as the export's type says.
 template <class F>

@@ -108,8 +108,11 @@ T reference_sum(const Order& o, const std::vector<T>& t, int row = 0) {
     return s;
 }
 
-// The kernel a call reaches.
+// The kernel a call reaches: by form, and whether every element step is one.
 enum class Kern { Std, S2, L, LS2, P };
+inline Kern kern_of(char form, bool unit) {
+    return form == 'P' ? Kern::P : form == 'L' ? (unit ? Kern::L : Kern::LS2) : (unit ? Kern::Std : Kern::S2);
+}
 
 inline bool in(const std::string& w, std::initializer_list<const char*> list) {
     for (const char* s : list)

@@ -68,13 +68,6 @@ void for_types(F f) {
     f(double());
 }
 
-// Whether every address is on a 16-byte boundary (the aligned pairs).
-inline bool aligned16(std::initializer_list<const void*> ps) {
-    for (const void* p : ps)
-        if (reinterpret_cast<std::uintptr_t>(p) % 16) return false;
-    return true;
-}
-
 template <class T>
 constexpr double eps() {
     return std::numeric_limits<T>::epsilon();
@@ -104,9 +97,7 @@ fh::Laid<T> laid(const reg::ExportRow& row, int count, int n, const lay::Layout&
 // and in `out` what it stored (sentinels where nothing).
 template <class T>
 zelStatus single(const std::string& op, Vec<T>& out, int n, int h, bool strided, const Vec<T>& a, const Vec<T>& b = {}) {
-    lay::Layout L;
-    L.k2 = L.dst_k2 = strided ? 2 : 1;
-    auto l = laid<T>(standard<T>(op), 1, n, L, h);
+    auto l = laid<T>(standard<T>(op), 1, n, lay::steps(strided), h);
     l.set(b.empty() ? "Src" : "Src1", 0, a);
     if (!b.empty()) l.set("Src2", 0, b);
     const zelStatus st = l.call();
@@ -145,8 +136,7 @@ void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Fill fill = {}) {
     for (const auto& b : bs)
         fh::with_type(fh::row_named(b.name), [&](auto t) {
             using T = decltype(t);
-            lay::Layout L;
-            L.k2 = L.dst_k2 = b.strided ? 2 : 1;
+            const lay::Layout L = lay::steps(b.strided);
             const int h = b.h ? b.h : b.n;
             bool custom = false;
             auto filled = [&](int count) {
@@ -367,8 +357,7 @@ void fan_out(const std::vector<std::string>& ops, const zel::tri::LimitRow (&lim
                     for (int n : {1, 3, 7}) {
                         int at = 1;
                         while (documented_estimate(sig, n, at) < limit) ++at;
-                        lay::Layout L;
-                        L.k2 = L.dst_k2 = strided ? 2 : 1;
+                        const lay::Layout L = lay::steps(strided);
                         fh::expect_forks_from(at, [&](int count) {
                             auto l = sq::laid<T>(*row, count, n, L);
                             fill(*row, l, -1);

@@ -32,7 +32,7 @@ T det(const Vec<T>& a, int n, bool strided = false) {
 template <class T>
 Method method_at(Method m, fh::Laid<T>& l, int k) {
     if (m != Method::Pairs) return m;
-    const bool paired = sq::aligned16({&l.at("Src", 0, 0, 0), &l.at("Src", 0, 1, 0), &l.at("Src", l.count() > 1 ? 1 : 0, 0, 0)});
+    const bool paired = fh::aligned16({&l.at("Src", 0, 0, 0), &l.at("Src", 0, 1, 0), &l.at("Src", l.count() > 1 ? 1 : 0, 0, 0)});
     return paired && k < l.count() / 2 * 2 ? Method::Scalar : Method::Extended;
 }
 

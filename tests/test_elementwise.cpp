@@ -19,12 +19,11 @@ using lay::Layout;
 
 // Add and Sub of any grid signature, Mul by a constant.
 std::vector<const reg::ExportRow*> elementwise_exports() {
-    const std::string by_constant = " mc tc vc mac tac vac vca vaca ";
     std::vector<const reg::ExportRow*> out;
     for (const auto* r : fh::exports_of({"Add", "Sub", "Mul"})) {
         const std::string sig = r->sig;
         if (sig.find_first_not_of("mtvca") == std::string::npos &&  // not the fixed-size v2...
-            (std::string(r->op) != "Mul" || by_constant.find(" " + sig + " ") != std::string::npos))
+            (std::string(r->op) != "Mul" || sig.find('c') != std::string::npos))
             out.push_back(r);
     }
     return out;
@@ -266,20 +265,12 @@ const Limit kLimits[] = {
 };
 #undef ZEL_EST
 
-bool has(const std::string& list, const std::string& w) { return (" " + list + " ").find(" " + w + " ") != std::string::npos; }
-
-Layout layout_for(bool strided) {
-    Layout L;
-    if (strided) L.k2 = L.dst_k2 = 2, L.label = "strided";
-    return L;
-}
-
 // Runs one call with `threads` forced; returns how often the thread count was
 // asked for, after checking the results.
 int queries_for(const reg::ExportRow& row, int w, int h, int count, bool strided, int threads) {
     int q = -1;
     with_type(row, [&](auto t) {
-        Case<decltype(t)> c(row, w, h, count, layout_for(strided), unsigned(count));
+        Case<decltype(t)> c(row, w, h, count, lay::steps(strided), unsigned(count));
         subst::Scope scope(threads);
         c.run_and_check("count " + std::to_string(count));
         q = subst::thread_queries;
@@ -302,7 +293,7 @@ TEST(FanOut, EachThresholdAtItsExactBoundary) {
         if (name == "zelmSub_vva_64f_P") continue;  // no wrapper: FourThreadsGiveTheBitsOfOne
         const Limit* lim = nullptr;
         for (const auto& l : kLimits)
-            if (has(l.ops, row->op) && has(l.sigs, sig)) lim = &l;
+            if (fh::has_word(l.ops, row->op) && fh::has_word(l.sigs, sig)) lim = &l;
         ASSERT_NE(lim, nullptr) << name;
         const char form = row->form[0];
         for (bool strided : {false, true}) {
@@ -348,7 +339,7 @@ TEST(FanOut, FourThreadsGiveTheBitsOfOne) {
                 std::vector<T> results[2];
                 int queries[2];
                 for (int k = 0; k < 2; ++k) {
-                    Case<T> c(*row, w, h, count, layout_for(strided), 3);
+                    Case<T> c(*row, w, h, count, lay::steps(strided), 3);
                     subst::Scope scope(k == 0 ? 1 : 4);
                     c.run_and_check(strided ? "strided" : "contiguous");
                     results[k] = c.dst_mem();

@@ -76,7 +76,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
                         EXPECT_TRUE(l.guards_intact()) << at;
                         const Method m = method_of(*row, L.k2 == 1, n);
                         const bool paired = std::string(row->name) == "zelmInvert_ma_32f" && n == 4 && L.k2 == 1 &&
-                                            sq::aligned16({&l.at("Src", 0, 0, 0), &l.at("Dst", 0, 0, 0)});
+                                            fh::aligned16({&l.at("Src", 0, 0, 0), &l.at("Dst", 0, 0, 0)});
                         const int stored = singular && paired ? bad & ~1 : bad;  // the partner of a failing pair is not stored
                         for (int k = 0; k < stored; ++k) {
                             const auto got = l.get("Dst", k);

@@ -78,11 +78,9 @@ const std::vector<Doc> kDocs = {
     {"Trace", "m ma", "32f 64f", {Kern::S2, Kern::LS2}, {"(1+2)+0", "((2+3)+1)+0", "(((3+4)+2)+0)+1", "((((4+5)+3)+0)+1)+2"}},
 };
 
-bool has(const std::string& list, const std::string& w) { return (" " + list + " ").find(" " + w + " ") != std::string::npos; }
-
 std::string doc_at(const reg::ExportRow& r, Kern k, int n) {
     for (const auto& d : kDocs)
-        if (r.op == std::string(d.op) && has(d.sigs, r.sig) && has(d.types, r.type) &&
+        if (r.op == std::string(d.op) && fh::has_word(d.sigs, r.sig) && fh::has_word(d.types, r.type) &&
             std::find(d.kerns.begin(), d.kerns.end(), k) != d.kerns.end())
             return d.at[n - 3];
     ADD_FAILURE() << "no documented order for " << r.name;
@@ -145,13 +143,6 @@ T frob_general(const std::string& how, const std::vector<T>& q, int W, int H) {
         }
     return (lanes == 4 ? (acc[0] + acc[2]) + (acc[1] + acc[3]) : acc[0] + acc[1]) + rest;
 }
-
-Kern kern_of(const reg::ExportRow& r, bool unit) {
-    const char f = r.form[0];
-    return f == 'P' ? Kern::P : f == 'L' ? (unit ? Kern::L : Kern::LS2) : (unit ? Kern::Std : Kern::S2);
-}
-
-bool aligned16(const void* p) { return reinterpret_cast<std::uintptr_t>(p) % 16 == 0; }
 
 // The four-object square root of L2Norm_va_32f_S2 and _P at len 3: whether
 // object n of `count` is in a block (results at `out`), and a block's result.
@@ -227,7 +218,7 @@ void sweep(const std::vector<std::string>& ops, std::size_t exports, const std::
                     // the single FrobNorm matrix has one kernel for all strides
                     const Kern k = op == "FrobNorm" && std::string(r->sig) == "m" && r->form[0] != 'P'
                                        ? Kern::Std
-                                       : kern_of(*r, L.k2 == 1 && (L.dst_k2 == 1 || !l->has("Dst")));
+                                       : pref::kern_of(r->form[0], L.k2 == 1 && (L.dst_k2 == 1 || !l->has("Dst")));
                     body(*l, *r, k, H, W, std::string(L.label));
                 });
 }
@@ -262,8 +253,8 @@ T reduction_ref(fh::Laid<T>& l, const reg::ExportRow& r, Kern k, int H, int W, i
     std::string how = W >= 3 && W <= 6 ? doc_at(r, k, W) : "";
     // the four-object blocks: DotProduct vava 32f at len 3 from 5 objects
     // with every pointer and stride0 on 16 bytes, L2Norm va 32f at len 5
-    const bool aligned = dot && aligned16(&l.at("Src1", 0, 0, 0)) && aligned16(&l.at("Src2", 0, 0, 0)) &&
-                         aligned16(l.args.ptrs.at("pDst")) && l.args.nums.at("src1Stride0") % 16 == 0 &&
+    const bool aligned = dot && fh::aligned16({&l.at("Src1", 0, 0, 0), &l.at("Src2", 0, 0, 0), l.args.ptrs.at("pDst")}) &&
+                         l.args.nums.at("src1Stride0") % 16 == 0 &&
                          l.args.nums.at("src2Stride0") % 16 == 0;
     if (dot && f32 && k == Kern::Std && sig == "vava" && W == 3 && cnt >= 5 && n < cnt / 4 * 4 && aligned)
         how = "(0+2)+1";
@@ -300,14 +291,12 @@ TEST(VectorReductions, FourObjectSquareRoot) {
                  {"zelmL2Norm_va_32f_P", 3, 0, 0, 0}, {"zelmL2Norm_va_32f_S2", 7, 3, 1, 5}};
     for (const auto& cs : cases) {
         const bool s2 = std::string(cs.name).find("S2") != std::string::npos;
-        lay::Layout L;
-        L.k2 = s2 ? 2 : 1;
-        fh::Laid<float> l(fh::row_named(s2 ? "zelmL2Norm_va_32f" : cs.name), cs.count, {{"len", 3}}, L, 5, {},
+        fh::Laid<float> l(fh::row_named(s2 ? "zelmL2Norm_va_32f" : cs.name), cs.count, {{"len", 3}}, lay::steps(s2), 5, {},
                           {{"pDst", cs.count + 8}});
         std::mt19937 g(9);
         l.fill("Src", [&](int n, int, int) { return n == 1 ? 0.0f : n == 2 ? 1e-20f : n == 5 ? INFINITY : pref::spread<float>(g); });
         float* base = l.block("pDst");
-        while (!aligned16(base)) ++base;
+        while (!fh::aligned16({base})) ++base;
         l.args.ptrs["pDst"] = base + cs.offset;
         auto expect = [&](int n) {
             const auto sq = [&](int j) { return l.at("Src", n, 0, j) * l.at("Src", n, 0, j); };
@@ -397,9 +386,7 @@ const struct Boundary {
 // and, in `out`, the memory of its results.
 template <class T>
 int queries(const reg::ExportRow& r, int H, int W, int count, bool strided, int threads, std::vector<T>* out = nullptr) {
-    lay::Layout L;
-    if (strided) L.k2 = L.dst_k2 = 2;
-    const auto l = laid<T>(r, count, H, W, L, 7);
+    const auto l = laid<T>(r, count, H, W, lay::steps(strided), 7);
     subst::Scope s(threads);
     EXPECT_EQ(l->call(), zelStsOk) << r.name;
     if (out) *out = l->results();
