@@ -408,4 +408,22 @@ private:
     std::vector<std::string> outs_;  // the result blocks
 };
 
+// The memory of a group or block as it must be after a call: what it held
+// before, with the elements the call stores put in.
+template <class T>
+struct Image {
+    Laid<T>& l;
+    std::string g;
+    std::vector<T> mem;
+    Image(Laid<T>& laid, const std::string& group) : l(laid), g(group), mem(laid.memory(group)) {}
+    void put(int n, int r, int c, T v) { mem[&l.at(g, n, r, c) - l.memory(g).data()] = v; }
+    // The first element that differs from the memory as it is now (mem.size(): none).
+    std::size_t first_difference() const {
+        std::size_t k = 0;
+        while (k < mem.size() && same(mem[k], l.memory(g)[k])) ++k;
+        return k;
+    }
+    bool matches() const { return first_difference() == mem.size(); }
+};
+
 }  // namespace fh

@@ -161,6 +161,8 @@ namespace tri_test {
 
 template <class T>
 using Laid = fh::Laid<T>;
+template <class T>
+using Image = fh::Image<T>;
 using sq::Vec;
 
 inline bool is_decomp(const reg::ExportRow& r) { return std::string(r.sig).find('v') == std::string::npos; }
@@ -172,18 +174,6 @@ template <class T>
 T rand_in(std::mt19937& g, double lo, double hi) {
     return T(std::uniform_real_distribution<double>(lo, hi)(g));
 }
-
-// The memory of a group as it must be after a call: what it held before,
-// with the elements the call stores replaced.
-template <class T>
-struct Image {
-    Laid<T>& l;
-    std::string g;
-    Vec<T> mem;
-    Image(Laid<T>& laid, const std::string& group) : l(laid), g(group), mem(laid.memory(group)) {}
-    void put(int n, int r, int c, T v) { mem[&l.at(g, n, r, c) - l.memory(g).data()] = v; }
-    bool matches() const { return std::memcmp(mem.data(), l.memory(g).data(), mem.size() * sizeof(T)) == 0; }
-};
 
 // The generic paths' inner products: `narrow` accumulators below eight
 // terms, eight from eight on, round-robin up to the last full round, added

@@ -79,8 +79,8 @@ public:
 
     // The destination memory a correct call leaves: what was there, with the
     // results written where the form puts them.
-    std::vector<T> expected() {
-        std::vector<T> out = l_->memory("Dst");
+    fh::Image<T> expected() {
+        fh::Image<T> out(*l_, "Dst");
         for (int n = 0; n < l_->count(); ++n)
             for (int i = 0; i < H_; ++i)
                 for (int j = 0; j < W_; ++j) {
@@ -90,8 +90,7 @@ public:
                         v[k] = kind == 'c' ? (letters_[k].array ? l_->at("Val", n, 0, 0) : val_)
                                            : l_->at(groups_[k], n, kind == 't' ? j : kind == 'v' ? 0 : i, kind == 't' ? i : j);
                     }
-                    out[&l_->at("Dst", n, i, j) - l_->memory("Dst").data()] =
-                        op_ == 'A' ? v[0] + v[1] : op_ == 'S' ? v[0] - v[1] : v[0] * v[1];
+                    out.put(n, i, j, op_ == 'A' ? v[0] + v[1] : op_ == 'S' ? v[0] - v[1] : v[0] * v[1]);
                 }
         return out;
     }
@@ -99,22 +98,17 @@ public:
     // Runs the call and checks status and memory, the sources and constants
     // unchanged; false (with a gtest failure) on the first difference.
     bool run_and_check(const std::string& what) {
-        const std::vector<T> want = expected();
-        std::vector<std::vector<T>> before;
-        for (const auto& g : groups_) before.push_back(g.empty() ? std::vector<T>() : l_->memory(g));
+        std::vector<fh::Image<T>> images{expected()};  // and the sources as they were
+        for (const auto& g : groups_)
+            if (!g.empty() && &l_->memory(g) != &l_->memory("Dst")) images.emplace_back(*l_, g);
         const zelStatus st = l_->call();
         EXPECT_EQ(st, zelStsOk) << name_ << " " << what;
         if (st != zelStsOk) return false;
-        auto differs = [&](const std::vector<T>& a, const std::vector<T>& b, const std::string& name) {
-            std::size_t k = 0;
-            while (k < a.size() && std::memcmp(&a[k], &b[k], sizeof(T)) == 0) ++k;
-            if (k < a.size()) ADD_FAILURE() << name_ << " " << what << ": " << name << " element " << k << " is " << b[k] << ", expected " << a[k];
-            return k < a.size();
-        };
-        if (differs(want, l_->memory("Dst"), "destination")) return false;
-        for (std::size_t k = 0; k < groups_.size(); ++k)
-            if (!groups_[k].empty() && &l_->memory(groups_[k]) != &l_->memory("Dst") && differs(before[k], l_->memory(groups_[k]), groups_[k]))
+        for (const auto& im : images)
+            if (const std::size_t k = im.first_difference(); k < im.mem.size()) {
+                ADD_FAILURE() << name_ << " " << what << ": " << im.g << " element " << k << " is " << l_->memory(im.g)[k] << ", expected " << im.mem[k];
                 return false;
+            }
         return true;
     }
 

@@ -84,8 +84,8 @@ struct Call {
         }
 
         // the expected image of the destination's memory
-        std::vector<T> want = l.memory("Dst");
-        auto put = [&](int n, int r, int c, T v) { want[&l.at("Dst", n, r, c) - l.memory("Dst").data()] = v; };
+        fh::Image<T> want(l, "Dst");
+        auto put = [&](int n, int r, int c, T v) { want.put(n, r, c, v); };
         const int fast = (ar == ac && ac == K && (e.gaxpy || vec || (br == bc && br == K))) ? K : 0;
         for (int n = 0; n < l.count(); ++n) {
             auto av = [&](int i, int k) { return e.la == 't' ? l.at("Src1", n, k, i) : l.at("Src1", n, i, k); };
@@ -114,10 +114,8 @@ struct Call {
         }
         const zelStatus st = l.call();
         if (st != zelStsOk) return ::testing::AssertionFailure() << e.row->name << " returned " << st;
-        const auto& got = l.memory("Dst");
-        std::size_t k = 0;
-        while (k < got.size() && std::memcmp(&got[k], &want[k], esz) == 0) ++k;
-        if (k == got.size()) return ::testing::AssertionSuccess();
+        const std::size_t k = want.first_difference();
+        if (k == want.mem.size()) return ::testing::AssertionSuccess();
         return ::testing::AssertionFailure() << e.row->name << " H=" << H << " K=" << K << " W=" << W << " count="
                                              << count << " step=" << step << " align=" << align << " negzero="
                                              << negzero << ": destination element " << k << " differs";
