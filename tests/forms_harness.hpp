@@ -391,8 +391,12 @@ private:
     void fill_args(const std::string& g, const Group& gr) {
         const auto& o = *gr.op;
         const std::string& x = gr.prefix;
-        if (o.form == 'S') args.ptrs["p" + g] = o.base;
-        else args.ptrs["pp" + g] = const_cast<T**>(o.tab.data()), args.nums[x + "Shift"] = o.shift;
+        if (o.form == 'S') {
+            args.ptrs["p" + g] = o.base;
+        } else {
+            args.ptrs["pp" + g] = const_cast<T**>(o.tab.data());
+            args.nums[x + "Shift"] = o.shift;
+        }
         args.nums[x + "Stride0"] = o.s0;
         args.nums[x + "Stride1"] = o.s1;
         args.nums[x + "Stride2"] = o.s2;
