@@ -268,8 +268,8 @@ public:
         std::map<std::string, std::int64_t> names{{"count", count_}}, elems, objects;
         for (const auto& [k, v] : sizes) names[k] = args.nums[k] = v;
         if (!type_of("count").empty()) args.nums["count"] = count_;
-        const auto& spec = ac::spec_of(row.name);
-        for (const auto& g : spec.groups) {
+        const auto& described = ac::spec_of(row.name);  // the registry's groups and blocks
+        for (const auto& g : described.groups) {
             auto& gr = groups_[g.role];
             gr.prefix = g.prefix;
             gr.table = !type_of("pp" + g.role).empty();
@@ -288,7 +288,7 @@ public:
         }
         for (const auto& [g, to] : alias) groups_.at(g).op = groups_.at(to).op;
         for (auto& [g, gr] : groups_) fill_args(g, gr);
-        for (const auto& b : spec.blocks) {
+        for (const auto& b : described.blocks) {
             const std::size_t n = blocks.count(b.param) ? blocks.at(b.param) : ac::eval(b.extent, names, elems, objects);
             if (type_of(b.param).find("int") != std::string::npos) {
                 ints_[b.param].assign(n + kGuard, kIntSentinel);
