@@ -196,6 +196,23 @@ struct Avx<double> {
             v[i] = _mm256_mul_pd(x, dot ? (single2 ? h : _mm256_loadu_pd(b.at(o + i))) : x);
         }
     }
+    // The terms of four three-double objects of arrays back to back (s0 24
+    // bytes; b is a again for the squares): three whole loads an array, the
+    // products in memory order, then in-half blends and shuffles and one swap
+    // of halves bring term k of object i to lane i of t[k].
+    template <class S>
+    static ZEL_INLINE __attribute__((target("avx"))) void terms_packed3(const S& a, const S& b, bool dot, int o, V* t) {
+        const double *pa = a.at(o), *pb = dot ? b.at(o) : pa;
+        V p[3];
+        for (int i = 0; i < 3; ++i) p[i] = _mm256_mul_pd(_mm256_loadu_pd(pa + 4 * i), _mm256_loadu_pd(pb + 4 * i));
+        // p: (x0 x1 | x2 y0) (y1 y2 | z0 z1) (z2 w0 | w1 w2)
+        const V q0 = _mm256_blend_pd(p[0], p[1], 0b1100);       // x0 x1 | z0 z1
+        const V q1 = _mm256_permute2f128_pd(p[0], p[2], 0x21);  // x2 y0 | z2 w0
+        const V q2 = _mm256_blend_pd(p[1], p[2], 0b1100);       // y1 y2 | w1 w2
+        t[0] = _mm256_shuffle_pd(q0, q1, 0b1010);
+        t[1] = _mm256_shuffle_pd(q0, q2, 0b0101);
+        t[2] = _mm256_shuffle_pd(q1, q2, 0b1010);
+    }
     static ZEL_INLINE __attribute__((target("avx"))) void transpose(const V* v, V* t, int N) {
         const V l01 = _mm256_unpacklo_pd(v[0], v[1]), h01 = _mm256_unpackhi_pd(v[0], v[1]);
         const V l23 = _mm256_unpacklo_pd(v[2], v[3]), h23 = _mm256_unpackhi_pd(v[2], v[3]);
@@ -246,16 +263,24 @@ __attribute__((target("avx"), noinline)) int reduce_avx(const Call<T>& c, int fr
     bool packed4 = false;
     // two arrays only: with one, the halves' own loads measure faster
     if constexpr (sizeof(T) == 4 && N == 4 && dot && !Single2) packed4 = a.s0 == 16 && b.s0 == 16;
+    // double objects of three back to back: whole loads, no element read twice
+    constexpr bool can3 = sizeof(T) == 8 && N == 3 && !Single2;
+    bool packed3 = false;
+    if constexpr (can3) packed3 = a.s0 == 24 && (!dot || b.s0 == 24);
 #pragma GCC unroll 2
     for (; o + K::W <= end; o += K::W) {
         V v[4], t[4];
-        if constexpr (sizeof(T) == 4 && N == 4) {
-            if (packed4) K::products_packed4(a, b, o, v);
-            else K::products(a, b, h, dot, Single2, o, v);
+        if (can3 && packed3) {
+            if constexpr (can3) K::terms_packed3(a, b, dot, o, t);
         } else {
-            K::products(a, b, h, dot, Single2, o, v);
+            if constexpr (sizeof(T) == 4 && N == 4) {
+                if (packed4) K::products_packed4(a, b, o, v);
+                else K::products(a, b, h, dot, Single2, o, v);
+            } else {
+                K::products(a, b, h, dot, Single2, o, v);
+            }
+            K::transpose(v, t, N);
         }
-        K::transpose(v, t, N);
         V s;
         sum_into<A, N>(&s, t);
         if constexpr (!dot) s = K::root(s);
