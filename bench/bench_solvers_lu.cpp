@@ -3,8 +3,11 @@
 // zelmCholeskyBackSubst_mava, at orders 3, 4 and 6, 1000 objects (in cache)
 // and 200,000 (streaming; at order 4 also 1,000,000), both types, against an
 // Eigen fixed-size loop (PartialPivLU, LLT on Matrix<T, N, N>) and a loop of
-// per-object LAPACKE calls (?getrf + ?getrs, ?potrf + ?potrs). The second argument is the
-// library's thread count (1: the direct path; 2: the fan-out).
+// per-object LAPACKE calls (?getrf + ?getrs, ?potrf + ?potrs), and Bytes, a
+// loop that moves what the two calls must move and computes nothing: the
+// matrices read and the factors (and pivot tables) written, then the factors,
+// tables and right-hand sides read and the solutions written. The second
+// argument is the library's thread count (1: the direct path; 2: the fan-out).
 //
 // Ratios to read off: items_per_second (objects solved, by wall time, so
 // that the fan-out's other threads count) of Zelm/<N>/<count>/<threads> over
@@ -28,7 +31,7 @@
 
 namespace {
 
-enum Impl { Zelm, Eigen, Lapacke };
+enum Impl { Zelm, Eigen, Lapacke, Bytes };
 enum Kind { LU, Chol };
 
 // Systems that need pivoting (the large entries off the diagonal), or
@@ -154,6 +157,27 @@ void lapacke_loop(Problem<T, K>& q) {
 }
 #endif
 
+// The bytes of factor plus solve: each pass one sweep over its arrays.
+template <class T, Kind K>
+void bytes_loop(Problem<T, K>& q) {
+    const int n = q.n;
+    const std::size_t nn = std::size_t(n) * n;
+    for (int o = 0; o < q.count; ++o) {
+        std::memcpy(q.f.data() + nn * o, q.a.data() + nn * o, nn * sizeof(T));
+        if constexpr (K == LU)
+            for (int i = 0; i < n; ++i) q.p[std::size_t(n) * o + i] = i;
+    }
+    for (int o = 0; o < q.count; ++o) {
+        const T* f = q.f.data() + nn * o;
+        for (int i = 0; i < n; ++i) {
+            T s = q.b[std::size_t(n) * o + i];
+            if constexpr (K == LU) s += T(q.p[std::size_t(n) * o + i]);
+            for (int j = 0; j < n; ++j) s += f[i * n + j];
+            q.x[std::size_t(n) * o + i] = s;
+        }
+    }
+}
+
 template <class T, int N, Kind K, Impl I>
 void BM_solve(benchmark::State& st) {
     Problem<T, K> q(N, int(st.range(0)));
@@ -165,6 +189,8 @@ void BM_solve(benchmark::State& st) {
 #ifdef ZELM_HAVE_EIGEN
             eigen_loop<T, N>(q);
 #endif
+        } else if constexpr (I == Bytes) {
+            bytes_loop(q);
         } else {
 #ifdef ZELM_HAVE_LAPACKE
             lapacke_loop(q);
@@ -189,7 +215,8 @@ void args(benchmark::internal::Benchmark* b) {
 #define ZEL_BENCH_ORDER(T, N, K)                                               \
     BENCHMARK_TEMPLATE(BM_solve, T, N, K, Zelm)->Apply(args<N, 2>);            \
     BENCHMARK_TEMPLATE(BM_solve, T, N, K, Eigen)->Apply(args<N, 1>);           \
-    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Lapacke)->Apply(args<N, 1>);
+    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Lapacke)->Apply(args<N, 1>);         \
+    BENCHMARK_TEMPLATE(BM_solve, T, N, K, Bytes)->Apply(args<N, 1>);
 #define ZEL_BENCH_KIND(T, K) ZEL_BENCH_ORDER(T, 3, K) ZEL_BENCH_ORDER(T, 4, K) ZEL_BENCH_ORDER(T, 6, K)
 
 ZEL_BENCH_KIND(float, LU)
