@@ -164,16 +164,16 @@ void bytes_loop(Problem<T, K>& q) {
     const std::size_t nn = std::size_t(n) * n;
     for (int o = 0; o < q.count; ++o) {
         std::memcpy(q.f.data() + nn * o, q.a.data() + nn * o, nn * sizeof(T));
-        if constexpr (K == LU)
-            for (int i = 0; i < n; ++i) q.p[std::size_t(n) * o + i] = i;
+        if constexpr (K == LU) std::iota(q.p.begin() + std::ptrdiff_t(n) * o, q.p.begin() + std::ptrdiff_t(n) * (o + 1), 0);
     }
     for (int o = 0; o < q.count; ++o) {
         const T* f = q.f.data() + nn * o;
+        const std::size_t v = std::size_t(n) * o;  // the object's first vector element
         for (int i = 0; i < n; ++i) {
-            T s = q.b[std::size_t(n) * o + i];
-            if constexpr (K == LU) s += T(q.p[std::size_t(n) * o + i]);
+            T s = q.b[v + i];
+            if constexpr (K == LU) s += T(q.p[v + i]);
             for (int j = 0; j < n; ++j) s += f[i * n + j];
-            q.x[std::size_t(n) * o + i] = s;
+            q.x[v + i] = s;
         }
     }
 }

@@ -139,8 +139,9 @@ ZEL_BENCH_TARGET void lines(const T* a, const T* b, T* d, int count) {
     constexpr int step = 64 / int(sizeof(T));
     const std::ptrdiff_t e = std::ptrdiff_t(src_elems(W, N)) * count;
     T s[4] = {};
-    for (const T* p : {a, b}) {
-        if (p == b && !two_sources(W)) break;
+    const T* const src[2] = {a, b};
+    for (int i = 0; i < (two_sources(W) ? 2 : 1); ++i) {
+        const T* const p = src[i];
         std::ptrdiff_t k = 0;
         for (; k + 4 * step <= e; k += 4 * step)
             for (int u = 0; u < 4; ++u) s[u] += p[k + u * step];

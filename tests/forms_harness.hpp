@@ -264,23 +264,25 @@ public:
                 if (p.name == n) return p.type;
             return std::string();
         };
-        count_ = type_of("count").empty() ? 1 : count;
+        const bool arrays = !type_of("count").empty();
+        count_ = arrays ? count : 1;
         std::map<std::string, std::int64_t> names{{"count", count_}}, elems, objects;
         for (const auto& [k, v] : sizes) names[k] = args.nums[k] = v;
-        if (!type_of("count").empty()) args.nums["count"] = count_;
+        if (arrays) args.nums["count"] = count_;
         const auto& described = ac::spec_of(row.name);  // the registry's groups and blocks
         for (const auto& g : described.groups) {
             auto& gr = groups_[g.role];
             gr.prefix = g.prefix;
             gr.table = !type_of("pp" + g.role).empty();
-            elems[g.role] = ac::eval(g.rows, names, {}, {}) * ac::eval(g.cols, names, {}, {});
+            const std::int64_t rows = ac::eval(g.rows, names, {}, {}), cols = ac::eval(g.cols, names, {}, {});
+            elems[g.role] = rows * cols;
             objects[g.role] = g.array() ? count_ : 1;
             if (alias.count(g.role)) continue;
             const bool dst = g.role.rfind("Dst", 0) == 0;
             gr.op = std::make_shared<lay::Operand<T>>();
             gr.op->array = g.array();
-            gr.op->rows = int(ac::eval(g.rows, names, {}, {}));
-            gr.op->cols = int(ac::eval(g.cols, names, {}, {}));
+            gr.op->rows = int(rows);
+            gr.op->cols = int(cols);
             gr.op->objs = int(objects[g.role]);
             // Copy names the source's form and the destination's; a plain pointer is the standard form
             lay::build(*gr.op, !gr.table ? 'S' : dst && row.form[1] ? row.form[1] : form_, dst && L.dst ? *L.dst : L,

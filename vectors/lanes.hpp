@@ -170,6 +170,21 @@ struct Avx<float> {
         t[2] = _mm256_castpd_ps(_mm256_unpacklo_pd(h01, h23));
         if (N > 3) t[3] = _mm256_castpd_ps(_mm256_unpackhi_pd(h01, h23));
     }
+    // Objects of N back to back with a layout of their own: two arrays of
+    // four (with one array the halves' own loads measure faster).
+    template <int N>
+    static constexpr bool packs(bool dot, bool single2) {
+        return N == 4 && dot && !single2;
+    }
+    // Term k of object o + i (i + 4) in lane i of t[k]'s lower (upper) half.
+    template <int N, class S, class Held>
+    static ZEL_INLINE __attribute__((target("avx"))) void terms(const S& a, const S& b, const Held& held, bool dot,
+                                                                bool single2, bool packed, int o, V* t) {
+        V v[4];
+        if (packed) products_packed4(a, b, o, v);
+        else products(a, b, held, dot, single2, o, v);
+        transpose(v, t, N);
+    }
     static ZEL_INLINE __attribute__((target("avx"))) V held(const __m128* h) { return held2(h[0]); }
     static ZEL_INLINE __attribute__((target("avx"))) V held2(__m128 h) {
         return _mm256_insertf128_ps(_mm256_castps128_ps256(h), h, 1);
@@ -221,6 +236,21 @@ struct Avx<double> {
         t[2] = _mm256_permute2f128_pd(l01, l23, 0x31);
         if (N > 3) t[3] = _mm256_permute2f128_pd(h01, h23, 0x31);
     }
+    // Objects of N back to back with a layout of their own: three elements,
+    // in one or two arrays.
+    template <int N>
+    static constexpr bool packs(bool, bool single2) {
+        return N == 3 && !single2;
+    }
+    // Term k of object o + i in lane i of t[k].
+    template <int N, class S, class Held>
+    static ZEL_INLINE __attribute__((target("avx"))) void terms(const S& a, const S& b, const Held& held, bool dot,
+                                                                bool single2, bool packed, int o, V* t) {
+        if (packed) return terms_packed3(a, b, dot, o, t);
+        V v[4];
+        products(a, b, held, dot, single2, o, v);
+        transpose(v, t, N);
+    }
     static ZEL_INLINE __attribute__((target("avx"))) V held(const __m128d* h) {
         return _mm256_insertf128_pd(_mm256_castpd128_pd256(h[0]), h[1], 1);
     }
@@ -260,27 +290,13 @@ __attribute__((target("avx"), noinline)) int reduce_avx(const Call<T>& c, int fr
     const int end = to < c.count ? to : c.count - 1;  // the last object read exactly
     const V h = Single2 ? K::held(held) : V{};
     int o = from;
-    bool packed4 = false;
-    // two arrays only: with one, the halves' own loads measure faster
-    if constexpr (sizeof(T) == 4 && N == 4 && dot && !Single2) packed4 = a.s0 == 16 && b.s0 == 16;
-    // double objects of three back to back: whole loads, no element read twice
-    constexpr bool can3 = sizeof(T) == 8 && N == 3 && !Single2;
-    bool packed3 = false;
-    if constexpr (can3) packed3 = a.s0 == 24 && (!dot || b.s0 == 24);
+    // objects back to back: whole loads, no element read twice
+    constexpr std::ptrdiff_t bytes = N * std::ptrdiff_t(sizeof(T));
+    const bool packed = K::template packs<N>(dot, Single2) && a.s0 == bytes && (!dot || b.s0 == bytes);
 #pragma GCC unroll 2
     for (; o + K::W <= end; o += K::W) {
-        V v[4], t[4];
-        if (can3 && packed3) {
-            if constexpr (can3) K::terms_packed3(a, b, dot, o, t);
-        } else {
-            if constexpr (sizeof(T) == 4 && N == 4) {
-                if (packed4) K::products_packed4(a, b, o, v);
-                else K::products(a, b, h, dot, Single2, o, v);
-            } else {
-                K::products(a, b, h, dot, Single2, o, v);
-            }
-            K::transpose(v, t, N);
-        }
+        V t[4];
+        K::template terms<N>(a, b, h, dot, Single2, packed, o, t);
         V s;
         sum_into<A, N>(&s, t);
         if constexpr (!dot) s = K::root(s);
