@@ -175,6 +175,8 @@ struct Family {
     static constexpr int lo = kFixedLo, hi = kFixedHi;
     template <class T, int N>
     static constexpr int batches = batches_of<T>(N);
+    template <class T, int N>
+    static constexpr int ahead = ahead_of<T>(N);
     // B batches of W objects from object first
     template <class T, int W, int N, Form F, bool Decomp, int B = 1>
     static ZEL_INLINE bool batch(const Call<T>& c, int first) {

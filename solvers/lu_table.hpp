@@ -65,6 +65,18 @@ constexpr int batches_of(int n) {
     return n == 4 || (n == 3 && sizeof(T) == 4) ? 2 : 1;
 }
 
+// Batches ahead that the fixed orders of the standard form prefetch in a
+// streaming call, from order 4 on. Each batch reads and writes its rows
+// across several objects at once, a pattern that the processor's own
+// prefetch follows badly: fetching both the source and the destination
+// eight batches early made factor plus solve of 200,000 objects 1.2x (64f
+// order 4) to 1.5x (order 6) faster. Order 3 gained nothing, and Cholesky,
+// whose factors are stored in the same way, nothing either.
+template <class T>
+constexpr int ahead_of(int n) {
+    return n >= 4 ? 8 : 0;
+}
+
 // The parallel wrapper: estimate and per-kernel limits.
 inline constexpr tri::LimitRow kLimits[] = {
     // decomposition: n*n*count

@@ -154,11 +154,34 @@ ZEL_INLINE bool batch_apart(const Opd& src, int srows, int scols, const Opd& dst
     return true;
 }
 
+// Prefetches objects [first, first + cnt) of a standard-form operand, where
+// they lie close together (at most twice their own bytes apart).
+template <class T, bool Write>
+ZEL_INLINE void prefetch_objects(const Opd& o, int first, int cnt, int rows, int cols) {
+    const Span a = span_of<T, Form::S>(o, first, rows, cols), b = span_of<T, Form::S>(o, first + cnt - 1, rows, cols);
+    const std::uintptr_t own = std::uintptr_t(cnt) * std::uintptr_t(rows * cols) * sizeof(T);
+    if (b.hi <= a.lo || b.hi - a.lo > 2 * own) return;
+    for (std::uintptr_t p = a.lo & ~std::uintptr_t(63); p < b.hi; p += 64)
+        __builtin_prefetch(reinterpret_cast<const void*>(p), Write ? 1 : 0, 3);
+}
+
 // How many batches a family interleaves at order N (one unless it says).
 template <class Family, class T, int N>
 inline constexpr int batches = [] {
     if constexpr (requires { Family::template batches<T, N>; }) return Family::template batches<T, N>;
     else return 1;
+}();
+
+// A call whose matrices take more bytes than this streams them from memory
+// rather than from a core's second-level cache.
+inline constexpr std::int64_t kStreamBytes = std::int64_t(1) << 20;
+
+// How many batches ahead a family prefetches its operands at order N, in a
+// streaming call (none unless it says).
+template <class Family, class T, int N>
+inline constexpr int ahead = [] {
+    if constexpr (requires { Family::template ahead<T, N>; }) return Family::template ahead<T, N>;
+    else return 0;
 }();
 
 // A fixed order N of an array call, W objects at a time from object 0, while
@@ -176,15 +199,28 @@ ZEL_INLINE int run(const Call<T>& c) {
             (!Decomp && !call_apart<T>(c.src[1], 1, N, c.dst[0], 1, N, c.count)))
             return 0;
     }
+    // Streaming calls fetch the batch `ahead` batches on: the matrix and
+    // its destination, or the factors, b and x.
+    constexpr int A = ahead<Family, T, N>;
+    const bool far = F == Form::S && A > 0 && std::int64_t(c.count) * N * N * std::int64_t(sizeof(T)) > kStreamBytes;
+    auto fetch = [&](int o, int cnt) ZEL_LAMBDA_INLINE {
+        if (c.count - o < A * W + cnt) return;
+        prefetch_objects<T, false>(c.src[0], o + A * W, cnt, N, N);
+        prefetch_objects<T, true>(c.dst[0], o + A * W, cnt, xr, N);
+        if constexpr (!Decomp) prefetch_objects<T, false>(c.src[1], o + A * W, cnt, 1, N);
+    };
     // Two batches interleaved where the family says so; where one of them
     // fails, they go on one at a time from the first. (One loop choosing
     // the batch count at each step ran 6% slower at 64f order 4.)
     int o = 0;
     if constexpr (F == Form::S && batches<Family, T, N> == 2) {
-        for (; o + 2 * W <= c.count; o += 2 * W)
+        for (; o + 2 * W <= c.count; o += 2 * W) {
+            if (far) fetch(o, 2 * W);
             if (!Family::template batch<T, W, N, F, Decomp, 2>(c, o)) break;
+        }
     }
     for (; o + W <= c.count; o += W) {
+        if (far) fetch(o, W);
         if constexpr (F == Form::L) {
             if (!batch_apart<T, W>(c.src[0], N, N, c.dst[0], xr, N, o) ||
                 (!Decomp && !batch_apart<T, W>(c.src[1], 1, N, c.dst[0], 1, N, o)))

@@ -241,7 +241,7 @@ TEST(LU, FanOut) {
         for (int i = 0; i < n * mats_of(row, l.count()); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % n;
     };
     fan_out(
-        {"LUDecomp", "LUBackSubst"}, kLimits, {{61, 11, 4}, {4, 4001, 1500}}, zelStsErrSingular, fill,
+        {"LUDecomp", "LUBackSubst"}, kLimits, {{61, 11, 4}, {4, 4001, 1500}, {6, 8000, 6000}}, zelStsErrSingular, fill,
         [](auto& l, int o, int n) { return residual(l.get("Src", o), l.get("Dst", o), l.index("pDstIndex") + o * n, n) < 1e-5; },
         [](auto& l, int o) { return l.index("pDstIndex")[o * l.args.nums.at("widthHeight")] == 0x5A5A5A5A; });
 }
