@@ -173,8 +173,8 @@ ZEL_INLINE bool back_batch(const Call<T>& c, int first) {
 
 struct Family {
     static constexpr int lo = kFixedLo, hi = kFixedHi;
-    template <class T, int N>
-    static constexpr int batches = batches_of<T>(N);
+    template <class T, int N, bool Decomp>
+    static constexpr int batches = batches_of<T>(N, Decomp);
     template <class T, int N>
     static constexpr int ahead = ahead_of<T>(N);
     // B batches of W objects from object first

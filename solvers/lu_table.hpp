@@ -57,12 +57,15 @@ constexpr Diag diag_of(std::string_view sig, bool fixed) {
 inline constexpr tri::Partial kBackSum{2, 8, 8};
 
 // Batches of lanes that the fixed orders of the standard form run
-// interleaved: two where both batches' chains fit the registers and that
-// measured faster (order 3 in float, order 4 in both types), one elsewhere.
-// Only the speed differs: every lane does its own object's operations.
+// interleaved: two where that measured faster, one elsewhere. The
+// decomposition takes two at order 4 and at order 3 in float, where both
+// batches' chains fit the registers; the back-substitution, whose chain of
+// dependent rows sets its pace, also from order 5 on (order 6: 5% faster in
+// float, 9% in double). Only the speed differs: every lane does its own
+// object's operations.
 template <class T>
-constexpr int batches_of(int n) {
-    return n == 4 || (n == 3 && sizeof(T) == 4) ? 2 : 1;
+constexpr int batches_of(int n, bool decomp) {
+    return n == 4 || (n == 3 && sizeof(T) == 4) || (!decomp && n >= 5) ? 2 : 1;
 }
 
 // Batches ahead that the fixed orders of the standard form prefetch in a

@@ -165,10 +165,11 @@ ZEL_INLINE void prefetch_objects(const Opd& o, int first, int cnt, int rows, int
         __builtin_prefetch(reinterpret_cast<const void*>(p), Write ? 1 : 0, 3);
 }
 
-// How many batches a family interleaves at order N (one unless it says).
-template <class Family, class T, int N>
+// How many batches a family interleaves at order N in the decomposition or
+// the back-substitution (one unless it says).
+template <class Family, class T, int N, bool Decomp>
 inline constexpr int batches = [] {
-    if constexpr (requires { Family::template batches<T, N>; }) return Family::template batches<T, N>;
+    if constexpr (requires { Family::template batches<T, N, Decomp>; }) return Family::template batches<T, N, Decomp>;
     else return 1;
 }();
 
@@ -213,7 +214,7 @@ ZEL_INLINE int run(const Call<T>& c) {
     // fails, they go on one at a time from the first. (One loop choosing
     // the batch count at each step ran 6% slower at 64f order 4.)
     int o = 0;
-    if constexpr (F == Form::S && batches<Family, T, N> == 2) {
+    if constexpr (F == Form::S && batches<Family, T, N, Decomp> == 2) {
         for (; o + 2 * W <= c.count; o += 2 * W) {
             if (far) fetch(o, 2 * W);
             if (!Family::template batch<T, W, N, F, Decomp, 2>(c, o)) break;
