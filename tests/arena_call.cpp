@@ -214,27 +214,65 @@ std::vector<const reg::ExportRow*> callable_exports() {
 // ---------------------------------------------------------------------------
 // Laying out
 
-std::size_t Call::Laid::at(int n, int r, int c, const unsigned char* arena) const {
-    const unsigned char* p;
-    if (form == 'S')
-        p = base + std::ptrdiff_t(n) * s0 + std::ptrdiff_t(r) * s1 + std::ptrdiff_t(c) * s2;
-    else if (form == 'L')
-        p = table[std::size_t(n)] + shift + std::ptrdiff_t(r) * s1 + std::ptrdiff_t(c) * s2;
-    else
-        p = table[std::size_t(r) * cols + c] + shift + std::ptrdiff_t(n) * s0;
-    return std::size_t(p - arena);
+unsigned char* Place::at(int n, int r, int c) const {
+    if (!g->array()) n = 0;
+    if (form == 'S') return base + std::ptrdiff_t(n) * s0 + std::ptrdiff_t(r) * s1 + std::ptrdiff_t(c) * s2;
+    if (form == 'L') return table[std::size_t(n)] + shift + std::ptrdiff_t(r) * s1 + std::ptrdiff_t(c) * s2;
+    return table[std::size_t(r) * cols + c] + shift + std::ptrdiff_t(n) * s0;
+}
+
+void pass(reg::Args& args, const GroupSpec& g, const Place& p, void* tab) {
+    const std::string& x = g.prefix;
+    if (p.form == 'S') {
+        args.ptrs["p" + g.role] = p.base;
+    } else {
+        args.ptrs["pp" + g.role] = tab;
+        args.nums[x + "Shift"] = p.shift;
+    }
+    args.nums[x + "Stride0"] = p.s0;
+    args.nums[x + "Stride1"] = p.s1;
+    args.nums[x + "Stride2"] = p.s2;
+}
+
+Shapes shapes_of(const reg::ExportRow& row, std::map<std::string, std::int64_t> names) {
+    Shapes s;
+    names.emplace("count", 1);
+    const auto params = reg::params_of(row);
+    for (const auto& g : spec_of(row.name).groups) {
+        Place p;
+        p.g = &g;
+        p.dst = g.role.rfind("Dst", 0) == 0;
+        p.rows = int(eval(g.rows, names, {}, {}));
+        p.cols = int(eval(g.cols, names, {}, {}));
+        p.objs = g.array() ? int(names.at("count")) : 1;
+        // a plain pointer is the standard form; Copy names the source's form and the destination's
+        const bool table = !reg::type_of(params, "pp" + g.role).empty();
+        const char form = row.form[1] ? row.form[p.dst ? 1 : 0] : row.form[0];
+        p.form = !table ? 'S' : (form == 'L' && g.array()) ? 'L' : 'P';
+        s.elems[g.role] = std::int64_t(p.rows) * p.cols;
+        s.objects[g.role] = p.objs;
+        s.groups.push_back(p);
+    }
+    s.names = std::move(names);
+    return s;
+}
+
+zelStatus call(const reg::ExportRow& row, const reg::Args& args) {
+    const auto c = reg::caller_of(row.name);
+    if (!c) throw std::runtime_error(std::string("no caller for ") + row.name);
+    return c(args);
 }
 
 Call::Call(const reg::ExportRow& row, Draw& d, Mode mode, bool parallel)
     : parallel_(parallel), row_(row), spec_(spec_of(row.name)), params_(reg::params_of(row)), arena_(arena_memory()) {
     esz_ = std::string(row.type) == "64f" ? 8 : 4;
-    form_ = row.form[0];
     for (const auto& p : params_) {
         if (p.pointer()) ptrs_.push_back(p.name);
         else if (!p.real()) ints_.push_back(p.name);
     }
     choose_sizes(d, mode);
-    for (const auto& g : spec_.groups) lay_group(g, d, mode);
+    shapes_ = shapes_of(row, names());
+    for (const auto& p : shapes_.groups) lay_group(p, d, mode);
     for (const auto& b : spec_.blocks) lay_block(b, d, mode);
     for (const auto& p : params_) {
         if (!p.real()) continue;
@@ -354,23 +392,10 @@ void Call::fill_source(unsigned char* p, Draw& d, Mode mode) {
     }
 }
 
-void Call::lay_group(const GroupSpec& g, Draw& d, Mode mode) {
-    const auto nm = names();
-    Laid l;
-    l.g = &g;
-    l.rows = int(eval(g.rows, nm, {}, {}));
-    l.cols = int(eval(g.cols, nm, {}, {}));
-    l.objs = g.array() ? int(nm.at("count")) : 1;
-    elems_[g.role] = std::int64_t(l.rows) * l.cols;
-    objects_[g.role] = l.objs;
-    auto has = [&](const std::string& n) { return args.nums.count(n) || std::find(ints_.begin(), ints_.end(), n) != ints_.end(); };
-    const std::string x = g.prefix;
-    const bool table = std::any_of(params_.begin(), params_.end(), [&](const reg::Param& p) { return p.name == "pp" + g.role; });
+void Call::lay_group(Place l, Draw& d, Mode mode) {
+    auto has = [&](const std::string& n) { return std::find(ints_.begin(), ints_.end(), n) != ints_.end(); };
+    const std::string x = l.g->prefix;
     const bool fuzz = mode == Mode::Fuzz;
-    const bool dst = g.role.rfind("Dst", 0) == 0;
-    // Copy names the source's form and the destination's
-    const char call_form = row_.form[1] ? row_.form[dst ? 1 : 0] : form_;
-    l.form = !table ? 'S' : (call_form == 'L' && g.array()) ? 'L' : 'P';
     static const int k2s[] = {1, 1, 1, 1, 2, 3};
     static const int pads[] = {0, 0, 1, 3};
     static const int huge[] = {0x7FFFFFF8, 0x40000000, 0x7FFFFF00, 1 << 20};
@@ -396,7 +421,7 @@ void Call::lay_group(const GroupSpec& g, Draw& d, Mode mode) {
     if (!has(x + "Stride0")) l.s0 = 0;
     if (fuzz && l.objs == 1 && has(x + "Stride0") && d.chance(4)) l.s0 = d.pick(huge) & ~(esz - 1);
     // threads share no destination object: the caller's side of the contract
-    if (parallel_ && dst && l.form == 'S' && l.objs > 1) {
+    if (parallel_ && l.dst && l.form == 'S' && l.objs > 1) {
         const std::int64_t obj = std::int64_t(l.rows - 1) * l.s1 + std::int64_t(l.cols - 1) * l.s2 + esz;
         l.s0 = int(std::max<std::int64_t>(l.s0, obj));
     }
@@ -409,39 +434,30 @@ void Call::lay_group(const GroupSpec& g, Draw& d, Mode mode) {
         if (with_objects && l.objs > 1) s += std::int64_t(l.objs - 1) * l.s0;
         return std::size_t(s);
     };
+    void** t = nullptr;
     if (l.form == 'S') {
-        l.base = alloc(span(true), misalign(), g.role);
-        args.ptrs["p" + g.role] = l.base;
+        l.base = alloc(span(true), misalign(), l.g->role);
     } else {
         const std::size_t entries = l.form == 'L' ? std::size_t(l.objs) : std::size_t(l.rows) * l.cols;
-        void** t = alloc_table(entries, g.role);
+        t = alloc_table(entries, l.g->role);
         l.table.resize(entries);
         for (std::size_t e = 0; e < entries; ++e) {
             const std::size_t bytes = l.shift + (l.form == 'L' ? span(false) : span(true));
-            l.table[e] = alloc(bytes, misalign(), g.role + " entry " + std::to_string(e));
+            l.table[e] = alloc(bytes, misalign(), l.g->role + " entry " + std::to_string(e));
         }
         // a source table may name one object or element position twice
-        if (fuzz && !dst && entries > 1 && d.chance(4)) l.table[entries - 1] = l.table[0];
-        for (std::size_t e = 0; e < entries; ++e) t[e] = l.table[e];
-        l.arena_table = t;
-        args.ptrs["pp" + g.role] = t;
-        args.nums[x + "Shift"] = l.shift;
+        if (fuzz && !l.dst && entries > 1 && d.chance(4)) l.table[entries - 1] = l.table[0];
+        std::copy(l.table.begin(), l.table.end(), t);
     }
-    if (has(x + "Stride0")) args.nums[x + "Stride0"] = l.s0;
-    if (has(x + "Stride1")) args.nums[x + "Stride1"] = l.s1;
-    if (has(x + "Stride2")) args.nums[x + "Stride2"] = l.s2;
-    if (!dst)
-        for (int n = 0; n < l.objs; ++n)
-            for (int r = 0; r < l.rows; ++r)
-                for (int c = 0; c < l.cols; ++c) fill_source(arena_ + l.at(n, r, c, arena_), d, mode);
+    pass(args, *l.g, l, t);
+    if (!l.dst) l.each([&](unsigned char* p, int, int, int) { fill_source(p, d, mode); });
     groups_.push_back(std::move(l));
 }
 
 void Call::lay_block(const BlockSpec& b, Draw& d, Mode mode) {
     Placed pl;
     pl.b = &b;
-    const auto it = std::find_if(params_.begin(), params_.end(), [&](const reg::Param& p) { return p.name == b.param; });
-    const std::string& type = it->type;
+    const std::string type = reg::type_of(params_, b.param);
     pl.esz = type.find("double") != std::string::npos ? 8 : 4;
     const bool reals = type.find("int") == std::string::npos;
     const bool fuzz = mode == Mode::Fuzz;
@@ -458,7 +474,7 @@ void Call::lay_block(const BlockSpec& b, Draw& d, Mode mode) {
         args.nums[b.stride] = pl.stride;
         bytes = pl.count > 0 ? std::size_t(pl.count - 1) * pl.stride + std::size_t(b.k) * 4 : 0;
     } else {
-        pl.elems = eval(b.extent, names(), elems_, objects_);
+        pl.elems = shapes_.extent(b);
         bytes = std::size_t(pl.elems) * pl.esz;
     }
     static const int misaligns[] = {0, 0, 0, 4, 8, 12};
@@ -529,11 +545,7 @@ bool Call::harmless(const std::string& name, int value) const {
     return it != laid_.end() && it->second == value;
 }
 
-zelStatus Call::call() const {
-    const auto c = reg::caller_of(row_.name);
-    if (!c) throw std::runtime_error(std::string("no caller for ") + row_.name);
-    return c(args);
-}
+zelStatus Call::call() const { return ac::call(row_, args); }
 
 void Call::reset() {
     poison(false);
@@ -573,12 +585,8 @@ std::vector<std::size_t> Call::stray_writes(std::string* first) const {
 }
 
 void Call::for_each_result(bool scratch, const std::function<void(const unsigned char*, std::size_t)>& f) const {
-    for (const auto& l : groups_) {
-        if (l.g->role.rfind("Dst", 0) != 0) continue;
-        for (int n = 0; n < l.objs; ++n)
-            for (int r = 0; r < l.rows; ++r)
-                for (int c = 0; c < l.cols; ++c) f(arena_ + l.at(n, r, c, arena_), esz_);
-    }
+    for (const auto& l : groups_)
+        if (l.dst) l.each([&](const unsigned char* p, int, int, int) { f(p, esz_); });
     for (const auto& b : blocks_) {
         if (!b.p || (b.b->role != "out" && (!scratch || b.b->role != "scratch"))) continue;
         if (!b.b->k) f(b.p, std::size_t(b.elems) * b.esz);

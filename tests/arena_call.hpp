@@ -72,6 +72,44 @@ struct Spec {
 };
 const Spec& spec_of(const std::string& name);
 
+// A group of an export and where its elements lie (strides and shift in
+// bytes): the standard form from a base address, the list form from a table
+// of objects, the pointer form from a table of element positions.
+struct Place {
+    const GroupSpec* g = nullptr;
+    bool dst = false;  // a destination group
+    char form = 'S';   // the operand's own storage form
+    int rows = 1, cols = 1, objs = 1;
+    int s0 = 0, s1 = 0, s2 = 0, shift = 0;
+    unsigned char* base = nullptr;      // S
+    std::vector<unsigned char*> table;  // L: objects, P: element positions
+    // Stored element (r, c) of object n (of the one object of a single group).
+    unsigned char* at(int n, int r, int c) const;
+    // f(address, n, r, c) for every element of every object, in logical order.
+    template <class F>
+    void each(F&& f) const {
+        for (int n = 0; n < objs; ++n)
+            for (int r = 0; r < rows; ++r)
+                for (int c = 0; c < cols; ++c) f(at(n, r, c), n, r, c);
+    }
+};
+// The arguments of group `g` laid out as `p`: its pointer (or the table
+// `tab`, and the shift) and its strides.
+void pass(reg::Args& args, const GroupSpec& g, const Place& p, void* tab);
+
+// The groups of an export at the sizes `names` ("count": the objects of the
+// array groups), shaped and in their forms but not yet laid out, and the
+// extents of its further pointers.
+struct Shapes {
+    std::vector<Place> groups;
+    std::map<std::string, std::int64_t> names, elems, objects;
+    std::int64_t extent(const BlockSpec& b) const { return eval(b.extent, names, elems, objects); }
+};
+Shapes shapes_of(const reg::ExportRow& row, std::map<std::string, std::int64_t> names);
+
+// A call through the registry's generic caller of the export.
+zelStatus call(const reg::ExportRow& row, const reg::Args& args);
+
 // The exports that can be called: implemented and returning a status.
 std::vector<const reg::ExportRow*> callable_exports();
 
@@ -125,16 +163,6 @@ public:
     int elem_size() const { return esz_; }
 
 private:
-    struct Laid {  // a group as laid out
-        const GroupSpec* g;
-        char form;  // S L P, the operand's own
-        int rows, cols, objs;
-        int s0 = 0, s1 = 0, s2 = 0, shift = 0;
-        unsigned char* base = nullptr;      // S
-        std::vector<unsigned char*> table;  // L: objects, P: element positions (arena copies)
-        void** arena_table = nullptr;
-        std::size_t at(int n, int r, int c, const unsigned char* arena) const;  // arena offset
-    };
     struct Placed {  // a further pointer as laid out
         const BlockSpec* b;
         unsigned char* p = nullptr;
@@ -146,7 +174,7 @@ private:
     unsigned char* alloc(std::size_t bytes, int misalign, const std::string& label);
     void** alloc_table(std::size_t entries, const std::string& label);
     void choose_sizes(Draw& d, Mode mode);
-    void lay_group(const GroupSpec& g, Draw& d, Mode mode);
+    void lay_group(Place l, Draw& d, Mode mode);
     void lay_block(const BlockSpec& b, Draw& d, Mode mode);
     void fill_source(unsigned char* p, Draw& d, Mode mode);
     std::map<std::string, std::int64_t> names() const;
@@ -160,9 +188,8 @@ private:
     const Spec& spec_;
     std::vector<reg::Param> params_;
     int esz_ = 4;
-    char form_ = 'S';
-    std::map<std::string, std::int64_t> elems_, objects_;
-    std::vector<Laid> groups_;
+    Shapes shapes_;
+    std::vector<Place> groups_;  // as laid out (the table entries before any garbling)
     std::vector<Placed> blocks_;
     std::vector<std::string> ints_, ptrs_;
     std::vector<std::pair<void**, std::size_t>> tables_;

@@ -63,29 +63,11 @@ inline Layout steps(bool strided) {
     return L;
 }
 
+// A group as laid out in memory of its own (`mem`).
 template <class T>
-struct Operand {
-    bool array = false;
-    char form = 'S';  // addressing form of this operand: S, L or P
-    int rows = 1, cols = 1, objs = 1;
+struct Operand : ac::Place {
     std::vector<T> mem;
-    std::vector<T*> tab;
-    T* base = nullptr;
-    int s0 = 0, s1 = 0, s2 = 0, shift = 0;
-
-    // Address of stored element (r, c) of object n.
-    T* at(int n, int r, int c) {
-        if (!array) n = 0;
-        if (form == 'S')
-            return reinterpret_cast<T*>(reinterpret_cast<char*>(base) + std::ptrdiff_t(n) * s0 +
-                                        std::ptrdiff_t(r) * s1 + std::ptrdiff_t(c) * s2);
-        if (form == 'L')
-            return reinterpret_cast<T*>(reinterpret_cast<char*>(tab[n]) + shift + std::ptrdiff_t(r) * s1 +
-                                        std::ptrdiff_t(c) * s2);
-        return reinterpret_cast<T*>(reinterpret_cast<char*>(tab[std::size_t(r) * cols + c]) + shift +
-                                    std::ptrdiff_t(n) * s0);
-    }
-    std::ptrdiff_t offset(int n, int r, int c) { return at(n, r, c) - mem.data(); }
+    T* at(int n, int r, int c) const { return reinterpret_cast<T*>(Place::at(n, r, c)); }
 };
 
 template <class T>
@@ -104,11 +86,13 @@ inline T sentinel() {
     }
 }
 
-// Lays out one matrix/vector operand. `rng` scrambles tables.
+// Lays out one matrix/vector operand, shaped and in its form. `rng`
+// scrambles tables.
 template <class T>
-void build(Operand<T>& o, char call_form, const Layout& L, bool is_dst, std::mt19937& rng) {
+void build(Operand<T>& o, const Layout& L, bool is_dst, std::mt19937& rng) {
     const int sz = int(sizeof(T));
-    o.form = (call_form == 'L' && !o.array) ? 'S' : call_form;
+    const bool array = o.g->array();
+    auto bytes = [](T* p) { return reinterpret_cast<unsigned char*>(p); };
     const int k2 = L.columns ? o.rows : is_dst ? L.dst_k2 : L.k2;
     if (o.form == 'S' || o.form == 'L') {
         o.s2 = k2 * sz;
@@ -116,10 +100,10 @@ void build(Operand<T>& o, char call_form, const Layout& L, bool is_dst, std::mt1
         o.s1 = L.columns ? sz : row_elems * sz;
         const int obj_elems = o.rows * row_elems + L.pad0;
         if (o.form == 'S') {
-            o.s0 = o.array ? obj_elems * sz : 0;
+            o.s0 = array ? obj_elems * sz : 0;
             const int lead = L.lead + (is_dst ? L.dst_lead : 0);
             o.mem.assign(std::size_t(lead) + std::size_t(obj_elems) * o.objs + 4, sentinel<T>());
-            o.base = o.mem.data() + lead;
+            o.base = bytes(o.mem.data() + lead);
         } else {
             const int slot = obj_elems + L.shift;
             o.shift = L.shift * sz;
@@ -127,9 +111,9 @@ void build(Operand<T>& o, char call_form, const Layout& L, bool is_dst, std::mt1
             std::vector<int> perm(o.objs);
             for (int n = 0; n < o.objs; ++n) perm[n] = n;
             if (L.scramble) std::shuffle(perm.begin(), perm.end(), rng);
-            o.tab.resize(o.objs);
-            for (int n = 0; n < o.objs; ++n) o.tab[n] = o.mem.data() + std::size_t(perm[n]) * slot;
-            if (L.repeat && !is_dst && o.objs >= 2) o.tab[o.objs - 1] = o.tab[0];
+            o.table.resize(o.objs);
+            for (int n = 0; n < o.objs; ++n) o.table[n] = bytes(o.mem.data() + std::size_t(perm[n]) * slot);
+            if (L.repeat && !is_dst && o.objs >= 2) o.table[o.objs - 1] = o.table[0];
         }
     } else {  // element table
         const int K = o.rows * o.cols;
@@ -137,17 +121,17 @@ void build(Operand<T>& o, char call_form, const Layout& L, bool is_dst, std::mt1
         std::vector<int> perm(K);
         for (int k = 0; k < K; ++k) perm[k] = k;
         if (L.scramble) std::shuffle(perm.begin(), perm.end(), rng);
-        o.tab.resize(K);
+        o.table.resize(K);
         if (L.soa) {
-            const int lane = L.shift + (o.array ? (o.objs - 1) * L.k0 + 1 : 1) + 1;
-            o.s0 = o.array ? L.k0 * sz : 0;
+            const int lane = L.shift + (array ? (o.objs - 1) * L.k0 + 1 : 1) + 1;
+            o.s0 = array ? L.k0 * sz : 0;
             o.mem.assign(std::size_t(lane) * K + 4, sentinel<T>());
-            for (int k = 0; k < K; ++k) o.tab[k] = o.mem.data() + std::size_t(perm[k]) * lane;
+            for (int k = 0; k < K; ++k) o.table[k] = bytes(o.mem.data() + std::size_t(perm[k]) * lane);
         } else {
             const int pitch = K + L.pad0;
-            o.s0 = o.array ? pitch * sz : 0;
+            o.s0 = array ? pitch * sz : 0;
             o.mem.assign(std::size_t(L.shift) + std::size_t(pitch) * o.objs + 4, sentinel<T>());
-            for (int k = 0; k < K; ++k) o.tab[k] = o.mem.data() + perm[k];
+            for (int k = 0; k < K; ++k) o.table[k] = bytes(o.mem.data() + perm[k]);
         }
     }
 }
@@ -259,40 +243,25 @@ public:
          const std::map<std::string, std::string>& alias = {}, const std::map<std::string, int>& blocks = {})
         : row_(row), form_(row.form[0]), rng_(seed) {
         const auto params = reg::params_of(row);
-        auto type_of = [&](const std::string& n) {
-            for (const auto& p : params)
-                if (p.name == n) return p.type;
-            return std::string();
-        };
-        const bool arrays = !type_of("count").empty();
+        const bool arrays = !reg::type_of(params, "count").empty();
         count_ = arrays ? count : 1;
-        std::map<std::string, std::int64_t> names{{"count", count_}}, elems, objects;
+        std::map<std::string, std::int64_t> names{{"count", count_}};
         for (const auto& [k, v] : sizes) names[k] = args.nums[k] = v;
         if (arrays) args.nums["count"] = count_;
-        const auto& described = ac::spec_of(row.name);  // the registry's groups and blocks
-        for (const auto& g : described.groups) {
-            auto& gr = groups_[g.role];
-            gr.prefix = g.prefix;
-            gr.table = !type_of("pp" + g.role).empty();
-            const std::int64_t rows = ac::eval(g.rows, names, {}, {}), cols = ac::eval(g.cols, names, {}, {});
-            elems[g.role] = rows * cols;
-            objects[g.role] = g.array() ? count_ : 1;
-            if (alias.count(g.role)) continue;
-            const bool dst = g.role.rfind("Dst", 0) == 0;
+        const auto shapes = ac::shapes_of(row, names);  // the registry's groups, shaped
+        for (const auto& p : shapes.groups) {
+            auto& gr = groups_[p.g->role];
+            gr.g = p.g;
+            if (alias.count(p.g->role)) continue;
             gr.op = std::make_shared<lay::Operand<T>>();
-            gr.op->array = g.array();
-            gr.op->rows = int(rows);
-            gr.op->cols = int(cols);
-            gr.op->objs = int(objects[g.role]);
-            // Copy names the source's form and the destination's; a plain pointer is the standard form
-            lay::build(*gr.op, !gr.table ? 'S' : dst && row.form[1] ? row.form[1] : form_, dst && L.dst ? *L.dst : L,
-                       dst && !L.dst, rng_);
+            static_cast<ac::Place&>(*gr.op) = p;
+            lay::build(*gr.op, p.dst && L.dst ? *L.dst : L, p.dst && !L.dst, rng_);
         }
         for (const auto& [g, to] : alias) groups_.at(g).op = groups_.at(to).op;
-        for (auto& [g, gr] : groups_) fill_args(g, gr);
-        for (const auto& b : described.blocks) {
-            const std::size_t n = blocks.count(b.param) ? blocks.at(b.param) : ac::eval(b.extent, names, elems, objects);
-            if (type_of(b.param).find("int") != std::string::npos) {
+        for (auto& [g, gr] : groups_) ac::pass(args, *gr.g, *gr.op, gr.op->table.data());
+        for (const auto& b : ac::spec_of(row.name).blocks) {
+            const std::size_t n = blocks.count(b.param) ? blocks.at(b.param) : shapes.extent(b);
+            if (reg::type_of(params, b.param).find("int") != std::string::npos) {
                 ints_[b.param].assign(n + kGuard, kIntSentinel);
                 args.ptrs[b.param] = ints_[b.param].data();
             } else {
@@ -320,10 +289,7 @@ public:
     // f(element, n, r, c) for every element of every object of a group.
     template <class F>
     void each(const std::string& g, F&& f) {
-        auto& o = *groups_.at(g).op;
-        for (int n = 0; n < o.objs; ++n)
-            for (int r = 0; r < o.rows; ++r)
-                for (int c = 0; c < o.cols; ++c) f(*o.at(n, r, c), n, r, c);
+        groups_.at(g).op->each([&](unsigned char* p, int n, int r, int c) { f(*reinterpret_cast<T*>(p), n, r, c); });
     }
     // Every object of a group from f(n, r, c).
     template <class F>
@@ -358,11 +324,7 @@ public:
     void num(const std::string& name, int v) { args.nums[name] = v; }
     void real(const std::string& name, double v) { args.reals[name] = v; }
 
-    zelStatus call() {
-        const auto c = reg::caller_of(row_.name);
-        if (!c) throw std::runtime_error(std::string("no caller for ") + row_.name);
-        return c(args);
-    }
+    zelStatus call() { return ac::call(row_, args); }
 
     // The guards behind every block still hold their sentinels.
     bool guards_intact() const {
@@ -385,24 +347,9 @@ public:
 
 private:
     struct Group {
-        std::string prefix;  // of the stride and shift names: src, src1, dst, dstRight ...
-        bool table = false;
-        std::shared_ptr<lay::Operand<T>> op;
+        const ac::GroupSpec* g;  // the registry's: role, prefix of the stride and shift names
+        std::shared_ptr<lay::Operand<T>> op;  // another group's where laid on its memory
     };
-
-    void fill_args(const std::string& g, const Group& gr) {
-        const auto& o = *gr.op;
-        const std::string& x = gr.prefix;
-        if (o.form == 'S') {
-            args.ptrs["p" + g] = o.base;
-        } else {
-            args.ptrs["pp" + g] = const_cast<T**>(o.tab.data());
-            args.nums[x + "Shift"] = o.shift;
-        }
-        args.nums[x + "Stride0"] = o.s0;
-        args.nums[x + "Stride1"] = o.s1;
-        args.nums[x + "Stride2"] = o.s2;
-    }
 
     const reg::ExportRow& row_;
     char form_;

@@ -32,6 +32,12 @@ std::vector<Param> params_of(const ExportRow& row) {
     return out;
 }
 
+std::string type_of(const std::vector<Param>& params, const std::string& name) {
+    for (const auto& p : params)
+        if (p.name == name) return p.type;
+    return "";
+}
+
 zelStatus status_of(char letter) {
     switch (letter) {
         case 'N': return zelStsErrNullPointer;

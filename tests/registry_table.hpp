@@ -49,6 +49,8 @@ struct Param {
     bool real() const { return type == "float" || type == "double"; }
 };
 std::vector<Param> params_of(const ExportRow& row);
+// The type of parameter `name` ("" where there is none).
+std::string type_of(const std::vector<Param>& params, const std::string& name);
 
 // Argument values by name, for the generic callers.
 struct Args {
