@@ -381,41 +381,29 @@ const struct Boundary {
     {"zelmFrobNorm_ma_64f_L", 10, 2001, false},
 };
 
-// A call of an array export with `count` objects of H x W (vectors W), dense
-// or with element steps of 2, on `threads` threads: its thread-count queries
-// and, in `out`, the memory of its results.
-template <class T>
-int queries(const reg::ExportRow& r, int H, int W, int count, bool strided, int threads, std::vector<T>* out = nullptr) {
-    const auto l = laid<T>(r, count, H, W, lay::steps(strided), 7);
-    subst::Scope s(threads);
-    EXPECT_EQ(l->call(), zelStsOk) << r.name;
-    if (out) *out = l->results();
-    return subst::thread_queries;
-}
-
+// One object below each boundary the call runs on the calling thread, at it
+// the wrapper forks (fh::expect_forks_from).
 TEST(VectorThresholds, AtTheirBoundaries) {
     for (const auto& b : kBoundaries) fh::with_type(fh::row_named(b.name), [&](auto z) {
         const auto& r = fh::row_named(b.name);
         const int H = std::string(r.op) == "Trace" ? b.size : 1;
-        EXPECT_EQ(queries<decltype(z)>(r, H, b.size, b.wrapper - 1, b.strided, 4), 0) << b.name << " " << b.wrapper - 1;
-        EXPECT_EQ(queries<decltype(z)>(r, H, b.size, b.wrapper, b.strided, 4), 2) << b.name << " " << b.wrapper;
+        fh::expect_forks_from(b.wrapper, [&](int count) {
+            EXPECT_EQ(laid<decltype(z)>(r, count, H, b.size, lay::steps(b.strided), 7)->call(), zelStsOk) << b.name;
+        }, b.name);
     });
 }
 
 // Four threads give the bits of one, at sizes without block paths (those
-// count their objects from the start of a slice and may differ).
+// count their objects from the start of a slice and may differ); every array
+// export enters the wrapper here but CrossProduct_vva_64f_P.
 TEST(VectorThresholds, ParallelCallsGiveTheBitsOfDirectOnes) {
     for (const auto* r : fh::exports_of({"DotProduct", "L2Norm", "CrossProduct", "Saxpy", "LComb", "Trace", "FrobNorm"})) {
-        const std::string sig = r->sig, op = r->op;
+        const std::string sig = r->sig, op = r->op, name = r->name;
         if (sig.find('a') == std::string::npos) continue;
+        const int size = op == "CrossProduct" ? 3 : op == "FrobNorm" ? 5 : 16, count = size == 3 ? 20001 : 2601;
         for (bool strided : {false, true}) fh::with_type(*r, [&](auto z) {
-            const int size = op == "CrossProduct" ? 3 : op == "FrobNorm" ? 5 : 16, count = size == 3 ? 20001 : 2601;
-            std::vector<decltype(z)> one, four;
-            queries(*r, size, size, count, strided, 1, &one);
-            // every array export enters the wrapper here but CrossProduct_vva_64f_P
-            EXPECT_EQ(queries(*r, size, size, count, strided, 4, &four), r->name == std::string("zelmCrossProduct_vva_64f_P") ? 0 : 2);
-            ASSERT_EQ(one.size(), four.size());
-            EXPECT_EQ(std::memcmp(one.data(), four.data(), one.size() * sizeof(z)), 0) << r->name;
+            fh::expect_same_on_threads<false>([&] { return std::move(*laid<decltype(z)>(*r, count, size, size, lay::steps(strided), 7)); },
+                                              name != "zelmCrossProduct_vva_64f_P", name + (strided ? " strided" : ""));
         });
     }
 }
