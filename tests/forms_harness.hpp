@@ -380,7 +380,18 @@ struct Image {
         while (k < mem.size() && same(mem[k], l.memory(g)[k])) ++k;
         return k;
     }
-    bool matches() const { return first_difference() == mem.size(); }
 };
+
+// Calls l: the status `want`, every image matched (what must stand in those
+// groups and blocks afterwards), the guards intact; else what differs first.
+template <class T>
+::testing::AssertionResult call_matches(Laid<T>& l, const std::vector<Image<T>>& images, zelStatus want = zelStsOk) {
+    if (const zelStatus st = l.call(); st != want) return ::testing::AssertionFailure() << "status " << st << ", expected " << want;
+    for (const auto& im : images)
+        if (const std::size_t k = im.first_difference(); k < im.mem.size())
+            return ::testing::AssertionFailure() << im.g << " element " << k << " is " << im.l.memory(im.g)[k] << ", expected " << im.mem[k];
+    if (!l.guards_intact()) return ::testing::AssertionFailure() << "wrote past a block";
+    return ::testing::AssertionSuccess();
+}
 
 }  // namespace fh

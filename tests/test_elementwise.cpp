@@ -101,15 +101,9 @@ public:
         std::vector<fh::Image<T>> images{expected()};  // and the sources as they were
         for (const auto& g : groups_)
             if (!g.empty() && &l_->memory(g) != &l_->memory("Dst")) images.emplace_back(*l_, g);
-        const zelStatus st = l_->call();
-        EXPECT_EQ(st, zelStsOk) << name_ << " " << what;
-        if (st != zelStsOk) return false;
-        for (const auto& im : images)
-            if (const std::size_t k = im.first_difference(); k < im.mem.size()) {
-                ADD_FAILURE() << name_ << " " << what << ": " << im.g << " element " << k << " is " << l_->memory(im.g)[k] << ", expected " << im.mem[k];
-                return false;
-            }
-        return true;
+        const auto r = fh::call_matches(*l_, images);
+        EXPECT_TRUE(r) << name_ << " " << what;
+        return r;
     }
 
     // As a laid-out call: the checked call, the destination's memory.

@@ -12,11 +12,6 @@ void fill_random(Bytes& b, std::mt19937& rng) {
     for (auto& x : b) x = static_cast<unsigned char>(rng());
 }
 
-template <class T>
-Bytes bytes_of(const std::vector<T>& v) {
-    return Bytes(reinterpret_cast<const unsigned char*>(v.data()), reinterpret_cast<const unsigned char*>(v.data() + v.size()));
-}
-
 std::string first_difference(const Bytes& got, const Bytes& want, int esz) {
     for (std::size_t i = 0; i < got.size(); ++i)
         if (got[i] != want[i]) return "first difference at byte " + std::to_string(i) + " (element " + std::to_string(i / esz) + ")";
@@ -46,10 +41,10 @@ void random_bits(fh::Laid<T>& l, const std::string& g, std::mt19937& rng) {
 }
 
 // One call of export `row` with sizes W x H (len W for vectors), N objects,
-// the source in layout `style`, the destination in `dstyle`; "" when every
-// byte is as the reference loop says and the source is unchanged.
+// the source in layout `style`, the destination in `dstyle`: every byte as
+// the reference loop says, the source unchanged.
 template <class T>
-std::string run_case(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
+::testing::AssertionResult run_case(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
     const std::string op = row.op, sig = row.sig;
     const bool trans = op == "Transpose", extract = op == "Extract", ident = op == "LoadIdentity";
     const bool src_t = extract && sig[0] == 't';  // a t source is stored with W rows of H
@@ -61,22 +56,19 @@ std::string run_case(const reg::ExportRow& row, int W, int H, int N, int style, 
     // Extract's destination is one packed block
     const std::string dst = extract ? "pDst" : "Dst";
     if (!extract) random_bits(l, dst, rng);
-    const std::vector<T> src_before = ident ? std::vector<T>() : l.memory("Src");
-    std::vector<T> want = l.memory(dst);
+    std::vector<fh::Image<T>> want{fh::Image<T>(l, dst)};
+    if (!ident) want.emplace_back(l, "Src");
     for (int n = 0; n < l.count(); ++n)
         for (int i = 0; i < H; ++i)
             for (int j = 0; j < W; ++j) {
-                T& to = want[extract ? (std::size_t(n) * H + i) * W + j : &l.at(dst, n, trans ? j : i, trans ? i : j) - l.memory(dst).data()];
+                T& to = want[0].mem[extract ? (std::size_t(n) * H + i) * W + j : &l.at(dst, n, trans ? j : i, trans ? i : j) - l.memory(dst).data()];
                 if (ident) to = T(i == j);
                 else std::memcpy(&to, src_t ? &l.at("Src", n, j, i) : &l.at("Src", n, i, j), sizeof(T));
             }
-    const zelStatus st = l.call();
-    if (st != zelStsOk) return "status " + std::to_string(st);
-    if (!ident && bytes_of(l.memory("Src")) != bytes_of(src_before)) return "source changed";
-    return first_difference(bytes_of(l.memory(dst)), bytes_of(want), int(sizeof(T)));
+    return fh::call_matches(l, want);
 }
-std::string run_any(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
-    std::string r;
+::testing::AssertionResult run_any(const reg::ExportRow& row, int W, int H, int N, int style, int dstyle, std::mt19937& rng) {
+    ::testing::AssertionResult r = ::testing::AssertionSuccess();
     fh::with_type(row, [&](auto t) { r = run_case<decltype(t)>(row, W, H, N, style, dstyle, rng); });
     return r;
 }
@@ -92,9 +84,9 @@ TEST(Movement, EveryExportMatchesItsReferenceLoopBitForBit) {
             for (int H = 1; H <= (sig[0] == 'v' ? 1 : 7); ++H)
                 for (int N : sig.back() == 'a' ? std::vector<int>{1, 2, 5, 9} : std::vector<int>{1})
                     for (int style = 0; style < 4; ++style) {
-                        const std::string err = run_any(*row, W, H, N, style, (style + 1) % 4, rng);
-                        if (!err.empty() && ++failures <= 20)
-                            ADD_FAILURE() << row->name << " width/len " << W << " height " << H << " count " << N << " style " << style << ": " << err;
+                        const auto r = run_any(*row, W, H, N, style, (style + 1) % 4, rng);
+                        if (!r && ++failures <= 20)
+                            ADD_FAILURE() << row->name << " width/len " << W << " height " << H << " count " << N << " style " << style << ": " << r.message();
                     }
     }
 }
@@ -194,7 +186,7 @@ TEST(Transpose, BandedPathsAndTheCacheQuestions) {
     for (const auto& c : cases)
         for (int cache : c.cache == any ? std::vector<int>{0, 4096, big} : std::vector<int>{c.cache}) {
             subst::Scope scope(0, cache);
-            EXPECT_EQ(run_any(fh::row_named(c.name), c.W, c.H, c.N, c.style, c.style, rng), "")
+            EXPECT_TRUE(run_any(fh::row_named(c.name), c.W, c.H, c.N, c.style, c.style, rng))
                 << c.name << " " << c.W << "x" << c.H << " count " << c.N << " cache " << cache;
             if (c.queries != any) {
                 EXPECT_EQ(subst::cache_queries, c.queries) << c.name << " " << c.W << "x" << c.H << " count " << c.N;

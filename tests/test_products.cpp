@@ -112,13 +112,11 @@ struct Call {
                     }
                 }
         }
-        const zelStatus st = l.call();
-        if (st != zelStsOk) return ::testing::AssertionFailure() << e.row->name << " returned " << st;
-        const std::size_t k = want.first_difference();
-        if (k == want.mem.size()) return ::testing::AssertionSuccess();
-        return ::testing::AssertionFailure() << e.row->name << " H=" << H << " K=" << K << " W=" << W << " count="
-                                             << count << " step=" << step << " align=" << align << " negzero="
-                                             << negzero << ": destination element " << k << " differs";
+        auto r = fh::call_matches(l, {want});
+        if (!r)
+            r << " in " << e.row->name << " H=" << H << " K=" << K << " W=" << W << " count=" << count << " step=" << step
+              << " align=" << align << " negzero=" << negzero;
+        return r;
     }
 };
 
