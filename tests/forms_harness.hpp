@@ -153,6 +153,11 @@ inline const reg::ExportRow& row_named(const std::string& name) {
     throw std::runtime_error("no export " + name);
 }
 
+// The standard-form export of r's operation, signature and type.
+inline const reg::ExportRow& standard_of(const reg::ExportRow& r) {
+    return row_named("zelm" + std::string(r.op) + "_" + r.sig + "_" + r.type);
+}
+
 // The implemented grid exports of some operations, in registry order.
 inline std::vector<const reg::ExportRow*> exports_of(const std::vector<std::string>& ops) {
     std::vector<const reg::ExportRow*> out;

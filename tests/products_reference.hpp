@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "forms_harness.hpp"
+
 namespace pref {
 
 // A value whose bits make different associations differ: a random mantissa
@@ -114,12 +116,6 @@ inline Kern kern_of(char form, bool unit) {
     return form == 'P' ? Kern::P : form == 'L' ? (unit ? Kern::L : Kern::LS2) : (unit ? Kern::Std : Kern::S2);
 }
 
-inline bool in(const std::string& w, std::initializer_list<const char*> list) {
-    for (const char* s : list)
-        if (w == s) return true;
-    return false;
-}
-
 // Matrix by matrix. `sig` is the export's signature, K the terms, H the
 // destination's rows, `fast` the exact order of a square call (0: none).
 inline Order mm_order(const std::string& sig, bool is64, Kern k, int fast, int H, int K, int i) {
@@ -128,14 +124,14 @@ inline Order mm_order(const std::string& sig, bool is64, Kern k, int fast, int H
         bool has = true;
         if (sig == "tm" && f32 && k == Kern::Std) has = fast != 6;
         if (sig == "mam" && f32 && (k == Kern::LS2 || k == Kern::P)) has = fast == 3;
-        if (in(sig, {"mat", "tam"}) && f32 && (k == Kern::S2 || k == Kern::LS2 || k == Kern::P)) has = fast == 3;
+        if (fh::has_word("mat tam", sig) && f32 && (k == Kern::S2 || k == Kern::LS2 || k == Kern::P)) has = fast == 3;
         if (sig == "tat" && f32 && k == Kern::LS2) has = fast == 3;
         if (sig == "mama" && f32 && k == Kern::S2) has = fast <= 5;
-        if (in(sig, {"mta", "tta"}) && f32 && k == Kern::L) has = false;
+        if (fh::has_word("mta tta", sig) && f32 && k == Kern::L) has = false;
         if (sig == "tta" && is64 && k == Kern::L) has = false;
         if (has) return {How::FirstSeq};
     }
-    const bool mt = in(sig, {"mt", "mat", "mta", "mata"});
+    const bool mt = fh::has_word("mt mat mta mata", sig);
     if (k == Kern::P) return {};
     if (k == Kern::S2 || k == Kern::LS2) {
         if (mt && is64 && K >= 8) return {How::Eight64, 8};
@@ -157,7 +153,7 @@ inline Order mm_order(const std::string& sig, bool is64, Kern k, int fast, int H
         if (R == 2) return r == 0 ? Order{How::Eight32, 8} : Order{How::Four, 8};
         return {How::Four, 8};
     }
-    const bool tm = in(sig, {"tm", "tam", "tma", "tama"});
+    const bool tm = fh::has_word("tm tam tma tama", sig);
     if (i < tiles) return {};
     if (R == 1 || (R == 2 && !tm)) return {How::Pair, 2};
     return {};
@@ -170,8 +166,8 @@ inline Order mv_order(const std::string& sig, bool is64, Kern k, int fast, int H
     const bool m = sig[0] == 'm';
     if (fast >= 3 && fast <= 6) {
         if (single) return {is64 && m && k == Kern::Std ? How::Adjacent : How::FirstSeq};
-        const bool none = (k == Kern::L && !is64 && in(sig, {"mva", "tva"})) ||
-                          (k == Kern::L && is64 && in(sig, {"tva", "tava"}));
+        const bool none = (k == Kern::L && !is64 && fh::has_word("mva tva", sig)) ||
+                          (k == Kern::L && is64 && fh::has_word("tva tava", sig));
         if (!none) {
             if (k == Kern::S2 || k == Kern::LS2 || k == Kern::P) return {How::FirstSeq};
             if (m) return {is64 ? How::Adjacent : How::Spread};

@@ -131,14 +131,13 @@ const std::vector<const Row*>& exports() {
 TEST(EigenGen, RandomFamiliesInEveryForm) {
     const lay::Layout strided{.k2 = 2, .dst_k2 = 3, .pad1 = 1, .shift = 2, .label = "strided"};
     for (const Row* row : exports()) {
-        const Row& standard = fh::row_named("zelm" + std::string(row->op) + "_" + row->sig + "_" + row->type);
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
             std::mt19937 rng(7);
             for (int n = 1; n <= 9; ++n)
                 for (int kind = 0; kind < 5; ++kind) {
                     SCOPED_TRACE(std::string(row->name) + " n=" + std::to_string(n) + " kind " + std::to_string(kind));
-                    Laid<T> run(*row, n, 3, n % 2 ? strided : lay::Layout{}), std_run(standard, n, 3);
+                    Laid<T> run(*row, n, 3, n % 2 ? strided : lay::Layout{}), std_run(fh::standard_of(*row), n, 3);
                     std::vector<Mat> as;
                     for (int k = 0; k < run.l.count(); ++k) {
                         as.push_back(make(Kind(kind), n, rng).cast<T>().template cast<double>());

@@ -16,7 +16,6 @@ struct Fam {  // what the expectations depend on
     bool v, a, is64;
 };
 Fam fam(const Row& r) { return {std::string(r.op) == "EigenValuesVectorsSym", std::string(r.sig) == "ma", fh::is64(r)}; }
-const Row& standard_of(const Row& r) { return fh::row_named("zelm" + std::string(r.op) + "_" + r.sig + "_" + r.type); }
 std::vector<const Row*> exports() { return fh::exports_of({"EigenValuesSym", "EigenValuesVectorsSym"}); }
 
 template <class T>
@@ -121,7 +120,7 @@ TEST(EigenSym, SpectraAgainstEigenAndFormsAgainstStandard) {
                             lam[i] = kind == 0 ? (g() % 2 ? d(g) : -d(g)) : kind == 1 ? (i < (n + 1) / 2 ? 2.0 : -1.5)
                                                                                     : 1.0 + 1e-5 * i;
                         m = spectrum_matrix(lam, g);
-                        one.push_back(run<T>(standard_of(*row), n, {m}));
+                        one.push_back(run<T>(fh::standard_of(*row), n, {m}));
                         ASSERT_EQ(one.back().st, zelStsOk);
                         expect_agrees<T>(m, n, one.back().vals.data(), f.v ? one.back().vecs.data() : nullptr,
                                          64 * n * es::kEps<T>);
