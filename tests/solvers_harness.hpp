@@ -159,10 +159,8 @@ void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Fill fill = {}) {
 
 namespace tri_test {
 
-template <class T>
-using Laid = fh::Laid<T>;
-template <class T>
-using Image = fh::Image<T>;
+using fh::Image;
+using fh::Laid;
 using sq::Vec;
 
 inline bool is_decomp(const reg::ExportRow& r) { return std::string(r.sig).find('v') == std::string::npos; }

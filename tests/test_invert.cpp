@@ -72,8 +72,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
                         const int bad = singular ? (l.count() > 1 ? sq::kBad : 0) : l.count();
                         if (singular) src[bad].assign(src[bad].size(), T(0)), l.set("Src", bad, src[bad]);
                         const auto at = sq::where(*row, L, n) + (singular ? " singular" : "");
-                        ASSERT_EQ(l.call(), singular ? zelStsErrSingular : zelStsOk) << at;
-                        EXPECT_TRUE(l.guards_intact()) << at;
+                        ASSERT_TRUE(fh::call_matches(l, {}, singular ? zelStsErrSingular : zelStsOk)) << at;
                         const Method m = method_of(*row, L.k2 == 1, n);
                         const bool paired = std::string(row->name) == "zelmInvert_ma_32f" && n == 4 && L.k2 == 1 &&
                                             fh::aligned16({&l.at("Src", 0, 0, 0), &l.at("Dst", 0, 0, 0)});
