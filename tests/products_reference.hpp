@@ -116,6 +116,13 @@ inline Kern kern_of(char form, bool unit) {
     return form == 'P' ? Kern::P : form == 'L' ? (unit ? Kern::L : Kern::LS2) : (unit ? Kern::Std : Kern::S2);
 }
 
+// The rows after the last whole tile of the lane kernels, from eight terms
+// on: one row alone, the first and the second of two, and three.
+inline Order rest_rows(bool is64, int R, int r, int lead = 0) {
+    if (is64) return {R == 1 ? How::Eight64 : R == 2 && r == 0 ? How::Four : How::Pair, 8, lead};
+    return {R == 1 || (R == 2 && r == 0) ? How::Eight32 : How::Four, 8, lead};
+}
+
 // Matrix by matrix. `sig` is the export's signature, K the terms, H the
 // destination's rows, `fast` the exact order of a square call (0: none).
 inline Order mm_order(const std::string& sig, bool is64, Kern k, int fast, int H, int K, int i) {
@@ -141,17 +148,11 @@ inline Order mm_order(const std::string& sig, bool is64, Kern k, int fast, int H
     if (is64) {
         if (sig == "mata" && k == Kern::Std) return {};
         if (i < tiles) return {How::Pair, 2};
-        if (K < 8) return {};
-        if (R == 1) return {How::Eight64, 8};
-        if (R == 2) return r == 0 ? Order{How::Four, 8} : Order{How::Pair, 8};
-        return {How::Pair, 8};
+        return K < 8 ? Order{} : rest_rows(true, R, r);
     }
     if (mt) {
         if (i < tiles) return K < 4 ? Order{} : Order{How::Four, 4};
-        if (K < 8) return {};
-        if (R == 1) return {How::Eight32, 8};
-        if (R == 2) return r == 0 ? Order{How::Eight32, 8} : Order{How::Four, 8};
-        return {How::Four, 8};
+        return K < 8 ? Order{} : rest_rows(false, R, r);
     }
     const bool tm = fh::has_word("tm tam tma tama", sig);
     if (i < tiles) return {};
@@ -191,18 +192,9 @@ inline Order mv_order(const std::string& sig, bool is64, Kern k, int fast, int H
     }
     if (lead < 0) return {};
     const int Kp = K - lead;
-    if (!is64) {
-        if (block) return Kp < 4 ? Order{} : Order{How::Four, 4, lead};
-        if (Kp < 8) return {};
-        if (R == 1) return {How::Eight32, 8, lead};
-        if (R == 2) return r == 0 ? Order{How::Eight32, 8, lead} : Order{How::Four, 8, lead};
-        return {How::Four, 8, lead};
-    }
+    if (block && !is64) return Kp < 4 ? Order{} : Order{How::Four, 4, lead};
     if (block) return Kp < 2 ? Order{} : Order{How::Pair, 2, lead};
-    if (Kp < 8) return {};
-    if (R == 1) return {How::Eight64, 8, lead};
-    if (R == 2) return r == 0 ? Order{How::Four, 8, lead} : Order{How::Pair, 8, lead};
-    return {How::Pair, 8, lead};
+    return Kp < 8 ? Order{} : rest_rows(is64, R, r, lead);
 }
 
 // Gaxpy: the terms' order; y is added last unless gaxpy_y_first says where.
