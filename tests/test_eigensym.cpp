@@ -249,6 +249,22 @@ TEST(EigenSym, ExamplesAndFailureStates) {
         }
 }
 
+// A column whose sum of squares below the diagonal is exactly eps: the array
+// kernels with vectors pass its reflection over (the tolerance is
+// inclusive), so the entries below the subdiagonal count for nothing.
+TEST(EigenSym, ColumnAtTheToleranceIsPassedOver) {
+    for (const Row* row : exports())
+        fh::with_type(*row, [&](auto t) {
+            using T = decltype(t);
+            if (!fam(*row).v || !fam(*row).a) return;
+            // (x, y) below the diagonal with x^2 + y^2 = eps exactly
+            const double x = sizeof(T) == 4 ? 0x1p-12 : 0, y = sizeof(T) == 4 ? 0x1p-12 : 0x1p-26;
+            const Mat m = {1, x, y, x, 2, 0.25, y, 0.25, 3}, cut = {1, x, 0, x, 2, 0.25, 0, 0.25, 3};
+            const Out<T> a = run<T>(*row, 3, {m}), b = run<T>(*row, 3, {cut});
+            EXPECT_TRUE(a.st == zelStsOk && same(a, 0, 1, &b)) << row->name;
+        });
+}
+
 // ---------------------------------------------------------------------------
 // Fan-out: 4 threads against 1, bit for bit, with per-thread scratch (the
 // caller's buffer untouched), a failing object, a failing allocation (one
