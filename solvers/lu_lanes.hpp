@@ -101,10 +101,24 @@ ZEL_INLINE bool decomp_batch(const Call<T>& c, int first) {
         T p[N][W];
         std::memcpy(p, pos[b], sizeof p);
         int* table = const_cast<int*>(c.idx) + std::ptrdiff_t(first + b * W) * N;
-        #pragma GCC unroll 8
-        for (int l = 0; l < W; ++l)
+        if constexpr (W % 4 == 0) {
+            // the positions as 32-bit integers in lanes, stored by the
+            // transposes of the float rows
+            using PF = Pack<float, W>;
+            typedef std::int32_t IV __attribute__((vector_size(W * 4)));
+            typename PF::V t[N];
             #pragma GCC unroll 8
-            for (int i = 0; i < N; ++i) table[l * N + i] = int(p[i][l]);
+            for (int i = 0; i < N; ++i) t[i] = (typename PF::V)__builtin_convertvector(pos[b][i], IV);
+            float* rows[W];
+            #pragma GCC unroll 8
+            for (int l = 0; l < W; ++l) rows[l] = reinterpret_cast<float*>(table + l * N);
+            PF::template store_row<N>(rows, t);
+        } else {
+            #pragma GCC unroll 8
+            for (int l = 0; l < W; ++l)
+                #pragma GCC unroll 8
+                for (int i = 0; i < N; ++i) table[l * N + i] = int(p[i][l]);
+        }
         #pragma GCC unroll 8
         for (int i = 0; i < N; ++i) {
             T* rows[W];
