@@ -73,8 +73,7 @@ constexpr int batches_of(int n, bool decomp) {
 // across several objects at once, a pattern that the processor's own
 // prefetch follows badly: fetching both the source and the destination
 // eight batches early made factor plus solve of 200,000 objects 1.2x (64f
-// order 4) to 1.5x (order 6) faster. Order 3 gained nothing, and Cholesky,
-// whose factors are stored in the same way, nothing either.
+// order 4) to 1.5x (order 6) faster. Order 3 gained nothing.
 template <class T>
 constexpr int ahead_of(int n) {
     return n >= 4 ? 8 : 0;

@@ -200,7 +200,7 @@ TEST(Cholesky, FanOut) {
         if (!dec) l.fill("Src2", [&](int o, int, int c) { return std::sin(o + 3.0 * c); });
     };
     fan_out(
-        {"CholeskyDecomp", "CholeskyBackSubst"}, kLimits, {{30, 11, 4}, {4, 4001, 1500}}, zelStsErrNotPosDefinite, fill,
+        {"CholeskyDecomp", "CholeskyBackSubst"}, kLimits, {{30, 11, 4}, {4, 4001, 1500}, {6, 8000, 6000}}, zelStsErrNotPosDefinite, fill,
         [](auto& l, int o, int n) { return residual(l.get("Src", o), l, o, n) < 1e-5; },
         [](auto& l, int o) { return std::isnan(l.at("Dst", o, 0, 0)); });
 }
