@@ -47,7 +47,6 @@ inline constexpr tri::Partial kBackSum{2, 8, 8};
 // streaming call (solvers/triangular_lanes.hpp): eight, at orders 5 and 6.
 // Factor plus solve of 200,000 objects of order 6 ran 1.3x (64f) to 1.6x
 // (32f) faster with it; order 4 gained nothing.
-template <class T>
 constexpr int ahead_of(int n) {
     return n >= 5 ? 8 : 0;
 }

@@ -190,7 +190,7 @@ struct Family {
     template <class T, int N, bool Decomp>
     static constexpr int batches = batches_of<T>(N, Decomp);
     template <class T, int N>
-    static constexpr int ahead = ahead_of<T>(N);
+    static constexpr int ahead = ahead_of(N);
     // B batches of W objects from object first
     template <class T, int W, int N, Form F, bool Decomp, int B = 1>
     static ZEL_INLINE bool batch(const Call<T>& c, int first) {

@@ -74,7 +74,6 @@ constexpr int batches_of(int n, bool decomp) {
 // prefetch follows badly: fetching both the source and the destination
 // eight batches early made factor plus solve of 200,000 objects 1.2x (64f
 // order 4) to 1.5x (order 6) faster. Order 3 gained nothing.
-template <class T>
 constexpr int ahead_of(int n) {
     return n >= 4 ? 8 : 0;
 }

@@ -250,7 +250,7 @@ public:
     // elements than the registry's extent.
     Laid(const reg::ExportRow& row, int count, const Sizes& sizes, const lay::Layout& L = {}, unsigned seed = 1,
          const std::map<std::string, std::string>& alias = {}, const std::map<std::string, int>& blocks = {})
-        : row_(row), form_(row.form[0]), rng_(seed) {
+        : row_(row), rng_(seed) {
         const auto params = reg::params_of(row);
         const bool arrays = !reg::type_of(params, "count").empty();
         count_ = arrays ? count : 1;
@@ -347,7 +347,7 @@ public:
     }
 
     int count() const { return count_; }
-    char form() const { return form_; }
+    char form() const { return row_.form[0]; }
 
     static constexpr int kIntSentinel = 0x5A5A5A5A;
     static constexpr std::size_t kGuard = 8;
@@ -361,7 +361,6 @@ private:
     };
 
     const reg::ExportRow& row_;
-    char form_;
     int count_ = 1;
     std::mt19937 rng_;
     std::map<std::string, Group> groups_;
