@@ -105,7 +105,7 @@ ZEL_INLINE bool back_batch(const Call<T>& c, int first) {
 
 struct Family {
     static constexpr int lo = kFixedLo, hi = kFixedHi;
-    template <class T, int N>
+    template <int N>
     static constexpr int ahead = ahead_of(N);
     template <class T, int W, int N, Form F, bool Decomp>
     static ZEL_INLINE bool batch(const Call<T>& c, int first) {

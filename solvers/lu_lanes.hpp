@@ -189,7 +189,7 @@ struct Family {
     static constexpr int lo = kFixedLo, hi = kFixedHi;
     template <class T, int N, bool Decomp>
     static constexpr int batches = batches_of<T>(N, Decomp);
-    template <class T, int N>
+    template <int N>
     static constexpr int ahead = ahead_of(N);
     // B batches of W objects from object first
     template <class T, int W, int N, Form F, bool Decomp, int B = 1>

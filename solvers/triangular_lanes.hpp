@@ -179,9 +179,9 @@ inline constexpr std::int64_t kStreamBytes = std::int64_t(1) << 20;
 
 // How many batches ahead a family prefetches its operands at order N, in a
 // streaming call (none unless it says).
-template <class Family, class T, int N>
+template <class Family, int N>
 inline constexpr int ahead = [] {
-    if constexpr (requires { Family::template ahead<T, N>; }) return Family::template ahead<T, N>;
+    if constexpr (requires { Family::template ahead<N>; }) return Family::template ahead<N>;
     else return 0;
 }();
 
@@ -202,7 +202,7 @@ ZEL_INLINE int run(const Call<T>& c) {
     }
     // Streaming calls fetch the batch `ahead` batches on: the matrix and
     // its destination, or the factors, b and x.
-    constexpr int A = ahead<Family, T, N>;
+    constexpr int A = ahead<Family, N>;
     const bool far = F == Form::S && A > 0 && std::int64_t(c.count) * N * N * std::int64_t(sizeof(T)) > kStreamBytes;
     auto fetch = [&](int o, int cnt) ZEL_LAMBDA_INLINE {
         if (c.count - o < A * W + cnt) return;
