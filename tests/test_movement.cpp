@@ -8,16 +8,6 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-void fill_random(Bytes& b, std::mt19937& rng) {
-    for (auto& x : b) x = static_cast<unsigned char>(rng());
-}
-
-std::string first_difference(const Bytes& got, const Bytes& want, int esz) {
-    for (std::size_t i = 0; i < got.size(); ++i)
-        if (got[i] != want[i]) return "first difference at byte " + std::to_string(i) + " (element " + std::to_string(i / esz) + ")";
-    return "";
-}
-
 // Layout `style` of an operand: 0 packed (tables in order, list objects and
 // element-table objects back to back); 1 padded rows, gaps between objects,
 // scrambled tables behind a shift, pointer-form stride0 of 3; 2 element step
@@ -103,7 +93,7 @@ TEST(Copy, OverlappingOperandsGetTheForwardOrder) {
                     for (int off : {-20, -8, -2, 0, 2, 4, 8, 12, 64}) {
                         const int H = HN / 10, N = HN % 10, s1 = W * esz, s0 = H * s1, d2 = step * esz, d1 = W * d2, d0 = H * d1;
                         Bytes buf(1024 + std::size_t(N) * (s0 + d0));
-                        fill_random(buf, rng);
+                        for (auto& x : buf) x = static_cast<unsigned char>(rng());
                         Bytes want = buf;
                         for (int k = 0; k < N * H * W; ++k) {  // objects, rows, columns in order
                             const int n = k / (H * W), i = k / W % H, j = k % W;
@@ -115,8 +105,8 @@ TEST(Copy, OverlappingOperandsGetTheForwardOrder) {
                                   {"dstStride2", d2}, {"width", W},       {"len", W},        {"height", H},      {"count", N}};
                         const std::string name = std::string("zelmCopy_") + (H == 1 ? "va" : "ma") + (esz == 4 ? "_32f_SS" : "_64f_SS");
                         ASSERT_EQ(reg::caller_of(name)(a), zelStsOk);
-                        ASSERT_EQ(first_difference(buf, want, esz), "")
-                            << name << " W " << W << " H " << H << " N " << N << " dst step " << step << " offset " << off;
+                        ASSERT_EQ(std::mismatch(buf.begin(), buf.end(), want.begin()).first - buf.begin(), std::ptrdiff_t(buf.size()))
+                            << "first differing byte, " << name << " W " << W << " H " << H << " N " << N << " dst step " << step << " offset " << off;
                     }
 }
 
