@@ -151,16 +151,6 @@ TEST(Cholesky, RadicandTests) {
             });
 }
 
-// Rows (4, 2), (2, 5): F = 0.5, 1, 0.5, the element above the diagonal
-// kept; b = (8, 11): x = (1.125, 1.75).
-TEST(Cholesky, DocumentedExample) {
-    double a[4] = {4, 2, 2, 5}, f[4] = {0, -7, 0, 0}, b[2] = {8, 11}, x[2];
-    ASSERT_EQ(zelmCholeskyDecomp_m_64f(a, 16, 8, f, 16, 8, 2), zelStsOk);
-    EXPECT_EQ(std::vector<double>(f, f + 4), std::vector<double>({0.5, -7, 1, 0.5}));
-    ASSERT_EQ(zelmCholeskyBackSubst_mv_64f(f, 16, 8, b, 8, x, 8, 2), zelStsOk);
-    EXPECT_EQ(std::vector<double>(x, x + 2), std::vector<double>({1.125, 1.75}));
-}
-
 // From reference factors (NaN and null pointers above the diagonal); b may
 // be the destination at every order.
 TEST(Cholesky, BackSubstitution) {

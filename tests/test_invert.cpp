@@ -98,8 +98,6 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
 // 64f orders 3 and 4: the contiguous kernels use twice the threshold; the
 // fixed orders pass a determinant equal to T(n), the generic path fails it.
 TEST(Invert, WorkedExamplesAndThresholdsPerKernel) {
-    EXPECT_EQ(T_of<float>(2), 1.88079096131566e-37f);
-    EXPECT_EQ(T_of<double>(7), 686 * std::ldexp(1.0, -1022));
     sq::for_types([](auto t) {
         using T = decltype(t);
         // a vanishing cofactor of the generic path comes out as T(n), not 0: the
@@ -116,7 +114,6 @@ TEST(Invert, WorkedExamplesAndThresholdsPerKernel) {
         Vec<T> d;
         EXPECT_EQ(invert(Vec<T>{T_of<T>(1)}, d, 1), zelStsErrSingular);
         EXPECT_TRUE(fh::untouched(d[0]));
-        EXPECT_EQ(inverted(Vec<T>{-4}, 1), Vec<T>{T(-0.25)});
     });
     Vec<double> d;
     for (int n : {3, 4}) {
