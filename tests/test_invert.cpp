@@ -172,15 +172,15 @@ TEST(Invert, PivotColumnRules) {
         }
 }
 
-// The parallel wrapper: estimate 2 n count against 20001, 40001 in the
-// contiguous 32f list form; the wrapper's scratch in place of pBuffer; a
+// The parallel wrapper (from order 2: order 1 is settled in the entry):
+// estimate 2 n count against 20001, 40001 in the contiguous 32f list form; the wrapper's scratch in place of pBuffer; a
 // singular object in a slice merged into the call's status.
 TEST(Invert, FanOut) {
-    const sq::Boundary kBoundaries[] = {
-        {"zelmInvert_ma_32f", 4, 2501, false},  {"zelmInvert_ma_64f", 4, 2501, true},    {"zelmInvert_ma_32f_L", 4, 5001, false},
-        {"zelmInvert_ma_32f_L", 4, 2501, true}, {"zelmInvert_ma_64f_P", 7, 1429, false},
+    auto reaches = [](const reg::ExportRow& r, int n, bool strided, int c) {
+        return 2 * n * c >= (!strided && *r.form == 'L' && !fh::is64(r) ? 40001 : 20001);
     };
-    sq::square_fan_out(kBoundaries, zelStsErrSingular);
+    sq::fan_out<true>({"Invert"}, {2, 3, 7}, reaches, {{3, 7000, 5000}, {5, 4200, 3000}, {7, 3000, 2000}}, zelStsErrSingular,
+                      sq::RandomFill());
 }
 
 }  // namespace

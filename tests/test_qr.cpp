@@ -9,8 +9,6 @@ namespace {
 using sq::Mat;
 using sq::Vec;
 
-bool is_dec(const reg::ExportRow& r) { return std::string(r.op) == "QRDecomp"; }
-
 // The standard single-object calls: the reference of every form.
 template <class T>
 zelStatus decomp(const Vec<T>& a, Vec<T>& d, int w, int h) {
@@ -47,11 +45,11 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
     for (const auto* row : fh::exports_of({"QRDecomp", "QRBackSubst"}))
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
-            const bool dec = is_dec(*row);
+            const bool dec = sq::is_decomp(*row);
             for (const auto& [w, h] : kShapes)
                 for (const auto& L : sq::layouts())
-                    for (bool in_place : {false, w == h && L.k2 > 1}) {
-                        auto l = sq::laid<T>(*row, sq::kCount, w, L, h, in_place);
+                    for (int in_place = 0; in_place <= (w == h && L.k2 > 1); ++in_place) {
+                        auto l = sq::laid<T>(*row, sq::kCount, w, L, h, in_place == 1);
                         const auto a = sq::random_objects(l, dec ? "Src" : "Src1", unsigned(w * 31 + h), h, w);
                         std::mt19937 g(1);
                         Vec<Vec<T>> qr, b;
@@ -138,28 +136,27 @@ TEST(QR, RankDeficiencyStopsTheArrayWithTheFinishedSteps) {
         });
 }
 
-// The parallel wrapper at its limits. 4x4: decomposition 32 c against 2801
-// (standard) and 1801; mva 16 + 8 c; mava 24 c. 2x40 (the decomposition
-// works in the destination, both use the scratch): decomposition 160 c;
-// mava 122 c. A zero column in the last slice is merged into the status.
+// The parallel wrapper: estimates 2 w h c (decomposition), w h + (w + h) c
+// (mva), (w (h + 1) + h) c (mava) against 2801 (standard form) and 1801.
+// At 2x40 the decomposition works in the destination; both use the scratch.
+// Random matrices, object `bad` zero; their factors and random b for the solves.
 TEST(QR, FanOut) {
-    const sq::Boundary kBoundaries[] = {
-        {"zelmQRDecomp_ma_32f", 4, 88, false},       {"zelmQRDecomp_ma_64f", 4, 88, true},
-        {"zelmQRDecomp_ma_32f_L", 4, 57, false},     {"zelmQRDecomp_ma_64f_P", 4, 57, false},
-        {"zelmQRBackSubst_mva_32f", 4, 349, true},   {"zelmQRBackSubst_mva_64f_L", 4, 224, false},
-        {"zelmQRBackSubst_mava_64f", 4, 117, false}, {"zelmQRBackSubst_mava_32f_P", 4, 76, false},
-        {"zelmQRDecomp_ma_64f_P", 2, 12, false, 40}, {"zelmQRBackSubst_mava_32f_L", 2, 15, true, 40},
+    auto reaches = [](const reg::ExportRow& r, int n, bool, int c) {
+        const std::string sig = r.sig;
+        return (sig == "ma" ? 2 * n * n * c : sig == "mva" ? n * n + 2 * n * c : (n * (n + 1) + n) * c) >= (*r.form == 'S' ? 2801 : 1801);
     };
-    sq::square_fan_out(
-        kBoundaries, zelStsErrDivByZero, [](const auto& b, auto& l) {  // the solves: factors of random matrices, random b
-            using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
-            const int h = b.h ? b.h : b.n;
-            if (is_dec(fh::row_named(b.name))) return false;
+    auto fill = [](const reg::ExportRow& row, auto& l, int bad) {
+        using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
+        const int w = l.args.nums.at("width"), h = l.args.nums.at("height");
+        if (!sq::is_decomp(row)) {
             std::mt19937 g(9);
-            for (int n = 0; n < l.objects("Src1"); ++n) l.set("Src1", n, decomposed(sq::random_matrix<T>(g, h, b.n), b.n, h));
+            for (int n = 0; n < l.objects("Src1"); ++n) l.set("Src1", n, decomposed(sq::random_matrix<T>(g, h, w), w, h));
             sq::random_objects(l, "Src2", 5, 1, h);
-            return true;
-        });
+        } else if (sq::random_objects(l, "Src", 4, h, w); bad >= 0) {
+            l.set("Src", bad, Vec<T>(std::size_t(w) * h, T(0)));
+        }
+    };
+    sq::fan_out<true>({"QRDecomp", "QRBackSubst"}, {1, 3, 7}, reaches, {{4, 400, 300}, {2, 80, 60, 40}}, zelStsErrDivByZero, fill);
 }
 
 }  // namespace
