@@ -140,8 +140,8 @@ inline bool completed(int o, int bad, int count, int threads) {
     return slice(o) != slice(bad) || o < bad;
 }
 
-// The parallel wrapper of every array export of `ops`: at each of `orders`
-// (contiguous and strided) it starts at the first count whose estimate
+// The parallel wrapper of every array export of `ops`, contiguous and
+// strided: at each of `orders` it starts at the first count whose estimate
 // `reaches(row, n, strided, count)` its kernel's limit. At each (order, count,
 // bad, height; 0: square) of `cases`, above the limits: the same bits on 1
 // thread, on 4 and on 4 whose scratch allocation fails
@@ -169,40 +169,42 @@ void fan_out(const std::vector<std::string>& ops, std::initializer_list<int> ord
                         }, name + " n=" + std::to_string(n));
                     }
                 const bool can_fail = fails != zelStsOk && is_decomp(*row);
-                for (const auto& k : cases) {
-                    const int n = k[0], count = k[1], bad = k[2];
-                    auto make = [&](int b) {
-                        auto l = laid<T>(*row, count, n, {}, k[3]);
-                        fill(*row, l, b);
-                        return l;
-                    };
-                    fh::expect_same_on_threads<Scratch>([&] { return make(-1); }, true, name);
-                    auto clean = make(-1);
-                    {
-                        subst::Scope one(1);
-                        ASSERT_EQ(clean.call(), zelStsOk) << name;
-                    }
-                    // the table entries of object o (LU only)
-                    auto table = [&](fh::Laid<T>& l, int o) {
-                        const int* p = l.args.ptrs.count("pDstIndex") ? l.index("pDstIndex") + o * n : nullptr;
-                        return std::vector<int>(p, p ? p + n : p);
-                    };
-                    for (int threads : {1, 4}) {
-                        auto l = make(bad);
-                        subst::Scope scope(threads);
-                        ASSERT_EQ(l.call(), can_fail ? fails : zelStsOk) << name;
-                        ASSERT_EQ(subst::thread_queries, threads == 1 ? 1 : 2) << name;
-                        for (int o = 0; o < count; ++o) {
-                            const auto got = l.results(o);
-                            const auto p = table(l, o);
-                            const bool done = !can_fail || completed(o, bad, count, threads);
-                            ASSERT_TRUE(o == bad || (done ? fh::same(got, clean.results(o)) && p == table(clean, o)
-                                                          : std::all_of(got.begin(), got.end(), fh::untouched<T>) &&
-                                                                std::count(p.begin(), p.end(), fh::Laid<T>::kIntSentinel) == int(p.size())))
-                                << name << " on " << threads << " threads, object " << o;
+                for (const auto& k : cases)
+                    for (int strided = 0; strided < (row->form[0] == 'P' ? 1 : 2); ++strided) {
+                        const int n = k[0], count = k[1], bad = k[2];
+                        auto make = [&](int b) {
+                            auto l = laid<T>(*row, count, n, lay::steps(strided), k[3]);
+                            fill(*row, l, b);
+                            return l;
+                        };
+                        const std::string what = name + " stride " + std::to_string(strided + 1);
+                        fh::expect_same_on_threads<Scratch>([&] { return make(-1); }, true, what);
+                        auto clean = make(-1);
+                        {
+                            subst::Scope one(1);
+                            ASSERT_EQ(clean.call(), zelStsOk) << what;
+                        }
+                        // the table entries of object o (LU only)
+                        auto table = [&](fh::Laid<T>& l, int o) {
+                            const int* p = l.args.ptrs.count("pDstIndex") ? l.index("pDstIndex") + o * n : nullptr;
+                            return std::vector<int>(p, p ? p + n : p);
+                        };
+                        for (int threads : {1, 4}) {
+                            auto l = make(bad);
+                            subst::Scope scope(threads);
+                            ASSERT_EQ(l.call(), can_fail ? fails : zelStsOk) << what;
+                            ASSERT_EQ(subst::thread_queries, threads == 1 ? 1 : 2) << what;
+                            for (int o = 0; o < count; ++o) {
+                                const auto got = l.results(o);
+                                const auto p = table(l, o);
+                                const bool done = !can_fail || completed(o, bad, count, threads);
+                                const bool left = std::all_of(got.begin(), got.end(), fh::untouched<T>) &&
+                                                  std::count(p.begin(), p.end(), fh::Laid<T>::kIntSentinel) == int(p.size());
+                                ASSERT_TRUE(o == bad || (done ? fh::same(got, clean.results(o)) && p == table(clean, o) : left))
+                                    << what << " on " << threads << " threads, object " << o;
+                            }
                         }
                     }
-                }
             });
 }
 
