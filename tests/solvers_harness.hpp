@@ -1,8 +1,11 @@
-// Shared by the solver suites: sq (QR, inversion, determinant) and tri_test
-// (LU, Cholesky: bit for bit against the family's reference, the wrapper).
+// Shared by the solver suites: sq (all of them; QR, inversion, determinant
+// above all) and tri_test (LU, Cholesky: bit for bit against the family's
+// reference).
 #pragma once
 
 #include <Eigen/Dense>
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -111,48 +114,98 @@ Vec<T> single_ok(const std::string& op, int n, int h, bool strided, const Vec<T>
     return out;
 }
 
-// An export at the fan-out limit of its kernel: the first object count that
-// reaches the limit for h x n objects (h 0: square), contiguous or strided.
-struct Boundary {
-    const char* name;
-    int n, at;
-    bool strided;
-    int h = 0;
-};
+// decompositions and inversion, determinant (no vector operand); arrays
+inline bool is_decomp(const reg::ExportRow& r) { return std::string(r.sig).find('v') == std::string::npos; }
+inline bool is_array(const reg::ExportRow& r) { return std::string(r.sig).find('a') != std::string::npos; }
+// matrices (and pivot tables) of a call: one per object in "ma" and "mava"
+inline int mats_of(const reg::ExportRow& r, int count) { return std::string(r.sig) == "ma" || std::string(r.sig) == "mava" ? count : 1; }
 
-// The parallel wrapper of each boundary's export: one object below `at` the
-// direct path, at it the wrapper forks (fh::expect_forks_from); with one
-// more, the same results on any number of threads
-// (fh::expect_same_on_threads). `fill(b, l)` fills the operands and says so, or random
-// sources (one of them zero when the family has no failure, `fails` 0) go in;
-// with those, on 4 threads, a zero object in a slice gives the call's status
-// `fails`.
+// Random objects in Src, object `bad` zero (bad -1: none).
 struct RandomFill {
     template <class L>
-    bool operator()(const Boundary&, L&) const { return false; }
+    void operator()(const reg::ExportRow&, L& l, int bad) const {
+        using T = std::decay_t<decltype(l.at("Src", 0, 0, 0))>;
+        const int n = l.args.nums.at("widthHeight");
+        random_objects(l, "Src", 4, n, n);
+        if (bad >= 0) l.set("Src", bad, Vec<T>(std::size_t(n) * n, T(0)));
+    }
 };
-template <std::size_t N, class Fill = RandomFill>
-void square_fan_out(const Boundary (&bs)[N], zelStatus fails, Fill fill = {}) {
-    for (const auto& b : bs)
-        fh::with_type(fh::row_named(b.name), [&](auto t) {
-            using T = decltype(t);
-            const lay::Layout L = lay::steps(b.strided);
-            const int h = b.h ? b.h : b.n;
-            bool custom = false;
-            auto filled = [&](int count) {
-                auto l = laid<T>(fh::row_named(b.name), count, b.n, L, h);
-                if (!(custom = fill(b, l))) random_objects(l, "Src", 4, h, b.n);
-                if (fails == zelStsOk) l.set("Src", count / 2, Vec<T>(std::size_t(h) * b.n, T(0)));
-                return l;
-            };
-            fh::expect_forks_from(b.at, [&](int count) { filled(count).call(); }, b.name);
-            fh::expect_same_on_threads([&] { return filled(b.at + 1); }, true, b.name);
-            auto l = filled(b.at + 1);
-            if (custom) return;
-            l.set("Src", b.at - 1, Vec<T>(std::size_t(h) * b.n, T(0)));
-            subst::Scope scope(4);
-            EXPECT_EQ(l.call(), fails) << b.name;
-        });
+
+// Whether object o is complete when object `bad` fails: slices are
+// contiguous in thread order, the first count % threads one object longer,
+// and each stops at its own failure only.
+inline bool completed(int o, int bad, int count, int threads) {
+    const int q = count / threads, r = count % threads;
+    auto slice = [&](int x) { return x < (q + 1) * r ? x / (q + 1) : r + (x - (q + 1) * r) / q; };
+    return slice(o) != slice(bad) || o < bad;
+}
+
+// The parallel wrapper of every array export of `ops`, contiguous and
+// strided: at each of `orders` it starts at the first count whose estimate
+// `reaches(row, n, strided, count)` its kernel's limit. At each (order, count,
+// bad, height; 0: square) of `cases`, above the limits: the same bits on 1
+// thread, on 4 and on 4 whose scratch allocation fails
+// (fh::expect_same_on_threads); then on 1 and on 4 threads with object `bad`
+// failing (`fill(row, laid, bad)` sets the operands, bad -1: none fails) the
+// status `fails` where the export has one, every object of a slice without
+// the failure, and those before it in its own, as in the call without it
+// (tables too), those after it untouched.
+template <bool Scratch, class Reaches, class Fill>
+void fan_out(const std::vector<std::string>& ops, std::initializer_list<int> orders, Reaches reaches,
+             std::initializer_list<std::array<int, 4>> cases, zelStatus fails, Fill fill) {
+    for (const auto* row : fh::exports_of(ops))
+        if (is_array(*row))
+            fh::with_type(*row, [&](auto t) {
+                using T = decltype(t);
+                const std::string name = row->name;
+                for (int strided = 0; strided < (row->form[0] == 'P' ? 1 : 2); ++strided)
+                    for (int n : orders) {
+                        int at = 1;
+                        while (!reaches(*row, n, strided == 1, at)) ++at;
+                        fh::expect_forks_from(at, [&](int count) {
+                            auto l = laid<T>(*row, count, n, lay::steps(strided));
+                            fill(*row, l, -1);
+                            EXPECT_EQ(l.call(), zelStsOk) << name;
+                        }, name + " n=" + std::to_string(n));
+                    }
+                const bool can_fail = fails != zelStsOk && is_decomp(*row);
+                for (const auto& k : cases)
+                    for (int strided = 0; strided < (row->form[0] == 'P' ? 1 : 2); ++strided) {
+                        const int n = k[0], count = k[1], bad = k[2];
+                        auto make = [&](int b) {
+                            auto l = laid<T>(*row, count, n, lay::steps(strided), k[3]);
+                            fill(*row, l, b);
+                            return l;
+                        };
+                        const std::string what = name + " stride " + std::to_string(strided + 1);
+                        fh::expect_same_on_threads<Scratch>([&] { return make(-1); }, true, what);
+                        auto clean = make(-1);
+                        {
+                            subst::Scope one(1);
+                            ASSERT_EQ(clean.call(), zelStsOk) << what;
+                        }
+                        // the table entries of object o (LU only)
+                        auto table = [&](fh::Laid<T>& l, int o) {
+                            const int* p = l.args.ptrs.count("pDstIndex") ? l.index("pDstIndex") + o * n : nullptr;
+                            return std::vector<int>(p, p ? p + n : p);
+                        };
+                        for (int threads : {1, 4}) {
+                            auto l = make(bad);
+                            subst::Scope scope(threads);
+                            ASSERT_EQ(l.call(), can_fail ? fails : zelStsOk) << what;
+                            ASSERT_EQ(subst::thread_queries, threads == 1 ? 1 : 2) << what;
+                            for (int o = 0; o < count; ++o) {
+                                const auto got = l.results(o);
+                                const auto p = table(l, o);
+                                const bool done = !can_fail || completed(o, bad, count, threads);
+                                const bool left = std::all_of(got.begin(), got.end(), fh::untouched<T>) &&
+                                                  std::count(p.begin(), p.end(), fh::Laid<T>::kIntSentinel) == int(p.size());
+                                ASSERT_TRUE(o == bad || (done ? fh::same(got, clean.results(o)) && p == table(clean, o) : left))
+                                    << what << " on " << threads << " threads, object " << o;
+                            }
+                        }
+                    }
+            });
 }
 
 }  // namespace sq
@@ -161,12 +214,11 @@ namespace tri_test {
 
 using fh::Image;
 using fh::Laid;
+using sq::is_array;
+using sq::is_decomp;
+using sq::mats_of;
 using sq::Vec;
 
-inline bool is_decomp(const reg::ExportRow& r) { return std::string(r.sig).find('v') == std::string::npos; }
-inline bool is_array(const reg::ExportRow& r) { return std::string(r.sig).find('a') != std::string::npos; }
-// matrices (and pivot tables) of a call: one per object in "ma" and "mava"
-inline int mats_of(const reg::ExportRow& r, int count) { return std::string(r.sig) == "ma" || std::string(r.sig) == "mava" ? count : 1; }
 
 template <class T>
 T rand_in(std::mt19937& g, double lo, double hi) {
@@ -199,57 +251,68 @@ struct Expect {
     zelStatus st = zelStsOk;
 };
 
-// A decomposition export on one matrix per object: `ref(A, n, pointer
-// form)` gives each object's Expect, up to the first failure (later objects
-// and their tables untouched); `prepare(laid)` runs before the memory is
-// taken as the image; `residual(laid, o)` of the completed objects is small.
-template <class T, class Ref, class Prepare, class Residual>
-void check_decomp(const reg::ExportRow& row, int n, const std::vector<Vec<T>>& mats, const lay::Layout& L, bool in_place, Ref ref,
-                  Prepare prepare, Residual residual) {
-    SCOPED_TRACE(std::string(row.name) + " n=" + std::to_string(n) + " " + L.label + (in_place ? " in place" : ""));
-    const int count = int(mats.size());
-    auto l = sq::laid<T>(row, count, n, L, 0, in_place);
-    for (int o = 0; o < count; ++o) l.set("Src", o, mats[o]);
-    prepare(l);
-    Image<T> img(l, "Dst");
-    const bool lu = l.args.ptrs.count("pDstIndex");
-    std::vector<int> table(lu ? l.index("pDstIndex") : nullptr, lu ? l.index("pDstIndex") + count * n + 8 : nullptr);
-    zelStatus want = zelStsOk;
-    int done = 0;
-    for (; done < count && want == zelStsOk; ++done) {
-        const Expect<T> e = ref(mats[done], n, row.form[0] == 'P');
-        for (int k = 0; k < n * n; ++k)
-            if (e.stored[k]) img.put(done, k / n, k % n, e.f[k]);
-        if (lu) std::copy(e.p.begin(), e.p.end(), table.begin() + done * n);
-        want = e.st;
-    }
-    ASSERT_TRUE(fh::call_matches(l, {img}, want));
-    EXPECT_TRUE(!lu || std::equal(table.begin(), table.end(), l.index("pDstIndex")));
-    for (int o = 0; o < done - (want != zelStsOk); ++o) EXPECT_LT(residual(l, o), sizeof(T) == 4 ? 1e-5 : 1e-14) << o;
-}
-
 // Every decomposition export of `op` at orders 1 to 9 on 19 objects (whole
 // batches of lanes and a rest) from `make(T(), g, n, o)`: `spoil(A, n, c)`
-// makes object 10 fail at step c, or none fails (c = -1, also in place);
-// then check_decomp, `prepare(l, in_place)`, `residual(A, l, o, n)`.
-template <class Make, class Spoil, class Ref, class Prepare, class Residual>
-void check_decomps(const std::string& op, Make make, Spoil spoil, Ref ref, Prepare prepare, Residual residual) {
+// makes object 10 fail at step c, or none fails (c = -1, also in place).
+// `ref(A, n, pointer form)` gives each object's Expect, up to the first
+// failure (later objects and their tables untouched); `prepare(laid,
+// in_place)` runs before the memory is taken as the image. (check_solves
+// holds the references' factors to Eigen's solutions.)
+template <class Make, class Spoil, class Ref, class Prepare>
+void check_decomps(const std::string& op, Make make, Spoil spoil, Ref ref, Prepare prepare) {
     unsigned seed = 1;
     for (const auto* row : fh::exports_of({op}))
         for (int n = 1; n <= 9; ++n)
             for (int c = -1; c < n; ++c)
-                fh::with_type(*row, [&](auto t) {
-                    using T = decltype(t);
-                    std::mt19937 g(seed++);
-                    std::vector<Vec<T>> mats;
-                    for (int o = 0; o < 19; ++o) mats.push_back(make(t, g, n, o));
-                    if (c >= 0) spoil(mats[10], n, c);
-                    if (!is_array(*row)) mats = {mats[10]};
-                    for (bool in_place : {false, c < 0})
-                        check_decomp<T>(
-                            *row, n, mats, sq::layouts()[(c + 2) % 2], in_place, ref, [&](Laid<T>& l) { prepare(l, in_place); },
-                            [&](Laid<T>& l, int o) { return residual(mats[o], l, o, n); });
-                });
+                for (int in_place = 0; in_place <= (c < 0); ++in_place)
+                    fh::with_type(*row, [&](auto t) {
+                        using T = decltype(t);
+                        std::mt19937 g(seed++);
+                        std::vector<Vec<T>> mats;
+                        for (int o = 0; o < 19; ++o) mats.push_back(make(t, g, n, o));
+                        if (c >= 0) spoil(mats[10], n, c);
+                        if (!is_array(*row)) mats = {mats[10]};
+                        const lay::Layout L = sq::layouts()[(c + 2) % 2];
+                        SCOPED_TRACE(std::string(row->name) + " n=" + std::to_string(n) + " " + L.label + (in_place ? " in place" : ""));
+                        const int count = int(mats.size());
+                        auto l = sq::laid<T>(*row, count, n, L, 0, in_place == 1);
+                        for (int o = 0; o < count; ++o) l.set("Src", o, mats[o]);
+                        prepare(l, in_place == 1);
+                        Image<T> img(l, "Dst");
+                        const bool lu = l.args.ptrs.count("pDstIndex");
+                        std::vector<int> table(lu ? l.index("pDstIndex") : nullptr, lu ? l.index("pDstIndex") + count * n + 8 : nullptr);
+                        zelStatus want = zelStsOk;
+                        int done = 0;
+                        for (; done < count && want == zelStsOk; ++done) {
+                            const Expect<T> e = ref(mats[done], n, row->form[0] == 'P');
+                            for (int k = 0; k < n * n; ++k)
+                                if (e.stored[k]) img.put(done, k / n, k % n, e.f[k]);
+                            if (lu) std::copy(e.p.begin(), e.p.end(), table.begin() + done * n);
+                            want = e.st;
+                        }
+                        ASSERT_TRUE(fh::call_matches(l, {img}, want));
+                        EXPECT_TRUE(!lu || std::equal(table.begin(), table.end(), l.index("pDstIndex")));
+                    });
+}
+
+// The solve of the factors' triangles, x being b on entry: x(i) less the
+// products lo(i, j) x(j) over j < i, through fwd(i, .), then less up(i, j)
+// x(j) over j > i, through back(i, .); at orders 3 to 6 by successive
+// subtraction in ascending j, elsewhere minus the sum of partial sums.
+template <class T, class Lo, class Up, class Fwd, class Back>
+Vec<T> substitute(Vec<T> x, Lo lo, Up up, Fwd fwd, Back back) {
+    const int n = int(x.size());
+    auto less = [&](int i, auto coef, int from, int to) {
+        Vec<T> t;
+        for (int j = from; j < to; ++j) t.push_back(coef(i, j) * x[j]);
+        if (n < 3 || n > 6) return x[i] - partial(t, T(0), 1, 2);
+        T v = x[i];
+        for (T p : t) v -= p;
+        return v;
+    };
+    for (int i = 0; i < n; ++i) x[i] = fwd(i, less(i, lo, 0, i));
+    for (int i = n - 1; i >= 0; --i) x[i] = back(i, less(i, up, i + 1, n));
+    return x;
 }
 
 // x against Eigen's double-precision solution of A x = b (row-major A).
@@ -303,70 +366,17 @@ void check_solves(const std::string& op, InPlace in_place, Make make, Factor fac
                 });
 }
 
-// Whether object o is complete when object `bad` fails: slices are
-// contiguous in thread order, the first count % threads one object longer,
-// and each stops at its own failure only.
-inline bool completed(int o, int bad, int count, int threads) {
-    const int q = count / threads, r = count % threads;
-    auto slice = [&](int x) { return x < (q + 1) * r ? x / (q + 1) : r + (x - (q + 1) * r) / q; };
-    return slice(o) != slice(bad) || o < bad;
-}
-
-// The work estimates as documented, in plain 64-bit arithmetic (they do not
-// wrap at the sizes tested).
-inline std::int64_t documented_estimate(const std::string& sig, std::int64_t n, std::int64_t count) {
-    return sig == "ma" ? n * n * count : sig == "mva" ? (n + 2 * count) * n : (n + 2) * n * count;
-}
-
-// The wrapper of every array export of `ops`. At the limit of its kernel in
-// `limits`, the documented table the test writes out (orders 1, where the
-// estimate meets most limits exactly, 3 and 7; contiguous and strided), it
-// starts at the first count whose estimate reaches it. Then at each
-// (order, count, bad) of `cases`, on 1 and on 4 threads, object `bad` failing
-// in the decompositions with `fails`: `fill(row, laid, bad)` sets the
-// operands (bad -1: none fails), `done(laid, o, n)` says whether a decomposed
-// object is complete and `untouched(laid, o)` whether it was left alone; the
-// solutions agree bit for bit.
-template <std::size_t R, class Fill, class Done, class Untouched>
-void fan_out(const std::vector<std::string>& ops, const zel::tri::LimitRow (&limits)[R], std::initializer_list<std::array<int, 3>> cases,
-             zelStatus fails, Fill fill, Done done, Untouched untouched) {
-    for (const auto* row : fh::exports_of(ops))
-        if (is_array(*row))
-            fh::with_type(*row, [&](auto t) {
-                using T = decltype(t);
-                const std::string sig = row->sig;
-                for (int strided = 0; strided < (row->form[0] == 'P' ? 1 : 2); ++strided) {
-                    const auto kern = zel::tri::kern_of(zel::Form(std::string("SLP").find(row->form[0])), !strided);
-                    const int limit = zel::tri::limit_for<T>(limits, sig, kern);
-                    for (int n : {1, 3, 7}) {
-                        int at = 1;
-                        while (documented_estimate(sig, n, at) < limit) ++at;
-                        const lay::Layout L = lay::steps(strided);
-                        fh::expect_forks_from(at, [&](int count) {
-                            auto l = sq::laid<T>(*row, count, n, L);
-                            fill(*row, l, -1);
-                            EXPECT_EQ(l.call(), zelStsOk) << row->name;
-                        }, std::string(row->name) + " n=" + std::to_string(n));
-                    }
-                }
-                for (auto [n, count, bad] : cases) {
-                    Vec<T> mem[2];
-                    for (int k = 0; k < 2; ++k) {
-                        const int threads = k == 0 ? 1 : 4;
-                        auto l = sq::laid<T>(*row, count, n);
-                        fill(*row, l, bad);
-                        subst::Scope scope(threads);
-                        ASSERT_EQ(l.call(), is_decomp(*row) ? fails : zelStsOk) << row->name;
-                        ASSERT_EQ(subst::thread_queries, k + 1) << row->name;
-                        mem[k] = l.memory("Dst");
-                        for (int o = 0; is_decomp(*row) && o < count; ++o) {
-                            const bool ok = completed(o, bad, count, threads) ? done(l, o, n) : o <= bad || untouched(l, o);
-                            ASSERT_TRUE(ok) << row->name << " object " << o;
-                        }
-                    }
-                    EXPECT_TRUE(is_decomp(*row) || fh::same(mem[0], mem[1]));
-                }
-            });
+// The documented work estimates, in plain 64-bit arithmetic (they do not
+// wrap at the sizes tested), against the kernels' limits in `limits`, the
+// documented table the test writes out: sq::fan_out's `reaches`.
+template <std::size_t R>
+auto reaches(const zel::tri::LimitRow (&limits)[R]) {
+    return [&limits](const reg::ExportRow& row, std::int64_t n, bool strided, std::int64_t count) {
+        const std::string sig = row.sig;
+        const auto kern = zel::tri::kern_of(zel::Form(std::string("SLP").find(row.form[0])), !strided);
+        const int limit = fh::is64(row) ? zel::tri::limit_for<double>(limits, sig, kern) : zel::tri::limit_for<float>(limits, sig, kern);
+        return (sig == "ma" ? n * n * count : sig == "mva" ? (n + 2 * count) * n : (n + 2) * n * count) >= limit;
+    };
 }
 
 }  // namespace tri_test

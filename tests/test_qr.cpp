@@ -9,8 +9,6 @@ namespace {
 using sq::Mat;
 using sq::Vec;
 
-bool is_dec(const reg::ExportRow& r) { return std::string(r.op) == "QRDecomp"; }
-
 // The standard single-object calls: the reference of every form.
 template <class T>
 zelStatus decomp(const Vec<T>& a, Vec<T>& d, int w, int h) {
@@ -19,10 +17,6 @@ zelStatus decomp(const Vec<T>& a, Vec<T>& d, int w, int h) {
 template <class T>
 Vec<T> decomposed(const Vec<T>& a, int w, int h) {
     return sq::single_ok("QRDecomp", w, h, false, a);
-}
-template <class T>
-Vec<T> solved(const Vec<T>& qr, const Vec<T>& b, int w, int h) {
-    return sq::single_ok("QRBackSubst", w, h, false, qr, b);
 }
 
 // The source rebuilt from a packed result: H(0) H(1) ... H(K-1) R, with
@@ -51,11 +45,11 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
     for (const auto* row : fh::exports_of({"QRDecomp", "QRBackSubst"}))
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
-            const bool dec = is_dec(*row);
+            const bool dec = sq::is_decomp(*row);
             for (const auto& [w, h] : kShapes)
                 for (const auto& L : sq::layouts())
-                    for (bool in_place : {false, w == h && L.k2 > 1}) {
-                        auto l = sq::laid<T>(*row, sq::kCount, w, L, h, in_place);
+                    for (int in_place = 0; in_place <= (w == h && L.k2 > 1); ++in_place) {
+                        auto l = sq::laid<T>(*row, sq::kCount, w, L, h, in_place == 1);
                         const auto a = sq::random_objects(l, dec ? "Src" : "Src1", unsigned(w * 31 + h), h, w);
                         std::mt19937 g(1);
                         Vec<Vec<T>> qr, b;
@@ -75,7 +69,7 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
                                 EXPECT_TRUE(h == 1 || (got[0] > 0) == !(a[n][0] > 0)) << at;
                                 continue;
                             }
-                            ASSERT_TRUE(fh::same(got, solved(qr[m], b[n], w, h))) << at;
+                            ASSERT_TRUE(fh::same(got, sq::single_ok("QRBackSubst", w, h, false, qr[m], b[n]))) << at;
                             const Eigen::VectorXd want = A.colPivHouseholderQr().solve(sq::to_eigen(b[n], h, 1));
                             const double c = sq::cond(A);
                             EXPECT_LE((sq::to_eigen(got, w, 1) - want).norm(), 64 * c * c * sq::eps<T>() * (1 + want.norm())) << at;
@@ -95,23 +89,12 @@ void rank_threshold(T x, T y, T column) {
     EXPECT_EQ(decomp(Vec<T>{column, column}, d, 1, 2), zelStsErrDivByZero);
 }
 
-TEST(QR, WorkedExamplesAndTheStrictRankThreshold) {
-    sq::for_types([](auto t) {
-        using T = decltype(t);
-        // the column (3, 4): s = 25, alpha = 5, r = 1/8, reflector entry 0.5, tau = -1.6; x = 1
-        const Vec<T> col{3, 4}, p = decomposed(col, 1, 2);
-        EXPECT_EQ(p, (Vec<T>{-5, T(0.5)}));
-        EXPECT_EQ(solved(p, col, 1, 2), Vec<T>{1});
-        // 1x1: no reflector, no test, the element copied, even 0; x = b / a
-        EXPECT_EQ(decomposed(Vec<T>{0}, 1, 1), Vec<T>{0});
-        EXPECT_EQ(solved(Vec<T>{4}, Vec<T>{3}, 1, 1), Vec<T>{T(0.75)});
-        // the identity of order 4: -1 on the reflected diagonal, the last +1, reflectors 0
-        Vec<T> id(16, T(0)), want(16, T(0));
-        for (int i = 0; i < 4; ++i) id[i * 5] = 1, want[i * 5] = i < 3 ? -1 : 1;
-        EXPECT_EQ(decomposed(id, 4, 4), want);
-    });
+TEST(QR, TheStrictRankThresholdAndNoTestAtOrderOne) {
     rank_threshold<float>(std::ldexp(1.0f, -12), std::ldexp(1.0f, -12), 1e-4f);  // 2^-24 + 2^-24
     rank_threshold<double>(std::ldexp(1.0, -26), 0.0, 1e-9);                     // 2^-52
+    // 1x1: no reflector, no test, the element copied, even 0
+    EXPECT_EQ(decomposed(Vec<float>{0}, 1, 1), Vec<float>{0});
+    EXPECT_EQ(decomposed(Vec<double>{0}, 1, 1), Vec<double>{0});
 }
 
 // A rank-deficient object in the middle of an array: the ones before are
@@ -153,28 +136,27 @@ TEST(QR, RankDeficiencyStopsTheArrayWithTheFinishedSteps) {
         });
 }
 
-// The parallel wrapper at its limits. 4x4: decomposition 32 c against 2801
-// (standard) and 1801; mva 16 + 8 c; mava 24 c. 2x40 (the decomposition
-// works in the destination, both use the scratch): decomposition 160 c;
-// mava 122 c. A zero column in the last slice is merged into the status.
+// The parallel wrapper: estimates 2 w h c (decomposition), w h + (w + h) c
+// (mva), (w (h + 1) + h) c (mava) against 2801 (standard form) and 1801.
+// At 2x40 the decomposition works in the destination; both use the scratch.
+// Random matrices, object `bad` zero; their factors and random b for the solves.
 TEST(QR, FanOut) {
-    const sq::Boundary kBoundaries[] = {
-        {"zelmQRDecomp_ma_32f", 4, 88, false},       {"zelmQRDecomp_ma_64f", 4, 88, true},
-        {"zelmQRDecomp_ma_32f_L", 4, 57, false},     {"zelmQRDecomp_ma_64f_P", 4, 57, false},
-        {"zelmQRBackSubst_mva_32f", 4, 349, true},   {"zelmQRBackSubst_mva_64f_L", 4, 224, false},
-        {"zelmQRBackSubst_mava_64f", 4, 117, false}, {"zelmQRBackSubst_mava_32f_P", 4, 76, false},
-        {"zelmQRDecomp_ma_64f_P", 2, 12, false, 40}, {"zelmQRBackSubst_mava_32f_L", 2, 15, true, 40},
+    auto reaches = [](const reg::ExportRow& r, int n, bool, int c) {
+        const std::string sig = r.sig;
+        return (sig == "ma" ? 2 * n * n * c : sig == "mva" ? n * n + 2 * n * c : (n * (n + 1) + n) * c) >= (*r.form == 'S' ? 2801 : 1801);
     };
-    sq::square_fan_out(
-        kBoundaries, zelStsErrDivByZero, [](const auto& b, auto& l) {  // the solves: factors of random matrices, random b
-            using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
-            const int h = b.h ? b.h : b.n;
-            if (is_dec(fh::row_named(b.name))) return false;
+    auto fill = [](const reg::ExportRow& row, auto& l, int bad) {
+        using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
+        const int w = l.args.nums.at("width"), h = l.args.nums.at("height");
+        if (!sq::is_decomp(row)) {
             std::mt19937 g(9);
-            for (int n = 0; n < l.objects("Src1"); ++n) l.set("Src1", n, decomposed(sq::random_matrix<T>(g, h, b.n), b.n, h));
+            for (int n = 0; n < l.objects("Src1"); ++n) l.set("Src1", n, decomposed(sq::random_matrix<T>(g, h, w), w, h));
             sq::random_objects(l, "Src2", 5, 1, h);
-            return true;
-        });
+        } else if (sq::random_objects(l, "Src", 4, h, w); bad >= 0) {
+            l.set("Src", bad, Vec<T>(std::size_t(w) * h, T(0)));
+        }
+    };
+    sq::fan_out<true>({"QRDecomp", "QRBackSubst"}, {1, 3, 7}, reaches, {{4, 400, 300}, {2, 80, 60, 40}}, zelStsErrDivByZero, fill);
 }
 
 }  // namespace
