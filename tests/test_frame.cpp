@@ -1,9 +1,10 @@
-// The call frame: the version record, and the argument checks of every
-// export, broken one at a time and in pairs.
+// The call frame: the registry as built, the version record, and the argument
+// checks of every export, broken one at a time and in pairs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,18 @@
 #include "zelm.h"
 
 namespace {
+
+TEST(Registry, HasEveryExportOnceAndCallersForTheCheckedOnes) {
+    const auto& rows = reg::exports();
+    EXPECT_EQ(rows.size(), 874u);
+    std::set<std::string> names;
+    for (const auto& r : rows) {
+        EXPECT_TRUE(names.insert(r.name).second) << r.name;
+        if (r.implemented && *r.checks) {
+            EXPECT_NE(reg::caller_of(r.name), nullptr) << r.name;
+        }
+    }
+}
 
 TEST(Version, IsTheConstantRecord) {
     const zelLibVersion* v = zelmGetLibVersion();
@@ -99,6 +112,28 @@ TEST(Checks, TheFirstFailingCheckInOrderWins) {
                 ASSERT_TRUE(c.changed().empty()) << c.row().name;
             }
     });
+}
+
+// Orders worth seeing spelled out, independently of the registry: the odd
+// ones of the element-wise family.
+TEST(Checks, DocumentedOrders) {
+    float x[64] = {};
+    const float* tab[16] = {};
+    float* dtab[16] = {};
+    // width 0 and a stride of 6: strides come first in the standard mam, sizes in _L and mat
+    EXPECT_EQ(zelmAdd_mam_32f(x, 64, 16, 4, x, 16, 4, x, 64, 16, 6, 0, 2, 2), zelStsErrStride);
+    EXPECT_EQ(zelmAdd_mam_32f_L(tab, 0, 16, 4, x, 16, 4, dtab, 0, 16, 6, 0, 2, 2), zelStsErrSize);
+    EXPECT_EQ(zelmAdd_mat_32f(x, 64, 16, 4, x, 16, 4, x, 64, 16, 6, 0, 2, 2), zelStsErrSize);
+    // count 0 and a stride of 6: vav tests count last, vava early
+    EXPECT_EQ(zelmAdd_vav_32f(x, 64, 6, x, 4, x, 64, 4, 2, 0), zelStsErrStride);
+    EXPECT_EQ(zelmAdd_vava_32f(x, 64, 6, x, 64, 4, x, 64, 4, 2, 0), zelStsErrCount);
+    // a stride of 4 in a 64f call
+    double d[16] = {};
+    EXPECT_EQ(zelmAdd_vv_64f(d, 4, d, 8, d, 8, 2), zelStsErrStride);
+    // a null pointer with count 0
+    EXPECT_EQ(zelmSub_mam_32f(nullptr, 64, 16, 4, x, 16, 4, x, 64, 16, 4, 2, 2, 0), zelStsErrNullPointer);
+    // stride0 is tested with count 1 too
+    EXPECT_EQ(zelmSub_mam_32f(x, 0, 16, 4, x, 16, 4, x, 64, 16, 4, 2, 2, 1), zelStsErrStride);
 }
 
 }  // namespace
