@@ -10,22 +10,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ZEL_ASAN 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__)
-#define ZEL_ASAN 1
-#endif
-#ifdef ZEL_ASAN
+// the guards are poisoned under AddressSanitizer (the macros do nothing otherwise)
 #include <sanitizer/asan_interface.h>
-#define ZEL_POISON(p, n) __asan_poison_memory_region((p), (n))
-#define ZEL_UNPOISON(p, n) __asan_unpoison_memory_region((p), (n))
-#else
-#define ZEL_POISON(p, n) ((void)(p), (void)(n))
-#define ZEL_UNPOISON(p, n) ((void)(p), (void)(n))
-#endif
 
 namespace ac {
 
@@ -49,64 +35,50 @@ std::uint32_t Draw::u32() {
 
 namespace {
 
+// Sums of products of integers, argument names, ( ), elems(Group) and
+// objects(Group).
 struct Parser {
     const std::string& s;
-    std::size_t i = 0;
     const std::map<std::string, std::int64_t>& names;
     const std::map<std::string, std::int64_t>& elems;
     const std::map<std::string, std::int64_t>& objects;
+    std::size_t i = 0;
 
-    bool eat(const char* t) {
+    bool eat(char c) {
         while (i < s.size() && s[i] == ' ') ++i;
-        const std::size_t n = std::strlen(t);
-        if (s.compare(i, n, t) != 0) return false;
-        i += n;
-        return true;
+        return i < s.size() && s[i] == c && ++i;
     }
     [[noreturn]] void fail() const { throw std::runtime_error("bad expression: " + s); }
     std::string word() {
-        eat("");
+        eat(' ');
         const std::size_t b = i;
         while (i < s.size() && (std::isalnum(static_cast<unsigned char>(s[i])) || s[i] == '_')) ++i;
         if (b == i) fail();
         return s.substr(b, i - b);
     }
     std::int64_t atom() {
-        if (eat("(")) {
-            const std::int64_t v = binary(0);
-            if (!eat(")")) fail();
+        if (eat('(')) {
+            const std::int64_t v = sum();
+            if (!eat(')')) fail();
             return v;
         }
         const std::string w = word();
         if (std::isdigit(static_cast<unsigned char>(w[0]))) return std::stoll(w);
-        if (eat("(")) {
-            const std::string g = word();
-            if (!eat(")")) fail();
-            const auto& table = w == "elems" ? elems : w == "objects" ? objects : (fail(), elems);
-            const auto it = table.find(g);
-            if (it == table.end()) fail();
-            return it->second;
-        }
-        const auto it = names.find(w);
-        if (it == names.end()) throw std::runtime_error("no argument " + w + " in " + s);
+        const auto& table = !eat('(') ? names : w == "elems" ? elems : w == "objects" ? objects : (fail(), names);
+        const std::string key = &table == &names ? w : word();
+        if (&table != &names && !eat(')')) fail();
+        const auto it = table.find(key);
+        if (it == table.end()) throw std::runtime_error("no " + key + " in " + s);
         return it->second;
     }
-    // Left to right within a level: && (0), one comparison (1), + - (2), * (3).
-    std::int64_t binary(int level) {
-        static const char* const ops[4][6] = {{"&&"}, {"==", "!=", ">=", "<=", ">", "<"}, {"+", "-"}, {"*"}};
-        std::int64_t v = level == 3 ? atom() : binary(level + 1);
-        for (bool more = true; more;) {
-            more = false;
-            for (const char* op : ops[level])
-                if (op && eat(op)) {
-                    const std::int64_t r = level == 3 ? atom() : binary(level + 1);
-                    const std::string o = op;
-                    v = o == "&&" ? (v && r) : o == "==" ? v == r : o == "!=" ? v != r : o == ">=" ? v >= r : o == "<=" ? v <= r
-                      : o == ">" ? v > r : o == "<" ? v < r : o == "+" ? v + r : o == "-" ? v - r : v * r;
-                    more = level != 1;
-                    break;
-                }
-        }
+    std::int64_t product() {
+        std::int64_t v = atom();
+        while (eat('*')) v *= atom();
+        return v;
+    }
+    std::int64_t sum() {
+        std::int64_t v = product();
+        while (eat('+')) v += product();
         return v;
     }
 };
@@ -141,23 +113,22 @@ const std::map<std::string, Spec>& specs() {
                 s.groups.push_back({f.at(0), f.at(1), f.at(2), rc.at(0), rc.at(1)});
             }
             for (const auto& b : split(blocks, ' ')) {
-                BlockSpec bs;
-                const auto eq = b.find('=');
-                const auto colon = b.find(':', eq);
-                bs.param = b.substr(0, eq);
-                bs.role = b.substr(eq + 1, colon - eq - 1);
-                bs.extent = b.substr(colon + 1);
-                if (!bs.extent.empty() && bs.extent.back() == '?') {
-                    bs.nullable = true;
-                    bs.extent.pop_back();
-                }
+                // name=role:extent; "?" after the extent: may be null
+                const auto eq = b.find('='), colon = b.find(':', eq);
+                BlockSpec bs{b.substr(0, eq), b.substr(eq + 1, colon - eq - 1), b.substr(colon + 1), false, 0, {}};
+                bs.nullable = bs.extent.back() == '?';
+                if (bs.nullable) bs.extent.pop_back();
                 if (const auto at = bs.extent.find('@'); at != std::string::npos) {
                     bs.k = std::stoi(bs.extent.substr(0, at));
                     bs.stride = bs.extent.substr(at + 1);
                 }
                 s.blocks.push_back(bs);
             }
-            s.relation = rel;
+            for (const auto& clause : split(rel, '&')) {  // "a == b", "a >= b"
+                const auto w = split(clause, ' ');
+                if (w.at(1) != "==" && w.at(1) != ">=") throw std::runtime_error(std::string("relation ") + rel);
+                s.relation.push_back({w.at(0), w.at(1), w.at(2)});
+            }
             for (const auto& f : split(failures, ' ')) s.failures.push_back(status_named(f));
             s.digest_exempt = exempt != 0;
             out.emplace(name, std::move(s));
@@ -174,10 +145,8 @@ const std::map<std::string, Spec>& specs() {
     return all;
 }
 
-bool is_size(const std::string& n) {
-    static const std::string sizes = " width height len widthHeight count src1Width src1Height src2Width src2Height src2Len src3Len ";
-    return sizes.find(" " + n + " ") != std::string::npos;
-}
+// The integer arguments that are neither strides nor shifts.
+bool is_size(const std::string& n) { return n.find("Stride") == std::string::npos && n.find("Shift") == std::string::npos; }
 
 // The arena: one block for the whole process (one Call at a time), filled
 // only as far as a call uses it.
@@ -196,19 +165,22 @@ unsigned char* arena_memory() {
 std::int64_t eval(const std::string& expr, const std::map<std::string, std::int64_t>& names,
                   const std::map<std::string, std::int64_t>& elems,
                   const std::map<std::string, std::int64_t>& objects) {
-    Parser p{expr, 0, names, elems, objects};
-    const std::int64_t v = p.binary(0);
-    if (p.eat(""), p.i != expr.size()) p.fail();
+    Parser p{expr, names, elems, objects};
+    const std::int64_t v = p.sum();
+    if (p.eat(' '), p.i != expr.size()) p.fail();
     return v;
 }
 
 const Spec& spec_of(const std::string& name) { return specs().at(name); }
 
-std::vector<const reg::ExportRow*> callable_exports() {
-    std::vector<const reg::ExportRow*> out;
-    for (const auto& r : reg::exports())
-        if (r.implemented && specs().count(r.name)) out.push_back(&r);
-    return out;
+const std::vector<const reg::ExportRow*>& callable_exports() {
+    static const std::vector<const reg::ExportRow*> all = [] {
+        std::vector<const reg::ExportRow*> out;
+        for (const auto& r : reg::exports())
+            if (r.implemented && specs().count(r.name)) out.push_back(&r);
+        return out;
+    }();
+    return all;
 }
 
 // ---------------------------------------------------------------------------
@@ -292,8 +264,8 @@ Call::~Call() { poison(false); }
 
 void Call::poison(bool on) const {
     for (const auto& [off, n] : guards_) {
-        if (on) ZEL_POISON(arena_ + off, n);
-        else ZEL_UNPOISON(arena_ + off, n);
+        if (on) ASAN_POISON_MEMORY_REGION(arena_ + off, n);
+        else ASAN_UNPOISON_MEMORY_REGION(arena_ + off, n);
     }
 }
 
@@ -306,13 +278,6 @@ unsigned char* Call::alloc(std::size_t bytes, int misalign, const std::string& l
     labels_.push_back({start, label});
     used_ = start + bytes;
     return arena_ + start;
-}
-
-void** Call::alloc_table(std::size_t entries, const std::string& label) {
-    // tables are aligned as any C array of pointers is
-    void** t = reinterpret_cast<void**>(alloc(entries * sizeof(void*), 0, "the table of " + label));
-    tables_.push_back({t, entries});
-    return t;
 }
 
 std::map<std::string, std::int64_t> Call::names() const {
@@ -348,13 +313,8 @@ void Call::choose_sizes(Draw& d, Mode mode) {
         args.nums[n] = v;
     }
     // make the size relation hold, clause by clause: "a == b" sets b, "a >= b" lowers b
-    for (const auto& clause : split(spec_.relation, '&')) {
-        std::istringstream in(clause);
-        std::string a, op, b;
-        if (!(in >> a >> op >> b)) continue;
-        if (op == "==") args.nums[b] = args.nums.at(a);
-        else if (op == ">=" && args.nums.at(a) < args.nums.at(b)) args.nums[b] = args.nums.at(a);
-    }
+    for (const auto& [a, op, b] : spec_.relation)
+        if (op == "==" || args.nums.at(a) < args.nums.at(b)) args.nums[b] = args.nums.at(a);
     // keep the laid-out memory within the budget: fewer objects, then smaller ones
     for (int round = 0; round < 40; ++round) {
         const auto nm = names();
@@ -439,7 +399,9 @@ void Call::lay_group(Place l, Draw& d, Mode mode) {
         l.base = alloc(span(true), misalign(), l.g->role);
     } else {
         const std::size_t entries = l.form == 'L' ? std::size_t(l.objs) : std::size_t(l.rows) * l.cols;
-        t = alloc_table(entries, l.g->role);
+        // tables are aligned as any C array of pointers is
+        t = reinterpret_cast<void**>(alloc(entries * sizeof(void*), 0, "the table of " + l.g->role));
+        tables_.push_back({t, entries});
         l.table.resize(entries);
         for (std::size_t e = 0; e < entries; ++e) {
             const std::size_t bytes = l.shift + (l.form == 'L' ? span(false) : span(true));
@@ -516,7 +478,7 @@ zelStatus Call::check_status() const {
                 for (const auto& a : chk.args) bad |= num(a) < 1;
                 break;
             case 'M':
-                bad = eval(spec_.relation, nm, {}, {}) == 0;
+                for (const auto& [a, op, b] : spec_.relation) bad |= op == "==" ? nm.at(a) != nm.at(b) : nm.at(a) < nm.at(b);
                 break;
             case 'S':
             case 'K':
@@ -607,21 +569,13 @@ std::uint64_t Call::digest(zelStatus st) const {
 std::string Call::describe() const {
     std::ostringstream s;
     s << row_.name << "(";
-    bool first = true;
     for (const auto& p : params_) {
-        s << (first ? "" : ", ") << p.name << "=";
-        first = false;
-        if (p.pointer()) {
-            const auto v = args.ptrs.at(p.name);
-            if (!v) s << "null";
-            else if (static_cast<unsigned char*>(v) >= arena_ && static_cast<unsigned char*>(v) < arena_ + kArena)
-                s << "@" << (static_cast<unsigned char*>(v) - arena_);
-            else s << v;
-        } else if (p.real()) {
-            s << args.reals.at(p.name);
-        } else {
-            s << args.nums.at(p.name);
-        }
+        s << (&p == &params_.front() ? "" : ", ") << p.name << "=";
+        const auto* v = p.pointer() ? static_cast<const unsigned char*>(args.ptrs.at(p.name)) : nullptr;
+        if (p.real()) s << args.reals.at(p.name);
+        else if (!p.pointer()) s << args.nums.at(p.name);
+        else if (v >= arena_ && v < arena_ + kArena) s << "@" << (v - arena_);
+        else s << static_cast<const void*>(v);  // null or wild
     }
     s << ")";
     return s.str();

@@ -37,7 +37,6 @@ public:
     bool chance(std::uint32_t one_in) { return below(one_in) == 0; }
     template <class V, std::size_t N>
     V pick(const V (&v)[N]) { return v[below(N)]; }
-    bool exhausted() const { return !seeded_ && pos_ >= size_; }
 
 private:
     const std::uint8_t* data_ = nullptr;
@@ -46,8 +45,8 @@ private:
     std::uint64_t state_ = 0;
 };
 
-// An expression of exports.inc over argument values: integers, names,
-// + - * ( ), comparisons and &&, elems(Group) and objects(Group).
+// An extent of exports.inc over argument values: integers, names, + * ( ),
+// elems(Group) and objects(Group).
 std::int64_t eval(const std::string& expr, const std::map<std::string, std::int64_t>& names,
                   const std::map<std::string, std::int64_t>& elems,
                   const std::map<std::string, std::int64_t>& objects);
@@ -66,7 +65,10 @@ struct BlockSpec {
 struct Spec {
     std::vector<GroupSpec> groups;
     std::vector<BlockSpec> blocks;
-    std::string relation;
+    struct Clause {
+        std::string a, op, b;  // op: == or >=
+    };
+    std::vector<Clause> relation;  // the size relation: all clauses hold
     std::vector<zelStatus> failures;
     bool digest_exempt = false;
 };
@@ -111,7 +113,7 @@ Shapes shapes_of(const reg::ExportRow& row, std::map<std::string, std::int64_t> 
 zelStatus call(const reg::ExportRow& row, const reg::Args& args);
 
 // The exports that can be called: implemented and returning a status.
-std::vector<const reg::ExportRow*> callable_exports();
+const std::vector<const reg::ExportRow*>& callable_exports();
 
 // How a call is laid out.
 enum class Mode {
@@ -172,7 +174,6 @@ private:
     };
 
     unsigned char* alloc(std::size_t bytes, int misalign, const std::string& label);
-    void** alloc_table(std::size_t entries, const std::string& label);
     void choose_sizes(Draw& d, Mode mode);
     void lay_group(Place l, Draw& d, Mode mode);
     void lay_block(const BlockSpec& b, Draw& d, Mode mode);

@@ -33,11 +33,6 @@ long zel_fuzz_refused = 0, zel_fuzz_passed = 0, zel_fuzz_skipped = 0;
 
 namespace {
 
-const std::vector<const reg::ExportRow*>& exports() {
-    static const auto all = ac::callable_exports();
-    return all;
-}
-
 [[noreturn]] void fault(const ac::Call& c, zelStatus st, const std::string& what) {
     std::fprintf(stderr, "zelm fuzz: %s\n  call: %s\n  status: %d\n", what.c_str(), c.describe().c_str(), st);
     std::abort();
@@ -60,7 +55,7 @@ void* wild(ac::Draw& d) {
 // moves to another export whenever exports are added; a kept reproducer names
 // its export instead ("@zelmAdd_vc_64f_P" and a zero byte, then the rest).
 const reg::ExportRow* pick_export(const std::uint8_t*& data, std::size_t& size) {
-    const auto& all = exports();
+    const auto& all = ac::callable_exports();
     if (size > 1 && data[0] == '@') {
         const auto* end = static_cast<const std::uint8_t*>(std::memchr(data, 0, size));
         if (!end) return nullptr;
