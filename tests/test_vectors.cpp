@@ -297,9 +297,9 @@ TEST(VectorCombinations, EveryExportMatchesPlainExpressions) {
     });
 }
 
-// Documented examples the sweeps do not reach: non-finite values, signed zeros.
+// A documented example the sweeps do not reach: val1 0 still multiplies, so
+// an infinity gives NaN.
 TEST(VectorCombinations, WorkedExamples) {
-    // val1 0 still multiplies: infinity gives NaN
     double x[2] = {INFINITY, 1}, y[2] = {1, 1}, e[2];
     ASSERT_EQ(zelmLComb_vv_64f(x, 8, 0.0, y, 8, 2.0, e, 8, 2), zelStsOk);
     EXPECT_TRUE(std::isnan(e[0]) && e[1] == 2.0);
