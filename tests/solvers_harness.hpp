@@ -256,10 +256,10 @@ struct Expect {
 // makes object 10 fail at step c, or none fails (c = -1, also in place).
 // `ref(A, n, pointer form)` gives each object's Expect, up to the first
 // failure (later objects and their tables untouched); `prepare(laid,
-// in_place)` runs before the memory is taken as the image. (check_solves
-// holds the references' factors to Eigen's solutions.)
-template <class Make, class Spoil, class Ref, class Prepare>
-void check_decomps(const std::string& op, Make make, Spoil spoil, Ref ref, Prepare prepare) {
+// in_place)` runs before the memory is taken as the image; `residual(A, l, o,
+// n)` of the completed objects is small (P A = L U, L L^T = A).
+template <class Make, class Spoil, class Ref, class Prepare, class Residual>
+void check_decomps(const std::string& op, Make make, Spoil spoil, Ref ref, Prepare prepare, Residual residual) {
     unsigned seed = 1;
     for (const auto* row : fh::exports_of({op}))
         for (int n = 1; n <= 9; ++n)
@@ -292,6 +292,8 @@ void check_decomps(const std::string& op, Make make, Spoil spoil, Ref ref, Prepa
                         }
                         ASSERT_TRUE(fh::call_matches(l, {img}, want));
                         EXPECT_TRUE(!lu || std::equal(table.begin(), table.end(), l.index("pDstIndex")));
+                        for (int o = 0; o < done - (want != zelStsOk); ++o)
+                            EXPECT_LT(residual(mats[o], l, o, n), sizeof(T) == 4 ? 1e-5 : 1e-14) << "object " << o;
                     });
 }
 
