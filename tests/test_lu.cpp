@@ -135,10 +135,10 @@ TEST(LU, PivotThresholdsAtTheirBoundaries) {
         double v;
         zelStatus st;
     } cases[] = {
-        {false, 3, 0x1p-125, 0},  {false, 4, 0x1p-126, -195}, {true, 5, 0x1p-1021, 0},   {true, 3, 0x1p-1022, -195},
-        {false, 7, 0x1p-23, -195}, {false, 2, 0x1.000002p-23, 0}, {false, 1, 0x1p-23, -195}, {true, 8, 0x1p-52, -195},
-        {true, 7, 0x1.0000000000001p-52, 0}, {false, 3, nan, 0}, {false, 7, nan, 0}, {false, 6, -1e-8, 0},
-        {false, 7, -1e-8, -195},   {true, 6, -1e-20, 0},       {true, 7, -1e-20, -195},
+        {false, 3, 0x1p-125, 0},  {false, 6, 0x1p-125, 0},      {false, 4, 0x1p-126, -195},  {true, 5, 0x1p-1021, 0},
+        {true, 3, 0x1p-1022, -195}, {false, 7, 0x1p-23, -195},  {false, 2, 0x1.000002p-23, 0}, {false, 1, 0x1p-23, -195},
+        {true, 8, 0x1p-52, -195}, {true, 7, 0x1.0000000000001p-52, 0}, {false, 3, nan, 0},    {false, 7, nan, 0},
+        {false, 6, -1e-8, 0},     {false, 7, -1e-8, -195},      {true, 6, -1e-20, 0},         {true, 7, -1e-20, -195},
     };
     for (const auto* row : fh::exports_of({"LUDecomp"}))
         for (const auto& k : cases)
