@@ -120,16 +120,24 @@ inline bool is_array(const reg::ExportRow& r) { return std::string(r.sig).find('
 // matrices (and pivot tables) of a call: one per object in "ma" and "mava"
 inline int mats_of(const reg::ExportRow& r, int count) { return std::string(r.sig) == "ma" || std::string(r.sig) == "mava" ? count : 1; }
 
-// Random objects in Src, object `bad` zero (bad -1: none).
+// Random height x width objects in Src, object `bad` zero (bad -1: none).
 struct RandomFill {
     template <class L>
     void operator()(const reg::ExportRow&, L& l, int bad) const {
         using T = std::decay_t<decltype(l.at("Src", 0, 0, 0))>;
-        const int n = l.args.nums.at("widthHeight");
-        random_objects(l, "Src", 4, n, n);
-        if (bad >= 0) l.set("Src", bad, Vec<T>(std::size_t(n) * n, T(0)));
+        const int w = l.args.nums.at("width"), h = l.args.nums.at("height");
+        random_objects(l, "Src", 4, h, w);
+        if (bad >= 0) l.set("Src", bad, Vec<T>(std::size_t(w) * h, T(0)));
     }
 };
+
+// The estimate `per` n count of inversion and determinant reaching its limit:
+// 20001, 40001 in the contiguous 32f list form (sq::fan_out's `reaches`).
+inline auto reaches_linear(int per) {
+    return [per](const reg::ExportRow& r, int n, bool strided, int c) {
+        return per * n * c >= (!strided && *r.form == 'L' && !fh::is64(r) ? 40001 : 20001);
+    };
+}
 
 // Whether object o is complete when object `bad` fails: slices are
 // contiguous in thread order, the first count % threads one object longer,
@@ -158,7 +166,8 @@ void fan_out(const std::vector<std::string>& ops, std::initializer_list<int> ord
             fh::with_type(*row, [&](auto t) {
                 using T = decltype(t);
                 const std::string name = row->name;
-                for (int strided = 0; strided < (row->form[0] == 'P' ? 1 : 2); ++strided)
+                const int steps = row->form[0] == 'P' ? 1 : 2;  // the pointer form has no element step
+                for (int strided = 0; strided < steps; ++strided)
                     for (int n : orders) {
                         int at = 1;
                         while (!reaches(*row, n, strided == 1, at)) ++at;
@@ -170,7 +179,7 @@ void fan_out(const std::vector<std::string>& ops, std::initializer_list<int> ord
                     }
                 const bool can_fail = fails != zelStsOk && is_decomp(*row);
                 for (const auto& k : cases)
-                    for (int strided = 0; strided < (row->form[0] == 'P' ? 1 : 2); ++strided) {
+                    for (int strided = 0; strided < steps; ++strided) {
                         const int n = k[0], count = k[1], bad = k[2];
                         auto make = [&](int b) {
                             auto l = laid<T>(*row, count, n, lay::steps(strided), k[3]);

@@ -94,10 +94,7 @@ TEST(Det, WorkedExamples) {
 // slice's odd last object leaves the 32f pairs for the extended method: even
 // slices here.)
 TEST(Det, FanOut) {
-    auto reaches = [](const reg::ExportRow& r, int n, bool strided, int c) {
-        return n * c >= (!strided && *r.form == 'L' && !fh::is64(r) ? 40001 : 20001);
-    };
-    sq::fan_out<true>({"Det"}, {1, 3, 7}, reaches, {{4, 10504, 7000}, {7, 6000, 4000}}, zelStsOk, sq::RandomFill());
+    sq::fan_out<true>({"Det"}, {1, 3, 7}, sq::reaches_linear(1), {{4, 10504, 7000}, {7, 6000, 4000}}, zelStsOk, sq::RandomFill());
 }
 
 }  // namespace

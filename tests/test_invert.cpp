@@ -173,13 +173,11 @@ TEST(Invert, PivotColumnRules) {
 }
 
 // The parallel wrapper (from order 2: order 1 is settled in the entry):
-// estimate 2 n count against 20001, 40001 in the contiguous 32f list form; the wrapper's scratch in place of pBuffer; a
-// singular object in a slice merged into the call's status.
+// estimate 2 n count against 20001, 40001 in the contiguous 32f list form;
+// the wrapper's scratch in place of pBuffer; a singular object in a slice
+// merged into the call's status.
 TEST(Invert, FanOut) {
-    auto reaches = [](const reg::ExportRow& r, int n, bool strided, int c) {
-        return 2 * n * c >= (!strided && *r.form == 'L' && !fh::is64(r) ? 40001 : 20001);
-    };
-    sq::fan_out<true>({"Invert"}, {2, 3, 7}, reaches, {{3, 7000, 5000}, {5, 4200, 3000}, {7, 3000, 2000}}, zelStsErrSingular,
+    sq::fan_out<true>({"Invert"}, {2, 3, 7}, sq::reaches_linear(2), {{3, 7000, 5000}, {5, 4200, 3000}, {7, 3000, 2000}}, zelStsErrSingular,
                       sq::RandomFill());
 }
 

@@ -146,15 +146,12 @@ TEST(QR, FanOut) {
         return (sig == "ma" ? 2 * n * n * c : sig == "mva" ? n * n + 2 * n * c : (n * (n + 1) + n) * c) >= (*r.form == 'S' ? 2801 : 1801);
     };
     auto fill = [](const reg::ExportRow& row, auto& l, int bad) {
+        if (sq::is_decomp(row)) return sq::RandomFill()(row, l, bad);
         using T = std::decay_t<decltype(l.at("Dst", 0, 0, 0))>;
         const int w = l.args.nums.at("width"), h = l.args.nums.at("height");
-        if (!sq::is_decomp(row)) {
-            std::mt19937 g(9);
-            for (int n = 0; n < l.objects("Src1"); ++n) l.set("Src1", n, decomposed(sq::random_matrix<T>(g, h, w), w, h));
-            sq::random_objects(l, "Src2", 5, 1, h);
-        } else if (sq::random_objects(l, "Src", 4, h, w); bad >= 0) {
-            l.set("Src", bad, Vec<T>(std::size_t(w) * h, T(0)));
-        }
+        std::mt19937 g(9);
+        for (int n = 0; n < l.objects("Src1"); ++n) l.set("Src1", n, decomposed(sq::random_matrix<T>(g, h, w), w, h));
+        sq::random_objects(l, "Src2", 5, 1, h);
     };
     sq::fan_out<true>({"QRDecomp", "QRBackSubst"}, {1, 3, 7}, reaches, {{4, 400, 300}, {2, 80, 60, 40}}, zelStsErrDivByZero, fill);
 }
