@@ -197,7 +197,7 @@ ZEL_INLINE void reduce(St& st, int n) {
 
     for (int k = 0; k + 2 < n; ++k) {
         const int len = n - k - 1;
-        const V sigma = even_odd_sum<V>(len, [&](int t) { const V x = st.a(k + 1 + t, k); return x * x; });
+        const V sigma = even_odd_sum<V>(len, [&](int t) ZEL_LAMBDA_INLINE { const V x = st.a(k + 1 + t, k); return x * x; });
         const V alpha = K::sqrt(sigma);
         const V x = st.a(k + 1, k);
         for (int i = k + 2; i < n; ++i) st.u(i, st.a(i, k), all);
@@ -212,13 +212,13 @@ ZEL_INLINE void reduce(St& st, int n) {
         const V beta = S(2) / h;
         // from the left, column by column
         for (int j = k; j < n; ++j) {
-            const V w = beta * even_odd_sum<V>(len, [&](int t) { return st.a(k + 1 + t, j) * st.u(k + 1 + t); });
+            const V w = beta * even_odd_sum<V>(len, [&](int t) ZEL_LAMBDA_INLINE { return st.a(k + 1 + t, j) * st.u(k + 1 + t); });
             for (int i = k + 1; i < n; ++i) st.a(i, j, st.a(i, j) - w * st.u(i), go);
         }
         // from the right, row by row
         const bool lanes = st.row_lanes(k, len);
         for (int i = k; i < n; ++i) {
-            const V w = beta * row_sum<V, S>(len, lanes, [&](int t) { return st.a(i, k + 1 + t) * st.u(k + 1 + t); });
+            const V w = beta * row_sum<V, S>(len, lanes, [&](int t) ZEL_LAMBDA_INLINE { return st.a(i, k + 1 + t) * st.u(k + 1 + t); });
             for (int j = k + 1; j < n; ++j) st.a(i, j, st.a(i, j) - w * st.u(j), go);
         }
         if constexpr (R.vectors) {
@@ -277,10 +277,10 @@ ZEL_INLINE typename K::M ql(St& st, int n) {
     using S = typename K::S;
     constexpr S eps = S(kEps<T>);
     const V zero = K::splat(S(0)), one = K::splat(S(1));
-    auto d = [&](int i) { return st.a(i, i); };
-    auto e = [&](int i) { return st.a(i + 1, i); };
+    auto d = [&](int i) ZEL_LAMBDA_INLINE { return st.a(i, i); };
+    auto e = [&](int i) ZEL_LAMBDA_INLINE { return st.a(i + 1, i); };
     // entry x (lane by lane) of d or e, of `len` entries
-    auto pick = [&](auto get, V x, int len) -> V {
+    auto pick = [&](auto get, V x, int len) ZEL_LAMBDA_INLINE -> V {
         if constexpr (K::W == 1) {
             return get(int(x));
         } else {
@@ -290,7 +290,7 @@ ZEL_INLINE typename K::M ql(St& st, int n) {
         }
     };
     // the first m >= l with a negligible e[m], or n - 1
-    auto scan = [&](V l) -> V {
+    auto scan = [&](V l) ZEL_LAMBDA_INLINE -> V {
         if constexpr (K::W == 1) {
             int m = int(l);
             while (m < n - 1 && S(0.5) * K::abs(e(m)) > eps) ++m;
