@@ -13,11 +13,9 @@ cmake --build build -j"$jobs"
 tools/package_check.sh build
 echo "--- Release build, tests and packages: $SECONDS s"
 
-# -O1 with line tables: at -O2 the sanitizers triple the compile time of the
-# heavy generated units (the QR one alone takes over 10 CPU minutes).
-cmake -S . -B build-sanitize -DCMAKE_BUILD_TYPE=Debug -DCMAKE_C_FLAGS_DEBUG="-O1 -g1" -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" \
-  -DZELM_SANITIZE=address,undefined -DZELM_EXAMPLES=OFF >/dev/null
-cmake --build build-sanitize -j"$jobs"
+# The sanitizer build (clang, -O1: at -O2 the sanitizers triple the compile
+# time of the heavy generated units); tools/fuzz.sh runs its fuzz target.
+tools/sanitize-build.sh
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 (cd build-sanitize && ctest --output-on-failure -j"$jobs")
