@@ -68,7 +68,7 @@ ZEL_INLINE void mm_seq(const char* __restrict a, std::ptrdiff_t sa, const char* 
         // a(i,k) from the row of a loaded as a vector, where it is whole
         [[maybe_unused]] __m128 arow;
         if constexpr (kRowBcast<T, TA, N>) arow = _mm_loadu_ps(reinterpret_cast<const float*>(at<T>(a, sa, i, 0)));
-        auto aik = [&](auto kc) -> V {
+        auto aik = [&](auto kc) ZEL_LAMBDA_INLINE -> V {
             constexpr int k = decltype(kc)::value;
             if constexpr (kRowBcast<T, TA, N> && k < 4) return X::template lane<k>(arow);
             else return X::bcast(TA ? at<T>(a, sa, k, i) : at<T>(a, sa, i, k));

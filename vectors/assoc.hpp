@@ -137,8 +137,8 @@ ZEL_INLINE V sum(const Get& get) {
     if constexpr (A.sequential() || (A.chain.leaves == 1 && A.chain.leaf[0] == 0 && A.stride == 1)) {
         return eval<A.combine, K, V>(get);
     } else {
-        return eval<A.combine, K, V>([&](int j) {
-            return eval<A.chain, K, V>([&](int k) { return get(k + j * A.stride); });
+        return eval<A.combine, K, V>([&](int j) ZEL_LAMBDA_INLINE {
+            return eval<A.chain, K, V>([&](int k) ZEL_LAMBDA_INLINE { return get(k + j * A.stride); });
         });
     }
 }

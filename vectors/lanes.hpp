@@ -118,7 +118,7 @@ ZEL_INLINE Vec<T> group(const S& a, const S& b, const Vec<T>* held, int o, int l
     }
     V t[N];
     for (int j = 0; j < C; ++j) transpose(v, j, t, N);
-    const V s = sum<A, N, V>([&](int k) { return t[k]; });
+    const V s = sum<A, N, V>([&](int k) ZEL_LAMBDA_INLINE { return t[k]; });
     if constexpr (dot) return s;
     else return vsqrt(s);
 }
@@ -275,7 +275,7 @@ struct Avx<double> {
 // refuses it; once inlined it costs nothing).
 template <Assoc A, int N, class V>
 ZEL_INLINE void sum_into(V* out, const V* t) {
-    *out = sum<A, N, V>([&](int k) { return t[k]; });
+    *out = sum<A, N, V>([&](int k) ZEL_LAMBDA_INLINE { return t[k]; });
 }
 
 // Groups of objects [from, to) while none is the call's last; returns the
