@@ -12,7 +12,10 @@
 // Pack uses only the SSE2 baseline and vector extensions: compiled plainly,
 // a 32-byte vector is two 128-bit halves (two independent chains, which
 // hides latency); inlined into a function with the AVX target, it is one
-// 256-bit register.
+// 256-bit register. Every lambda that takes or returns a vector is forced
+// inline (ZEL_LAMBDA_INLINE): flatten alone does not reach them in every
+// build (clang with the sanitizers leaves them out of line, built without
+// AVX, and a 256-bit value then crosses two calling conventions).
 #pragma once
 
 #include <immintrin.h>
