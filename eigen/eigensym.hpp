@@ -197,7 +197,10 @@ ZEL_INLINE void reduce(St& st, int n) {
 
     for (int k = 0; k + 2 < n; ++k) {
         const int len = n - k - 1;
-        const V sigma = even_odd_sum<V>(len, [&](int t) ZEL_LAMBDA_INLINE { const V x = st.a(k + 1 + t, k); return x * x; });
+        const V sigma = even_odd_sum<V>(len, [&](int t) ZEL_LAMBDA_INLINE {
+            const V x = st.a(k + 1 + t, k);
+            return x * x;
+        });
         const V alpha = K::sqrt(sigma);
         const V x = st.a(k + 1, k);
         for (int i = k + 2; i < n; ++i) st.u(i, st.a(i, k), all);
@@ -212,13 +215,15 @@ ZEL_INLINE void reduce(St& st, int n) {
         const V beta = S(2) / h;
         // from the left, column by column
         for (int j = k; j < n; ++j) {
-            const V w = beta * even_odd_sum<V>(len, [&](int t) ZEL_LAMBDA_INLINE { return st.a(k + 1 + t, j) * st.u(k + 1 + t); });
+            const V w =
+                beta * even_odd_sum<V>(len, [&](int t) ZEL_LAMBDA_INLINE { return st.a(k + 1 + t, j) * st.u(k + 1 + t); });
             for (int i = k + 1; i < n; ++i) st.a(i, j, st.a(i, j) - w * st.u(i), go);
         }
         // from the right, row by row
         const bool lanes = st.row_lanes(k, len);
         for (int i = k; i < n; ++i) {
-            const V w = beta * row_sum<V, S>(len, lanes, [&](int t) ZEL_LAMBDA_INLINE { return st.a(i, k + 1 + t) * st.u(k + 1 + t); });
+            const V w =
+                beta * row_sum<V, S>(len, lanes, [&](int t) ZEL_LAMBDA_INLINE { return st.a(i, k + 1 + t) * st.u(k + 1 + t); });
             for (int j = k + 1; j < n; ++j) st.a(i, j, st.a(i, j) - w * st.u(j), go);
         }
         if constexpr (R.vectors) {

@@ -23,7 +23,6 @@
 #include <immintrin.h>
 
 #include <cstddef>
-#include <cstring>
 #include <type_traits>
 #include <utility>
 
@@ -326,13 +325,6 @@ ZEL_INLINE void fast_sum_into(V* out, Fast f, const V* t) {
 // (x(k) broadcast within the half), both vectors loaded before the stores,
 // so only where pairs are safe; double: one object per vector, the four rows
 // in lanes. Objects lie at xs and ds bytes; returns how many were done.
-// One double from any 4-byte aligned address, in all four lanes.
-__attribute__((target("avx"), always_inline)) inline __m256d splat_at(const double* x) {
-    double v;
-    std::memcpy(&v, x, sizeof v);
-    return _mm256_set1_pd(v);
-}
-
 template <Fast F>
 __attribute__((target("avx"), noinline)) int mv4_cols_avx(const Cols4<float>& cols, const char* xp,
                                                           std::ptrdiff_t xs, char* dp, std::ptrdiff_t ds,
@@ -372,8 +364,11 @@ __attribute__((target("avx"), noinline)) int mv4_cols_avx(const Cols4<double>& c
         c[k] = _mm256_insertf128_pd(_mm256_castpd128_pd256(cols.c[0][k]), cols.c[1][k], 1);
     for (int o = 0; o < count; ++o, xp += xs, dp += ds) {
         const double* x = reinterpret_cast<const double*>(xp);
-        const __m256d t[4] = {_mm256_mul_pd(c[0], splat_at(x)), _mm256_mul_pd(c[1], splat_at(x + 1)),
-                              _mm256_mul_pd(c[2], splat_at(x + 2)), _mm256_mul_pd(c[3], splat_at(x + 3))};
+        // x(k) loaded at any alignment (a broadcast from memory would assume 8 bytes)
+        const __m256d t[4] = {_mm256_mul_pd(c[0], _mm256_set1_pd(load(x))),
+                              _mm256_mul_pd(c[1], _mm256_set1_pd(load(x + 1))),
+                              _mm256_mul_pd(c[2], _mm256_set1_pd(load(x + 2))),
+                              _mm256_mul_pd(c[3], _mm256_set1_pd(load(x + 3)))};
         __m256d r;
         fast_sum_into(&r, F, t);
         _mm256_storeu_pd(reinterpret_cast<double*>(dp), r);

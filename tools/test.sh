@@ -13,8 +13,7 @@ cmake --build build -j"$jobs"
 tools/package_check.sh build
 echo "--- Release build, tests and packages: $SECONDS s"
 
-# The sanitizer build (clang, -O1: at -O2 the sanitizers triple the compile
-# time of the heavy generated units); tools/fuzz.sh runs its fuzz target.
+# The sanitizer build, whose fuzz target tools/fuzz.sh runs.
 tools/sanitize-build.sh
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
