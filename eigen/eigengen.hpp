@@ -69,7 +69,7 @@ zelStatus kernel_at(const Call<T>& c) {
                     T* const re = c.out + std::ptrdiff_t(o) * N;
                     T* const im = c.out2 + std::ptrdiff_t(o) * N;
                     zelStatus st = zelStsOk;
-                    if (g.it[l].failed) {
+                    if (g.failed[l]) {
                         // out of sweeps: again alone, for the state and status it leaves
                         load_source(o, buf);
                         st = solve_object<fam, T, W, N>(buf, N, re, im);

@@ -398,6 +398,75 @@ ZEL_INLINE void with_block(int lo, int hi, int m, Fn&& fn) {
     }
 }
 
+// The plain shifts of a sweep on the block ending at row hi, written once
+// against a lane kit, from its trailing entries d = h(hi, hi), c = h(hi-1,
+// hi-1), sub = h(hi, hi-1), sup = h(hi-1, hi), sub2 = h(hi-1, hi-2): the
+// exceptional ones where `ex`, else the corner's values (real roots: the
+// one nearer the corner, twice).
+template <class K>
+struct Shifts3 {
+    typename K::V h33, h44, hh;
+};
+template <class K>
+ZEL_INLINE Shifts3<K> plain_shifts(typename K::M ex, typename K::V d, typename K::V c, typename K::V sub,
+                                   typename K::V sup, typename K::V sub2) {
+    using S = typename K::S;
+    using V = typename K::V;
+    constexpr bool one = K::W == 1;  // a single object computes only its branch
+    const V es = K::abs(sub) + K::abs(sub2);
+    const V e44 = K::splat(S(kExShift)) * es + d, ehh = K::splat(S(kExShiftSq)) * es * es;
+    if constexpr (one)
+        if (ex) return {e44, e44, ehh};
+    const V hh = sub * sup, half = (c - d) * K::splat(S(0.5));
+    const V disc = half * half + hh;
+    const auto real = disc > K::splat(S(0));
+    if constexpr (one)
+        if (!real) return {c, d, hh};
+    const V ave = K::splat(S(0.5)) * (c + d);
+    const V q = sgn_k<K>(ave) * K::sqrt(disc);
+    const V r44 = K::abs(c) - K::abs(d) > K::splat(S(0)) ? (c * d - hh) / (q + ave) : q + ave;
+    const V h44 = ex ? e44 : real ? r44 : d;
+    return {ex ? e44 : real ? r44 : c, h44, ex ? ehh : real ? K::splat(S(0)) : hh};
+}
+
+// The start vector of a sweep from row m (h11 = h(m, m), h22, h21, h12 and
+// h32 = h(m+2, m+1)), scaled by the sum of its magnitudes, which passes
+// through double in the float kernels too.
+template <class K>
+ZEL_INLINE void start_vector(const Shifts3<K>& s, typename K::V h11, typename K::V h22, typename K::V h21,
+                             typename K::V h12, typename K::V h32, typename K::V& u1, typename K::V& u2,
+                             typename K::V& u3) {
+    using S = typename K::S;
+    using V = typename K::V;
+    const V a = s.h44 - h11, b = s.h33 - h11;
+    u1 = (b * a - s.hh) / h21 + h12;
+    u2 = h22 - h11 - a - b;
+    u3 = h32;
+    V sum;
+    if constexpr (sizeof(S) == sizeof(double)) {
+        sum = K::abs(u1) + K::abs(u2) + K::abs(u3);
+    } else if constexpr (K::W == 1) {
+        sum = S(double(std::fabs(u1)) + double(std::fabs(u2)) + double(std::fabs(u3)));
+    } else {
+        typedef double D __attribute__((vector_size(K::W * sizeof(double))));
+        auto wide = [](V x) ZEL_LAMBDA_INLINE { return __builtin_convertvector(x, D); };
+        sum = __builtin_convertvector(wide(K::abs(u1)) + wide(K::abs(u2)) + wide(K::abs(u3)), V);
+    }
+    u1 /= sum;
+    u2 /= sum;
+    u3 /= sum;
+}
+
+// Whether a sweep may start at row m > lo: the subdiagonal entry h(m, m-1)
+// (sub) is negligible against the start vector; left = h(m-1, m-1).
+template <class K, class C>
+ZEL_INLINE typename K::M starts_here(typename K::V u1, typename K::V u2, typename K::V u3, typename K::V h11,
+                                     typename K::V h22, typename K::V left, typename K::V sub) {
+    using S = typename K::S;
+    return K::splat(S(C::eps)) * K::abs(u1) * (K::abs(left) + K::abs(h11) + K::abs(h22)) >=
+           K::abs(sub) * (K::abs(u2) + K::abs(u3));
+}
+
 // ---------------------------------------------------------------------------
 // Phase 2: the double-shift QR iteration of family F. Values are stored as
 // they split off; for the vector families H ends as the Schur form T and Z
@@ -452,6 +521,19 @@ ZEL_INLINE void deflate(const O& o, int lo, int hi, T* re, T* im) {
     }
 }
 
+// The largest column sum of magnitudes of the active block lo..hi: the
+// relative scan's measure where two diagonal entries are negligible.
+template <class W, class O>
+W block_norm(const O& o, int lo, int hi) {
+    W t = 0;
+    for (int c = lo; c <= hi; ++c) {
+        W s = 0;
+        for (int r = lo; r <= std::min(c + 1, hi); ++r) s += std::fabs(o.hw(r, c));
+        t = std::max(t, s);
+    }
+    return t;
+}
+
 // Takes one object to its next sweep: scans for a negligible subdiagonal,
 // stores what splits off, forms the shifts and finds the start row (in
 // it.lo, it.hi, it.m, it.u). False when the object is done, or out of
@@ -463,6 +545,7 @@ ZEL_INLINE void deflate(const O& o, int lo, int hi, T* re, T* im) {
 template <Family F, class T, class W, class O>
 __attribute__((noinline)) bool next_sweep(const O& o, Iter<W>& it, T* re, T* im) {
     using C = Consts<T>;
+    using One = kit::One<W>;
     constexpr bool rounded = F.shifts == Shifts::Rounded32;
     const int n = o.n();
     const W eps = W(C::eps), safmin = W(C::safmin), tiny = W(kTiny32);
@@ -482,14 +565,7 @@ __attribute__((noinline)) bool next_sweep(const O& o, Iter<W>& it, T* re, T* im)
             } else {
                 for (; k > lo0; --k) {
                     W t = ab(k - 1, k - 1) + ab(k, k);
-                    if (t <= safmin) {
-                        t = 0;
-                        for (int c = lo0; c <= hi; ++c) {
-                            W s = 0;
-                            for (int r = lo0; r <= std::min(c + 1, hi); ++r) s += ab(r, c);
-                            t = std::max(t, s);
-                        }
-                    }
+                    if (t <= safmin) t = block_norm<W>(o, lo0, hi);
                     if (ab(k, k - 1) <= std::max(eps * t, smlnum)) break;
                 }
             }
@@ -499,18 +575,19 @@ __attribute__((noinline)) bool next_sweep(const O& o, Iter<W>& it, T* re, T* im)
                 // shifts
                 const int its = it.its;
                 W h33, h44, hh;
-                if (its == kExceptional1 || its == kExceptional2) {
-                    if constexpr (rounded) {
-                        const W s = W(float(std::fabs(float(o.hw(hi, hi - 1)))) + float(std::fabs(float(o.hw(hi - 1, hi - 2)))));
-                        h44 = r32<W>(W(kExShift) * s + o.hw(hi, hi));
-                        hh = r32<W>(W(kExShiftSq) * s * s);
-                    } else {
-                        const W s = ab(hi, hi - 1) + ab(hi - 1, hi - 2);
-                        h44 = W(kExShift) * s + o.hw(hi, hi);
-                        hh = W(kExShiftSq) * s * s;
-                    }
+                const bool ex = its == kExceptional1 || its == kExceptional2;
+                if constexpr (!rounded) {
+                    const Shifts3<One> sh = plain_shifts<One>(ex, o.hw(hi, hi), o.hw(hi - 1, hi - 1), o.hw(hi, hi - 1),
+                                                               o.hw(hi - 1, hi), o.hw(hi - 1, hi - 2));
+                    h33 = sh.h33;
+                    h44 = sh.h44;
+                    hh = sh.hh;
+                } else if (ex) {
+                    const W s = W(float(std::fabs(float(o.hw(hi, hi - 1)))) + float(std::fabs(float(o.hw(hi - 1, hi - 2)))));
+                    h44 = r32<W>(W(kExShift) * s + o.hw(hi, hi));
+                    hh = r32<W>(W(kExShiftSq) * s * s);
                     h33 = h44;
-                } else if constexpr (rounded) {
+                } else {
                     h44 = r32<W>(o.hw(hi, hi));
                     h33 = r32<W>(o.hw(hi - 1, hi - 1));
                     hh = r32<W>(o.hw(hi, hi - 1) * o.hw(hi - 1, hi));
@@ -522,20 +599,6 @@ __attribute__((noinline)) bool next_sweep(const O& o, Iter<W>& it, T* re, T* im)
                         const W g = -h44 > h33 ? ave - root : ave + root;
                         const W rg = std::fabs(g) > tiny ? W(1) / g : g;
                         h44 = r32<W>(std::fabs(h33) > std::fabs(h44) ? rg * (h33 * h44 - hh) : g);
-                        h33 = h44;
-                        hh = 0;
-                    }
-                } else {
-                    h44 = o.hw(hi, hi);
-                    h33 = o.hw(hi - 1, hi - 1);
-                    hh = o.hw(hi, hi - 1) * o.hw(hi - 1, hi);
-                    const W half = (h33 - h44) * W(0.5);
-                    const W disc = half * half + hh;
-                    if (disc > 0) {
-                        // real roots: the one nearer the corner, twice
-                        const W ave = W(0.5) * (h33 + h44);
-                        const W q = sgn(ave) * std::sqrt(disc);
-                        h44 = std::fabs(h33) - std::fabs(h44) > 0 ? (h33 * h44 - hh) / (q + ave) : q + ave;
                         h33 = h44;
                         hh = 0;
                     }
@@ -564,20 +627,10 @@ __attribute__((noinline)) bool next_sweep(const O& o, Iter<W>& it, T* re, T* im)
                         if (W(C::eps) * W(left) >= W(right)) break;
                     } else {
                         const W h11 = o.hw(m, m), h22 = o.hw(m + 1, m + 1);
-                        const W h21 = o.hw(m + 1, m), h12 = o.hw(m, m + 1);
-                        const W a = h44 - h11, b = h33 - h11;
-                        u1 = (b * a - hh) / h21 + h12;
-                        u2 = h22 - h11 - a - b;
-                        u3 = o.hw(m + 2, m + 1);
-                        // the sum passes through double in the float kernels too
-                        const W s = W(double(std::fabs(u1)) + double(std::fabs(u2)) + double(std::fabs(u3)));
-                        u1 /= s;
-                        u2 /= s;
-                        u3 /= s;
+                        start_vector<One>({h33, h44, hh}, h11, h22, o.hw(m + 1, m), o.hw(m, m + 1),
+                                          o.hw(m + 2, m + 1), u1, u2, u3);
                         if (m == lo) break;
-                        if (eps * std::fabs(u1) * (ab(m - 1, m - 1) + std::fabs(h11) + std::fabs(h22)) >=
-                            ab(m, m - 1) * (std::fabs(u2) + std::fabs(u3)))
-                            break;
+                        if (starts_here<One, C>(u1, u2, u3, h11, h22, o.hw(m - 1, m - 1), o.hw(m, m - 1))) break;
                     }
                 }
                 it.m = m;

@@ -2,13 +2,14 @@
 // in each lane of a 256-bit vector, for the array kernels of EigenValues and
 // EigenValuesVectors at the fixed orders.
 //
-// Each lane's scans, deflations, shifts and start rows run in the scalar
-// core (next_sweep) on its own object, through a view of the lanes' store.
-// The sweeps, where the time goes, run on all lanes together: every lane
-// computes every step and a mask keeps the results of the lanes whose
-// active block covers that step, so each lane does exactly its object's
-// operations (IEEE arithmetic is lane by lane) and the bits are those of
-// the scalar path. Stores to H and Z round to the element type, as the
+// The scans, shifts, start rows and sweeps run on all lanes together: every
+// lane computes every step and a mask keeps the results of the lanes whose
+// state or active block calls for that step, so each lane does exactly its
+// object's operations (IEEE arithmetic is lane by lane) and the bits are
+// those of the scalar path (next_sweep, then a sweep). Only the blocks that
+// split off are stored lane by lane, through a view of the lanes' store.
+// Selecting instead of branching per object also spares the branch
+// predictor, which cannot learn the objects of a fresh batch. Stores to H and Z round to the element type, as the
 // scalar core's stores into pBuffer do.
 #pragma once
 
@@ -50,13 +51,13 @@ struct Lane {
 };
 
 // A group between its phases: each object's pBuffer of NB elements (the
-// source in it on the way in), the store, each lane's iteration (ending
-// with its values, or out of sweeps).
+// source in it on the way in), the store, the lanes that ran out of sweeps
+// and each lane's values.
 template <class T, class W, int N, int NB>
 struct Group {
     Loose<T> local[kLanes<W>][NB];
     Store<W, N> st;
-    Iter<W> it[kLanes<W>];
+    bool failed[kLanes<W>];
     T re[kLanes<W>][N], im[kLanes<W>][N];
 };
 
@@ -76,7 +77,8 @@ void to_buffer(Group<T, W, N, NB>& g, int l, const Object<T, W, N>& o) {
 // its hi: the scalar sweep's steps k2 = 0 .. N-2, a lane taking part in
 // those with m <= k2 < hi, with a three-row reflector where k2 <= hi - 2.
 template <Family F, class T, class K, int N, class G>
-ZEL_INLINE void sweep(G& g, typename K::M due) {
+ZEL_INLINE void sweep(G& g, typename K::M due, typename K::V lo, typename K::V hi, typename K::V m,
+                      typename K::V u1, typename K::V u2, typename K::V u3) {
     using W = typename K::S;
     using V = typename K::V;
     using M = typename K::M;
@@ -96,15 +98,6 @@ ZEL_INLINE void sweep(G& g, typename K::M due) {
     auto H = [&](int r, int c) ZEL_LAMBDA_INLINE -> W (&)[L] { return g.st.h[c * N + r]; };
     auto Z = [&](int r, int c) ZEL_LAMBDA_INLINE -> W (&)[L] { return g.st.z[c * N + r]; };
     auto st = [](V x) ZEL_LAMBDA_INLINE { return kit::stored<T, K>(x); };
-    V lo, hi, m, u1, u2, u3;
-    for (int l = 0; l < L; ++l) {
-        lo[l] = W(g.it[l].lo);
-        hi[l] = W(g.it[l].hi);
-        m[l] = W(g.it[l].m);
-        u1[l] = g.it[l].u1;
-        u2[l] = g.it[l].u2;
-        u3[l] = g.it[l].u3;
-    }
     const V zero = K::splat(W(0)), one = K::splat(W(1)), two = K::splat(W(2));
     const V safmin = K::splat(W(Consts<T>::safmin));
     static_for<0, N - 1>([&](auto K2) ZEL_LAMBDA_INLINE {
@@ -202,9 +195,121 @@ ZEL_INLINE void reduce_group(Group<T, W, N, NB>& g) {
     }
 }
 
-// A group's reductions and QR stages: H and Z into the store, then lanes go
-// to their next sweep one by one and sweep together, until none has a sweep
-// left.
+// Every lane of a group to its next sweep, as next_sweep takes one object:
+// the scan for a negligible subdiagonal, the shifts and the start row on all
+// lanes at once, selected per lane; the blocks that split off stored lane by
+// lane. The iteration's counters are lane values. Returns the lanes due for
+// a sweep; lanes that finish or run out of sweeps leave `live`.
+template <Family F, class T, class K, int N, class G>
+struct Drive {
+    using W = typename K::S;
+    using V = typename K::V;
+    using M = typename K::M;
+    using C = Consts<T>;
+    static constexpr int L = K::W;
+    G& g;
+    V hi = K::splat(W(N - 1)), lo = K::splat(W(0)), its = K::splat(W(0)), itn = K::splat(W(kSweepsPerOrder * N));
+    V m = K::splat(W(0)), u1 = K::splat(W(1)), u2 = K::splat(W(0)), u3 = K::splat(W(0));
+    M live = K::all(), failed = K::none();
+
+    ZEL_INLINE V ld(int r, int c) const {
+        V v;
+        std::memcpy(&v, g.st.h[c * N + r], sizeof v);
+        return v;
+    }
+    // h(hi + dr, hi + dc) of each lane, for 2 <= hi
+    ZEL_INLINE V at_hi(int dr, int dc) const {
+        V v = K::splat(W(0));
+        static_for<2, N>([&](auto H) ZEL_LAMBDA_INLINE {
+            constexpr int h = H;
+            v = hi == K::splat(W(h)) ? ld(h + dr, h + dc) : v;
+        });
+        return v;
+    }
+    ZEL_INLINE M next() {
+        M due = K::none(), pend = live;
+        const V zero = K::splat(W(0)), one = K::splat(W(1));
+        for (;;) {
+            const M act = pend && hi >= zero;
+            live = live && !(pend && hi < zero);
+            const M can = act && its < itn;
+            // the last k in (lo, hi] where the scan stops, else lo
+            V k = lo;
+            static_for<1, N>([&](auto J) ZEL_LAMBDA_INLINE {
+                constexpr int j = J;
+                const V jv = K::splat(W(j));
+                const M in = can && jv > lo && jv <= hi;
+                const V a = K::abs(ld(j, j - 1));
+                M stop;
+                if constexpr (F.scan == Scan::Absolute) {
+                    stop = a <= K::splat(W(C::eps)) || a != a;  // not above eps, NaN too
+                } else {
+                    V t = K::abs(ld(j - 1, j - 1)) + K::abs(ld(j, j));
+                    const M tiny = in && t <= K::splat(W(C::safmin));
+                    if (K::any(tiny))
+                        for (int l = 0; l < L; ++l)
+                            if (K::on(tiny, l))
+                                t[l] = block_norm<W>(Lane<W, N>{&g.st, l}, int(K::lane(lo, l)), int(K::lane(hi, l)));
+                    const V et = K::splat(W(C::eps)) * t, sml = K::splat(W(N) * W(C::small_unit));
+                    stop = a <= (et < sml ? sml : et);  // std::max
+                }
+                k = in && stop ? jv : k;
+            });
+            lo = can ? k : lo;
+            static_for<1, N>([&](auto J) ZEL_LAMBDA_INLINE {
+                constexpr int j = J;
+                const M clear = can && lo == K::splat(W(j));
+                if (K::any(clear)) {
+                    V e = ld(j, j - 1);
+                    e = clear ? zero : e;
+                    std::memcpy(g.st.h[(j - 1) * N + j], &e, sizeof e);
+                }
+            });
+            const M go = can && lo < hi - one;
+            if (K::any(go)) start(go);
+            due = due || go;
+            const M fail = act && !can && lo < hi - one;
+            failed |= fail;  // (|| here stops g++ 12 with AVX-512 on an internal error)
+            live = live && !fail;
+            const M defl = act && !go && !fail;
+            if (!K::any(defl)) return due;
+            for (int l = 0; l < L; ++l)
+                if (K::on(defl, l))
+                    deflate<F, T, W>(Lane<W, N>{&g.st, l}, int(K::lane(lo, l)), int(K::lane(hi, l)), g.re[l], g.im[l]);
+            itn = defl ? itn - its : itn;
+            hi = defl ? lo - one : hi;
+            lo = defl ? zero : lo;
+            its = defl ? zero : its;
+            pend = defl;
+        }
+    }
+    // the shifts and the start row of the lanes in `go`
+    ZEL_INLINE void start(M go) {
+        const M ex = its == K::splat(W(kExceptional1)) || its == K::splat(W(kExceptional2));
+        const Shifts3<K> sh = plain_shifts<K>(ex, at_hi(0, 0), at_hi(-1, -1), at_hi(0, -1), at_hi(-1, 0), at_hi(-1, -2));
+        M found = K::none();
+        for (int mm = N - 3; mm >= 0; --mm) {
+            const V mv = K::splat(W(mm));
+            const M sel = go && !found && mv <= hi - K::splat(W(2)) && mv >= lo;
+            if (!K::any(sel)) continue;
+            const V h11 = ld(mm, mm), h22 = ld(mm + 1, mm + 1);
+            V v1, v2, v3;
+            start_vector<K>(sh, h11, h22, ld(mm + 1, mm), ld(mm, mm + 1), ld(mm + 2, mm + 1), v1, v2, v3);
+            u1 = sel ? v1 : u1;
+            u2 = sel ? v2 : u2;
+            u3 = sel ? v3 : u3;
+            m = sel ? mv : m;
+            M stop = mv == lo;
+            if (mm > 0) stop = stop || starts_here<K, C>(v1, v2, v3, h11, h22, ld(mm - 1, mm - 1), ld(mm, mm - 1));
+            found = found || (sel && stop);
+        }
+        its = go ? its + K::splat(W(1)) : its;
+    }
+};
+
+// A group's reductions and QR stages: H and Z into the store, then the lanes
+// go to their next sweeps together and sweep together, until none has a
+// sweep left.
 template <Family F, class T, class W, int N, int NB>
 struct Stage {
     template <int Bytes>
@@ -218,23 +323,15 @@ struct Stage {
                 g->st.h[i][l] = W(g->local[l][i]);
                 if constexpr (F.reach == Reach::Whole) g->st.z[i][l] = W(o.block(F.z_block)[i]);
             }
-            g->it[l] = Iter<W>(N);
         }
-        bool live[L];
-        for (int l = 0; l < L; ++l) live[l] = true;
+        Drive<F, T, K, N, Group<T, W, N, NB>> d{*g};
         for (;;) {
-            typename K::M due = K::none();
-            bool any = false;
-            for (int l = 0; l < L; ++l) {
-                if (!live[l]) continue;
-                const Lane<W, N> o{&g->st, l};
-                live[l] = next_sweep<F, T, W>(o, g->it[l], g->re[l], g->im[l]);
-                if (live[l]) due[l] = -1;
-                any |= live[l];
-            }
-            if (!any) return 0;
-            sweep<F, T, K, N>(*g, due);
+            const typename K::M due = d.next();
+            if (!K::any(due)) break;
+            sweep<F, T, K, N>(*g, due, d.lo, d.hi, d.m, d.u1, d.u2, d.u3);
         }
+        for (int l = 0; l < L; ++l) g->failed[l] = K::on(d.failed, l);
+        return 0;
     }
 };
 
