@@ -534,6 +534,22 @@ W block_norm(const O& o, int lo, int hi) {
     return t;
 }
 
+// Whether the scan stops at a subdiagonal entry of magnitude a: the
+// absolute test, a not above eps (NaN too); the relative one, a not above
+// eps times t (its two diagonal neighbours' magnitudes, or the block's norm
+// where those are negligible), and never below smlnum.
+template <Scan Sc, class K, class C>
+ZEL_INLINE typename K::M scan_stops(typename K::V a, typename K::V t, typename K::V smlnum) {
+    using S = typename K::S;
+    const typename K::V eps = K::splat(S(C::eps));
+    if constexpr (Sc == Scan::Absolute) {
+        return !(a > eps);
+    } else {
+        const typename K::V et = eps * t;
+        return a <= (et < smlnum ? smlnum : et);  // std::max
+    }
+}
+
 // Takes one object to its next sweep: scans for a negligible subdiagonal,
 // stores what splits off, forms the shifts and finds the start row (in
 // it.lo, it.hi, it.m, it.u). False when the object is done, or out of
@@ -548,7 +564,7 @@ __attribute__((noinline)) bool next_sweep(const O& o, Iter<W>& it, T* re, T* im)
     using One = kit::One<W>;
     constexpr bool rounded = F.shifts == Shifts::Rounded32;
     const int n = o.n();
-    const W eps = W(C::eps), safmin = W(C::safmin), tiny = W(kTiny32);
+    const W safmin = W(C::safmin), tiny = W(kTiny32);
     const W smlnum = W(n) * W(C::small_unit);
     auto ab = [&](int r, int c) { return std::fabs(o.hw(r, c)); };
     W& u1 = it.u1;
@@ -560,14 +576,13 @@ __attribute__((noinline)) bool next_sweep(const O& o, Iter<W>& it, T* re, T* im)
             // scan for a negligible subdiagonal
             int k = hi;
             const int lo0 = it.lo;
-            if constexpr (F.scan == Scan::Absolute) {
-                while (k > lo0 && ab(k, k - 1) > eps) --k;
-            } else {
-                for (; k > lo0; --k) {
-                    W t = ab(k - 1, k - 1) + ab(k, k);
+            for (; k > lo0; --k) {
+                W t = 0;
+                if constexpr (F.scan == Scan::Relative) {
+                    t = ab(k - 1, k - 1) + ab(k, k);
                     if (t <= safmin) t = block_norm<W>(o, lo0, hi);
-                    if (ab(k, k - 1) <= std::max(eps * t, smlnum)) break;
                 }
+                if (scan_stops<F.scan, One, C>(ab(k, k - 1), t, smlnum)) break;
             }
             const int lo = it.lo = k;
             if (lo > 0) o.h(lo, lo - 1) = T(0);

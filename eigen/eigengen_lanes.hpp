@@ -73,28 +73,33 @@ void to_buffer(Group<T, W, N, NB>& g, int l, const Object<T, W, N>& o) {
     for (int k = 0; k + 1 < N; ++k) tau_of<F>(o)[k] = tau_of<F>(mine)[k];
 }
 
+// A lane vector of the store, and its masked store.
+template <class K>
+ZEL_INLINE typename K::V lane_ld(const typename K::S (&a)[K::W]) {
+    typename K::V v;
+    std::memcpy(&v, a, sizeof v);
+    return v;
+}
+template <class K>
+ZEL_INLINE void lane_put(typename K::S (&a)[K::W], typename K::V v, typename K::M m) {
+    const typename K::V r = m ? v : lane_ld<K>(a);
+    std::memcpy(a, &r, sizeof r);
+}
+
 // One sweep on every lane in `due`, each from its own start row m down to
 // its hi: the scalar sweep's steps k2 = 0 .. N-2, a lane taking part in
 // those with m <= k2 < hi, with a three-row reflector where k2 <= hi - 2.
-template <Family F, class T, class K, int N, class G>
-ZEL_INLINE void sweep(G& g, typename K::M due, typename K::V lo, typename K::V hi, typename K::V m,
-                      typename K::V u1, typename K::V u2, typename K::V u3) {
+// The lanes' positions (lo, hi, m) and start vectors come from the driver d.
+template <Family F, class T, class K, int N, class G, class D>
+ZEL_INLINE void sweep(G& g, typename K::M due, const D& d) {
     using W = typename K::S;
     using V = typename K::V;
     using M = typename K::M;
     constexpr int L = K::W;
     constexpr bool whole = F.reach == Reach::Whole;
-    auto ld = [](const W (&a)[L]) ZEL_LAMBDA_INLINE {
-        V v;
-        std::memcpy(&v, a, sizeof v);
-        return v;
-    };
-    auto put = [](W (&a)[L], V v, M m) ZEL_LAMBDA_INLINE {
-        V old;
-        std::memcpy(&old, a, sizeof old);
-        const V r = m ? v : old;
-        std::memcpy(a, &r, sizeof r);
-    };
+    const V lo = d.lo, hi = d.hi, m = d.m, u1 = d.u1, u2 = d.u2, u3 = d.u3;
+    auto ld = [](const W (&a)[L]) ZEL_LAMBDA_INLINE { return lane_ld<K>(a); };
+    auto put = [](W (&a)[L], V v, M mask) ZEL_LAMBDA_INLINE { lane_put<K>(a, v, mask); };
     auto H = [&](int r, int c) ZEL_LAMBDA_INLINE -> W (&)[L] { return g.st.h[c * N + r]; };
     auto Z = [&](int r, int c) ZEL_LAMBDA_INLINE -> W (&)[L] { return g.st.z[c * N + r]; };
     auto st = [](V x) ZEL_LAMBDA_INLINE { return kit::stored<T, K>(x); };
@@ -212,11 +217,7 @@ struct Drive {
     V m = K::splat(W(0)), u1 = K::splat(W(1)), u2 = K::splat(W(0)), u3 = K::splat(W(0));
     M live = K::all(), failed = K::none();
 
-    ZEL_INLINE V ld(int r, int c) const {
-        V v;
-        std::memcpy(&v, g.st.h[c * N + r], sizeof v);
-        return v;
-    }
+    ZEL_INLINE V ld(int r, int c) const { return lane_ld<K>(g.st.h[c * N + r]); }
     // h(hi + dr, hi + dc) of each lane, for 2 <= hi
     ZEL_INLINE V at_hi(int dr, int dc) const {
         V v = K::splat(W(0));
@@ -239,31 +240,23 @@ struct Drive {
                 constexpr int j = J;
                 const V jv = K::splat(W(j));
                 const M in = can && jv > lo && jv <= hi;
-                const V a = K::abs(ld(j, j - 1));
-                M stop;
-                if constexpr (F.scan == Scan::Absolute) {
-                    stop = a <= K::splat(W(C::eps)) || a != a;  // not above eps, NaN too
-                } else {
-                    V t = K::abs(ld(j - 1, j - 1)) + K::abs(ld(j, j));
+                V t = zero;
+                if constexpr (F.scan == Scan::Relative) {
+                    t = K::abs(ld(j - 1, j - 1)) + K::abs(ld(j, j));
                     const M tiny = in && t <= K::splat(W(C::safmin));
                     if (K::any(tiny))
                         for (int l = 0; l < L; ++l)
                             if (K::on(tiny, l))
                                 t[l] = block_norm<W>(Lane<W, N>{&g.st, l}, int(K::lane(lo, l)), int(K::lane(hi, l)));
-                    const V et = K::splat(W(C::eps)) * t, sml = K::splat(W(N) * W(C::small_unit));
-                    stop = a <= (et < sml ? sml : et);  // std::max
                 }
+                const M stop = scan_stops<F.scan, K, C>(K::abs(ld(j, j - 1)), t, K::splat(W(N) * W(C::small_unit)));
                 k = in && stop ? jv : k;
             });
             lo = can ? k : lo;
             static_for<1, N>([&](auto J) ZEL_LAMBDA_INLINE {
                 constexpr int j = J;
                 const M clear = can && lo == K::splat(W(j));
-                if (K::any(clear)) {
-                    V e = ld(j, j - 1);
-                    e = clear ? zero : e;
-                    std::memcpy(g.st.h[(j - 1) * N + j], &e, sizeof e);
-                }
+                if (K::any(clear)) lane_put<K>(g.st.h[(j - 1) * N + j], zero, clear);
             });
             const M go = can && lo < hi - one;
             if (K::any(go)) start(go);
@@ -328,7 +321,7 @@ struct Stage {
         for (;;) {
             const typename K::M due = d.next();
             if (!K::any(due)) break;
-            sweep<F, T, K, N>(*g, due, d.lo, d.hi, d.m, d.u1, d.u2, d.u3);
+            sweep<F, T, K, N>(*g, due, d);
         }
         for (int l = 0; l < L; ++l) g->failed[l] = K::on(d.failed, l);
         return 0;
