@@ -366,9 +366,8 @@ void Call::lay_group(Place l, Draw& d, Mode mode) {
     // would have them; then rows or objects that overlap, and a stride that
     // multiplies nothing may be huge
     if (l.form != 'P') {
-        l.s2 = esz * (fuzz ? d.pick(k2s) : 1);
-        l.s1 = l.cols * l.s2 + (fuzz ? d.pick(pads) * esz : 0);
-        l.s0 = l.rows * l.s1 + (fuzz ? d.pick(pads) * esz : 0);
+        const int k2 = fuzz ? d.pick(k2s) : 1, pad1 = fuzz ? d.pick(pads) : 0;
+        l.dense(esz, k2, pad1, fuzz ? d.pick(pads) : 0);
         if (fuzz && d.chance(8)) l.s1 = esz * (1 + int(d.below(std::uint32_t(l.cols) * std::uint32_t(l.s2 / esz))));
         if (fuzz && d.chance(8)) l.s0 = esz * (1 + int(d.below(std::uint32_t(l.s0 / esz))));
         if (fuzz && l.cols == 1 && d.chance(4)) l.s2 = d.pick(huge) & ~(esz - 1);

@@ -85,6 +85,13 @@ struct Place {
     int s0 = 0, s1 = 0, s2 = 0, shift = 0;
     unsigned char* base = nullptr;      // S
     std::vector<unsigned char*> table;  // L: objects, P: element positions
+    // Strides of the standard and list forms (esz-byte elements): elements
+    // k2 apart, each row padded by pad1 elements, each object by pad0.
+    void dense(int esz, int k2, int pad1, int pad0) {
+        s2 = k2 * esz;
+        s1 = cols * s2 + pad1 * esz;
+        s0 = rows * s1 + pad0 * esz;
+    }
     // Stored element (r, c) of object n (of the one object of a single group).
     unsigned char* at(int n, int r, int c) const;
     // f(address, n, r, c) for every element of every object, in logical order.

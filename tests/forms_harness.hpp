@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
 #include <cstdint>
 #include <cstring>
@@ -73,67 +74,52 @@ struct Operand : ac::Place {
 template <class T>
 inline T sentinel() {
     // a signalling-looking NaN with a payload that no arithmetic produces
-    if constexpr (sizeof(T) == 4) {
-        std::uint32_t b = 0x7FA5A5A5u;
-        T v;
-        std::memcpy(&v, &b, 4);
-        return v;
-    } else {
-        std::uint64_t b = 0x7FF5A5A5A5A5A5A5ull;
-        T v;
-        std::memcpy(&v, &b, 8);
-        return v;
-    }
+    if constexpr (sizeof(T) == 4) return std::bit_cast<T>(std::uint32_t(0x7FA5A5A5u));
+    else return std::bit_cast<T>(std::uint64_t(0x7FF5A5A5A5A5A5A5ull));
 }
 
-// Lays out one matrix/vector operand, shaped and in its form. `rng`
-// scrambles tables.
+// Lays out one matrix/vector operand, shaped and in its form, in memory of
+// its own: the standard form at its leading elements, the entries of a table
+// (objects, element positions) `step` elements apart in an order `rng`
+// scrambles.
 template <class T>
 void build(Operand<T>& o, const Layout& L, bool is_dst, std::mt19937& rng) {
     const int sz = int(sizeof(T));
     const bool array = o.g->array();
-    auto bytes = [](T* p) { return reinterpret_cast<unsigned char*>(p); };
-    const int k2 = L.columns ? o.rows : is_dst ? L.dst_k2 : L.k2;
-    if (o.form == 'S' || o.form == 'L') {
-        o.s2 = k2 * sz;
-        const int row_elems = o.cols * k2 + L.pad1;
-        o.s1 = L.columns ? sz : row_elems * sz;
-        const int obj_elems = o.rows * row_elems + L.pad0;
+    const int entries = o.form == 'L' ? o.objs : o.rows * o.cols;
+    o.shift = o.form == 'S' ? 0 : L.shift * sz;
+    int first = 0, step = 1, elems;
+    if (o.form != 'P') {
+        o.dense(sz, L.columns ? o.rows : is_dst ? L.dst_k2 : L.k2, L.pad1, L.pad0);
+        const int obj = o.s0 / sz;
+        if (L.columns) o.s1 = sz;
         if (o.form == 'S') {
-            o.s0 = array ? obj_elems * sz : 0;
-            const int lead = L.lead + (is_dst ? L.dst_lead : 0);
-            o.mem.assign(std::size_t(lead) + std::size_t(obj_elems) * o.objs + 4, sentinel<T>());
-            o.base = bytes(o.mem.data() + lead);
+            if (!array) o.s0 = 0;
+            first = L.lead + (is_dst ? L.dst_lead : 0);
+            elems = first + obj * o.objs;
         } else {
-            const int slot = obj_elems + L.shift;
-            o.shift = L.shift * sz;
-            o.mem.assign(std::size_t(slot) * o.objs + 4, sentinel<T>());
-            std::vector<int> perm(o.objs);
-            for (int n = 0; n < o.objs; ++n) perm[n] = n;
-            if (L.scramble) std::shuffle(perm.begin(), perm.end(), rng);
-            o.table.resize(o.objs);
-            for (int n = 0; n < o.objs; ++n) o.table[n] = bytes(o.mem.data() + std::size_t(perm[n]) * slot);
-            if (L.repeat && !is_dst && o.objs >= 2) o.table[o.objs - 1] = o.table[0];
+            o.s0 = 0;
+            step = obj + L.shift;
+            elems = step * o.objs;
         }
-    } else {  // element table
-        const int K = o.rows * o.cols;
-        o.shift = L.shift * sz;
-        std::vector<int> perm(K);
-        for (int k = 0; k < K; ++k) perm[k] = k;
-        if (L.scramble) std::shuffle(perm.begin(), perm.end(), rng);
-        o.table.resize(K);
-        if (L.soa) {
-            const int lane = L.shift + (array ? (o.objs - 1) * L.k0 + 1 : 1) + 1;
-            o.s0 = array ? L.k0 * sz : 0;
-            o.mem.assign(std::size_t(lane) * K + 4, sentinel<T>());
-            for (int k = 0; k < K; ++k) o.table[k] = bytes(o.mem.data() + std::size_t(perm[k]) * lane);
-        } else {
-            const int pitch = K + L.pad0;
-            o.s0 = array ? pitch * sz : 0;
-            o.mem.assign(std::size_t(L.shift) + std::size_t(pitch) * o.objs + 4, sentinel<T>());
-            for (int k = 0; k < K; ++k) o.table[k] = bytes(o.mem.data() + perm[k]);
-        }
+    } else if (L.soa) {  // each element position in a lane of its own
+        step = L.shift + (array ? (o.objs - 1) * L.k0 + 1 : 1) + 1;
+        o.s0 = array ? L.k0 * sz : 0;
+        elems = step * entries;
+    } else {  // the elements of an object adjacent
+        const int pitch = entries + L.pad0;
+        o.s0 = array ? pitch * sz : 0;
+        elems = L.shift + pitch * o.objs;
     }
+    o.mem.assign(std::size_t(elems) + 4, sentinel<T>());
+    o.base = reinterpret_cast<unsigned char*>(o.mem.data() + first);
+    if (o.form == 'S') return;
+    std::vector<int> perm(entries);
+    for (int e = 0; e < entries; ++e) perm[e] = e;
+    if (L.scramble) std::shuffle(perm.begin(), perm.end(), rng);
+    for (int e = 0; e < entries; ++e) o.table.push_back(o.base + std::size_t(perm[e]) * step * sz);
+    if (L.repeat && !is_dst && o.form == 'L' && o.objs >= 2) o.table[o.objs - 1] = o.table[0];
+    o.base = nullptr;
 }
 
 template <class T>
