@@ -16,18 +16,9 @@ using pref::Kern;
 // other even positions) over the terms below m8; then the terms from K-1 down.
 template <class T>
 T chain_ref(bool eight, const std::vector<T>& t) {
-    const int K = int(t.size()), m = K / 8 * 8;
-    T c[8] = {}, o = 0, z = 0, e = 0;
-    for (int k = 0; k < m; ++k) {
-        c[k % 8] = c[k % 8] + t[k];
-        if (k % 2) o = o + t[k];
-        else if (k % 8 == 0) z = z + t[k];
-        else e = e + t[k];
-    }
-    T s = eight ? c[0] : (o + z) + e;
-    for (int r = 1; eight && r < 8; ++r) s = s + c[r];
-    for (int k = K - 1; k >= m; --k) s = s + t[k];
-    return s;
+    const int m = int(t.size()) / 8 * 8;
+    if (eight) return pref::acc_sum(t, m, [](int k) { return k % 8; }, "0+1+2+3+4+5+6+7", true);
+    return pref::acc_sum(t, m, [](int k) { return k % 2 ? 0 : k % 8 ? 2 : 1; }, "(0+1)+2", true);
 }
 
 // DotProduct and L2Norm beyond the written-out lengths: the chains (_P),
@@ -111,25 +102,19 @@ FrobOrder frob_order(const reg::ExportRow& r, Kern k, int W, int H, bool block) 
     return {"(0+2)+(1+3)", "((0+1)+2)+3", true};
 }
 
-// The pointer form's pair chains, and the lanes from width 8 on.
+// The pointer form's pair chains (sums of adjacent squares, alternately into
+// two accumulators), and the lanes of the columns from width 8 on.
 template <class T>
-T frob_general(const std::string& how, const std::vector<T>& q, int W, int H) {
-    T a = 0, b = 0, rest = 0;
+T frob_general(const std::string& how, const std::vector<T>& q, int W) {
     if (how == "PAIRS") {
         const int m = int(q.size()) / 4 * 4;
-        for (int k = 0; k < m; k += 4) a = a + (q[k] + q[k + 1]), b = b + (q[k + 2] + q[k + 3]);
-        T s = a + b;
-        for (int k = m; k < int(q.size()); ++k) s = s + q[k];
-        return s;
+        std::vector<T> u;
+        for (int k = 0; k < int(q.size()); k += k < m ? 2 : 1) u.push_back(k < m ? q[k] + q[k + 1] : q[k]);
+        return pref::acc_sum(u, m / 2, [](int j) { return j % 2; }, "0+1");
     }
     const int lanes = 16 / sizeof(T), Wl = W / lanes * lanes;
-    T acc[4] = {};
-    for (int i = 0; i < H; ++i)
-        for (int j = 0; j < W; ++j) {
-            T& s = j < Wl ? acc[j % lanes] : rest;
-            s = s + q[i * W + j];
-        }
-    return (lanes == 4 ? (acc[0] + acc[2]) + (acc[1] + acc[3]) : acc[0] + acc[1]) + rest;
+    return pref::acc_sum(q, int(q.size()), [&](int k) { return k % W < Wl ? k % W % lanes : lanes; },
+                         lanes == 4 ? "((0+2)+(1+3))+4" : "(0+1)+2");
 }
 
 // The four-object square root of L2Norm_va_32f_S2 and _P at len 3: whether
@@ -233,7 +218,7 @@ T reduction_ref(fh::Laid<T>& l, const reg::ExportRow& r, Kern k, int H, int W, i
         const bool block = k == Kern::Std && sig == "ma" && n < cnt / 4 * 4 && (W == 3 || (W == 4 && f32));
         const FrobOrder o = frob_order(r, k, W, H, block);
         const std::string how = o.how;
-        if (how == "PAIRS" || how == "LANES") return std::sqrt(frob_general<T>(how, q, W, H));
+        if (how == "PAIRS" || how == "LANES") return std::sqrt(frob_general<T>(how, q, W));
         std::vector<T> parts;
         for (int j = 0; o.chain && j < W; ++j) parts.push_back(eval_doc<T>(o.chain, {q.begin() + (o.rows ? W * j : j), q.end()}));
         return std::sqrt(eval_doc<T>(how, o.chain ? parts : q));
