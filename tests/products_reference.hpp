@@ -136,11 +136,8 @@ inline Order mm_order(const std::string& sig, bool is64, Kern k, int fast, int H
         if (has) return {How::FirstSeq};
     }
     const bool mt = fh::has_word("mt mat mta mata", sig);
-    if (k == Kern::P) return {};
-    if (k == Kern::S2 || k == Kern::LS2) {
-        if (mt && is64 && K >= 8) return {How::Eight64, 8};
-        return {};
-    }
+    // the strided kernels (the pointer form from +0.0 throughout)
+    if (k != Kern::Std && k != Kern::L) return k != Kern::P && mt && is64 && K >= 8 ? Order{How::Eight64, 8} : Order{};
     const int tiles = H / 4 * 4, R = H % 4, r = i - tiles;
     if (is64) {
         if (sig == "mata" && k == Kern::Std) return {};
@@ -173,11 +170,7 @@ inline Order mv_order(const std::string& sig, bool is64, Kern k, int fast, int H
             return {k == Kern::L ? How::Adjacent : How::FirstSeq};  // tav 64f L; tva tav tava 64f Std
         }
     }
-    if (k == Kern::P) return {};
-    if (k == Kern::S2 || k == Kern::LS2) {
-        if (m && is64 && K >= 8) return {How::Eight64, 8};
-        return {};
-    }
+    if (k != Kern::Std && k != Kern::L) return k != Kern::P && m && is64 && K >= 8 ? Order{How::Eight64, 8} : Order{};
     // standard and list kernels: 8-row blocks
     const int T8 = H / 8 * 8, rr = H - T8;
     const bool block = rr >= 4 || i < T8;
