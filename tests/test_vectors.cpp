@@ -202,12 +202,12 @@ T reduction_ref(fh::Laid<T>& l, const reg::ExportRow& r, Kern k, int H, int W, i
         if (how == "PAIRS") {  // sums of adjacent squares, alternately into two accumulators
             const int m = int(q.size()) / 4 * 4;
             std::vector<T> u;
-            for (int k = 0; k < int(q.size()); k += k < m ? 2 : 1) u.push_back(k < m ? q[k] + q[k + 1] : q[k]);
+            for (int i = 0; i < int(q.size()); i += i < m ? 2 : 1) u.push_back(i < m ? q[i] + q[i + 1] : q[i]);
             return std::sqrt(pref::acc_sum(u, m / 2, [](int j) { return j % 2; }, "0+1"));
         }
         const int lanes = 16 / sizeof(T), Wl = W / lanes * lanes;  // LANES: the columns below Wl in lanes
         if (how == "LANES")
-            return std::sqrt(pref::acc_sum(q, H * W, [&](int k) { return k % W < Wl ? k % W % lanes : lanes; },
+            return std::sqrt(pref::acc_sum(q, H * W, [&](int i) { return i % W < Wl ? i % W % lanes : lanes; },
                                            lanes == 4 ? "((0+2)+(1+3))+4" : "(0+1)+2"));
         std::vector<T> parts;
         for (int j = 0; o.chain && j < W; ++j) parts.push_back(eval_doc<T>(o.chain, {q.begin() + (o.rows ? W * j : j), q.end()}));
