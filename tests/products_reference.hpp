@@ -81,33 +81,30 @@ T lane_sum(How h, const std::vector<T>& t, int row) {
     return eval_doc<T>(docs[int(h) - int(How::Spread)][n == 6 ? 4 : n == 5 ? 2 + (row >= 4) : n - 3], t);
 }
 
+// Accumulators, each from +0.0: term k below m adds to accumulator acc(k) in
+// the order of k; then `combine` over the accumulators, then the terms from m
+// on, ascending (`down`: from the last one down).
+template <class T, class Acc>
+T acc_sum(const std::vector<T>& t, int m, Acc acc, const char* combine, bool down = false) {
+    std::vector<T> a(9, T(0));
+    for (int k = 0; k < m; ++k) a[acc(k)] = a[acc(k)] + t[k];
+    T s = eval_doc<T>(combine, a);
+    for (int k = m; k < int(t.size()); ++k) s = s + t[down ? int(t.size()) - 1 - (k - m) : k];
+    return s;
+}
+
+// Pair to Eight64: `lead` terms, then the terms to the last whole multiple of
+// `mult` in turn over the accumulators; the leading ones start accumulator 0.
 template <class T>
 T reference_sum(const Order& o, const std::vector<T>& t, int row = 0) {
     const int K = int(t.size());
     if (o.how == How::FirstSeq || o.how >= How::Spread) return lane_sum(o.how, t, row);
-    const int lead = o.lead < K ? o.lead : 0;
-    if (o.how == How::ZeroSeq || o.lead >= K) {
-        T s = T(0);
-        for (int k = 0; k < K; ++k) s = s + t[k];
-        return s;
-    }
+    if (o.how == How::ZeroSeq || o.lead >= K) return eval_doc<T>("S0", t);
+    static const char* const combine[] = {"0+1", "(0+2)+(1+3)", "((0+4)+(2+6))+((1+5)+(3+7))",
+                                          "((0+2)+(4+6))+((1+3)+(5+7))"};
     const int lanes = o.how == How::Pair ? 2 : o.how == How::Four ? 4 : 8;
-    const int m = lead + ((K - lead) / o.mult) * o.mult;
-    // accumulator r: +0.0 (r = 0: the leading terms first), then its terms
-    auto c = [&](int r) {
-        T s = T(0);
-        if (r == 0)
-            for (int k = 0; k < lead; ++k) s = s + t[k];
-        for (int k = lead + r; k < m; k += lanes) s = s + t[k];
-        return s;
-    };
-    T s;
-    if (o.how == How::Pair) s = c(0) + c(1);
-    else if (o.how == How::Four) s = (c(0) + c(2)) + (c(1) + c(3));
-    else if (o.how == How::Eight32) s = ((c(0) + c(4)) + (c(2) + c(6))) + ((c(1) + c(5)) + (c(3) + c(7)));
-    else s = ((c(0) + c(2)) + (c(4) + c(6))) + ((c(1) + c(3)) + (c(5) + c(7)));
-    for (int k = m; k < K; ++k) s = s + t[k];
-    return s;
+    return acc_sum(t, o.lead + (K - o.lead) / o.mult * o.mult, [&](int k) { return k < o.lead ? 0 : (k - o.lead) % lanes; },
+                   combine[int(o.how) - int(How::Pair)]);
 }
 
 // The kernel a call reaches: by form, and whether every element step is one.
@@ -139,11 +136,8 @@ inline Order mm_order(const std::string& sig, bool is64, Kern k, int fast, int H
         if (has) return {How::FirstSeq};
     }
     const bool mt = fh::has_word("mt mat mta mata", sig);
-    if (k == Kern::P) return {};
-    if (k == Kern::S2 || k == Kern::LS2) {
-        if (mt && is64 && K >= 8) return {How::Eight64, 8};
-        return {};
-    }
+    // the strided kernels (the pointer form from +0.0 throughout)
+    if (k != Kern::Std && k != Kern::L) return k != Kern::P && mt && is64 && K >= 8 ? Order{How::Eight64, 8} : Order{};
     const int tiles = H / 4 * 4, R = H % 4, r = i - tiles;
     if (is64) {
         if (sig == "mata" && k == Kern::Std) return {};
@@ -176,11 +170,7 @@ inline Order mv_order(const std::string& sig, bool is64, Kern k, int fast, int H
             return {k == Kern::L ? How::Adjacent : How::FirstSeq};  // tav 64f L; tva tav tava 64f Std
         }
     }
-    if (k == Kern::P) return {};
-    if (k == Kern::S2 || k == Kern::LS2) {
-        if (m && is64 && K >= 8) return {How::Eight64, 8};
-        return {};
-    }
+    if (k != Kern::Std && k != Kern::L) return k != Kern::P && m && is64 && K >= 8 ? Order{How::Eight64, 8} : Order{};
     // standard and list kernels: 8-row blocks
     const int T8 = H / 8 * 8, rr = H - T8;
     const bool block = rr >= 4 || i < T8;

@@ -12,34 +12,21 @@ namespace {
 using pref::eval_doc;
 using pref::Kern;
 
-// The pointer form's eight chains (c0 + c1 + ... + c7) or three (odd, 0 mod 8,
-// other even positions) over the terms below m8; then the terms from K-1 down.
-template <class T>
-T chain_ref(bool eight, const std::vector<T>& t) {
-    const int K = int(t.size()), m = K / 8 * 8;
-    T c[8] = {}, o = 0, z = 0, e = 0;
-    for (int k = 0; k < m; ++k) {
-        c[k % 8] = c[k % 8] + t[k];
-        if (k % 2) o = o + t[k];
-        else if (k % 8 == 0) z = z + t[k];
-        else e = e + t[k];
-    }
-    T s = eight ? c[0] : (o + z) + e;
-    for (int r = 1; eight && r < 8; ++r) s = s + c[r];
-    for (int k = K - 1; k >= m; --k) s = s + t[k];
-    return s;
-}
-
-// DotProduct and L2Norm beyond the written-out lengths: the chains (_P),
-// P (the S2 and LS2 kernels but S2 of 64f), else from +0.0 at lengths up to 2
-// and 7, and from 8 on W (32f) or Q (64f), some with leading terms up to the
-// 16-byte boundary of the second source `at` (a misaligned one: from +0.0).
+// DotProduct and L2Norm beyond the written-out lengths: the pointer form's
+// eight chains (c0 + c1 + ... + c7; vv and v) or three (odd, 0 mod 8, other
+// even positions) over the terms below a multiple of 8, then the terms from
+// the last down; P (the S2 and LS2 kernels but S2 of 64f), else from +0.0 at
+// lengths up to 2 and 7, and from 8 on W (32f) or Q (64f), some with leading
+// terms up to the 16-byte boundary of the second source `at` (a misaligned
+// one: from +0.0).
 template <class T>
 T long_ref(const reg::ExportRow& r, Kern k, const std::vector<T>& t, const void* at) {
     const std::string sig = r.sig;
     const int len = int(t.size());
-    const bool s2 = k == Kern::S2 || k == Kern::LS2, is64 = fh::is64(r);
-    if (k == Kern::P && len > 2) return chain_ref(sig == "vv" || sig == "v", t);
+    const bool s2 = k == Kern::S2 || k == Kern::LS2, is64 = fh::is64(r), eight = sig == "vv" || sig == "v";
+    if (k == Kern::P && len > 2)
+        return pref::acc_sum(t, len / 8 * 8, [&](int j) { return eight ? j % 8 : j % 2 ? 0 : j % 8 ? 2 : 1; },
+                             eight ? "0+1+2+3+4+5+6+7" : "(0+1)+2", true);
     if (s2 && !(is64 && k == Kern::S2) && len > 2) return pref::reference_sum(pref::Order{pref::How::Pair, 2}, t);
     int lead = 0;
     if (!s2 && (std::string(r.op) == "DotProduct" ? sig != "vava" || k == Kern::Std : sig == "v")) {
@@ -109,27 +96,6 @@ FrobOrder frob_order(const reg::ExportRow& r, Kern k, int W, int H, bool block) 
     if (n == 3) return {"0+1+2+4+3+5+8+6+7"};
     if (k == Kern::L && !is64) return {"S"};
     return {"(0+2)+(1+3)", "((0+1)+2)+3", true};
-}
-
-// The pointer form's pair chains, and the lanes from width 8 on.
-template <class T>
-T frob_general(const std::string& how, const std::vector<T>& q, int W, int H) {
-    T a = 0, b = 0, rest = 0;
-    if (how == "PAIRS") {
-        const int m = int(q.size()) / 4 * 4;
-        for (int k = 0; k < m; k += 4) a = a + (q[k] + q[k + 1]), b = b + (q[k + 2] + q[k + 3]);
-        T s = a + b;
-        for (int k = m; k < int(q.size()); ++k) s = s + q[k];
-        return s;
-    }
-    const int lanes = 16 / sizeof(T), Wl = W / lanes * lanes;
-    T acc[4] = {};
-    for (int i = 0; i < H; ++i)
-        for (int j = 0; j < W; ++j) {
-            T& s = j < Wl ? acc[j % lanes] : rest;
-            s = s + q[i * W + j];
-        }
-    return (lanes == 4 ? (acc[0] + acc[2]) + (acc[1] + acc[3]) : acc[0] + acc[1]) + rest;
 }
 
 // The four-object square root of L2Norm_va_32f_S2 and _P at len 3: whether
@@ -233,7 +199,16 @@ T reduction_ref(fh::Laid<T>& l, const reg::ExportRow& r, Kern k, int H, int W, i
         const bool block = k == Kern::Std && sig == "ma" && n < cnt / 4 * 4 && (W == 3 || (W == 4 && f32));
         const FrobOrder o = frob_order(r, k, W, H, block);
         const std::string how = o.how;
-        if (how == "PAIRS" || how == "LANES") return std::sqrt(frob_general<T>(how, q, W, H));
+        if (how == "PAIRS") {  // sums of adjacent squares, alternately into two accumulators
+            const int m = int(q.size()) / 4 * 4;
+            std::vector<T> u;
+            for (int i = 0; i < int(q.size()); i += i < m ? 2 : 1) u.push_back(i < m ? q[i] + q[i + 1] : q[i]);
+            return std::sqrt(pref::acc_sum(u, m / 2, [](int j) { return j % 2; }, "0+1"));
+        }
+        const int lanes = 16 / sizeof(T), Wl = W / lanes * lanes;  // LANES: the columns below Wl in lanes
+        if (how == "LANES")
+            return std::sqrt(pref::acc_sum(q, H * W, [&](int i) { return i % W < Wl ? i % W % lanes : lanes; },
+                                           lanes == 4 ? "((0+2)+(1+3))+4" : "(0+1)+2"));
         std::vector<T> parts;
         for (int j = 0; o.chain && j < W; ++j) parts.push_back(eval_doc<T>(o.chain, {q.begin() + (o.rows ? W * j : j), q.end()}));
         return std::sqrt(eval_doc<T>(how, o.chain ? parts : q));
