@@ -58,7 +58,7 @@ TEST(Det, EveryFormAgreesWithEigenAndShowsItsMethod) {
                         const T got = l.block("pDst")[k];
                         EXPECT_EQ(got, det(src[k], n, method_at(m, l, k) == Method::Scalar)) << at;
                         const Mat A = sq::to_eigen(src[k], n, n);
-                        EXPECT_NEAR(got, A.determinant(), 64 * n * sq::eps<T>() * A.rowwise().norm().prod()) << at;
+                        EXPECT_NEAR(got, A.determinant(), 64 * n * std::numeric_limits<T>::epsilon() * A.rowwise().norm().prod()) << at;
                     }
                     if (n < 3 || n > 6) continue;
                     Vec<T> a(std::size_t(n) * n, T(0));
@@ -77,8 +77,6 @@ TEST(Det, WorkedExamples) {
     sq::for_types([](auto t) {
         using T = decltype(t);
         const T tiny = std::numeric_limits<T>::min();
-        // exactly 0 in extended precision: all products are exact
-        EXPECT_EQ(det<T>({1, 2, 3, 4, 5, 6, 7, 8, 9}, 3), T(0));
         // generic path: pivot 2 from row 1, sign -1, l = 0, the result 0
         EXPECT_EQ(det<T>({1, 2, 2, 4}, 2), T(0));
         // a first pivot below T(2) = 16 times the smallest normal
@@ -94,7 +92,7 @@ TEST(Det, WorkedExamples) {
 // slice's odd last object leaves the 32f pairs for the extended method: even
 // slices here.)
 TEST(Det, FanOut) {
-    sq::fan_out<true>({"Det"}, {1, 3, 7}, sq::reaches_linear(1), {{4, 10504, 7000}, {7, 6000, 4000}}, zelStsOk, sq::RandomFill());
+    sq::fan_out<true>({"Det"}, {1, 3, 7}, sq::reaches_linear(1), {{4, 10504, 7000}, {7, 6000, 4000}}, zelStsOk);
 }
 
 }  // namespace
