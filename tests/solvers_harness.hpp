@@ -225,7 +225,6 @@ using sq::is_decomp;
 using sq::mats_of;
 using sq::Vec;
 
-
 template <class T>
 T rand_in(std::mt19937& g, double lo, double hi) {
     return T(std::uniform_real_distribution<double>(lo, hi)(g));
@@ -299,6 +298,23 @@ void check_decomps(const std::string& op, Make make, Spoil spoil, Ref ref, Prepa
                         ASSERT_TRUE(fh::call_matches(l, {img}, want));
                         EXPECT_TRUE(!lu || std::equal(table.begin(), table.end(), l.index("pDstIndex")));
                     });
+}
+
+// The status of every decomposition export of `op` on 16 objects of order n,
+// each with the elements make(n, v, r, c), for each (n, v) of `cases`: as
+// `ref(A, n, pointer form)` has it.
+template <class Make, class Ref>
+void check_statuses(const std::string& op, std::initializer_list<std::pair<int, double>> cases, Make make, Ref ref) {
+    for (const auto* row : fh::exports_of({op}))
+        for (const auto& k : cases)
+            fh::with_type(*row, [&, n = k.first, v = k.second](auto t) {
+                using T = decltype(t);
+                Vec<T> A(n * n);
+                for (int k = 0; k < n * n; ++k) A[k] = T(make(n, v, k / n, k % n));
+                auto l = sq::laid<T>(*row, 16, n);
+                for (int o = 0; o < l.count(); ++o) l.set("Src", o, A);
+                EXPECT_EQ(l.call(), ref(A, n, row->form[0] == 'P').st) << row->name << " n=" << n << " " << v;
+            });
 }
 
 // The solve of the factors' triangles, x being b on entry: x(i) less the

@@ -109,30 +109,15 @@ TEST(LU, DecompositionAndWhatStandsAfterASingularMatrix) {
         [](const auto& A, int n, bool p) { return lu_ref(A, n, p); }, [](auto&, bool) {});
 }
 
-// Status of 16 identities with element (0, 0) replaced (v < 0: -v I), by
-// path and type: the fixed orders test strictly against 2^-125 (2^-1021),
-// the others at or below 2^-23 (2^-52); NaN passes.
+// Identities with element (0, 0) replaced (v < 0: -v I) at the boundaries
+// of the pivot tests: the fixed orders fail strictly below 2^-125 (2^-1021),
+// the others at or below 2^-23 (2^-52); NaN passes; no test scales.
 TEST(LU, PivotThresholdsAtTheirBoundaries) {
-    const double nan = std::nan("");
-    const struct {
-        bool is64;
-        int n;
-        double v;
-        zelStatus st;
-    } cases[] = {
-        {false, 3, 0x1p-125, 0},  {false, 6, 0x1p-125, 0},      {false, 4, 0x1p-126, -195},  {true, 5, 0x1p-1021, 0},
-        {true, 3, 0x1p-1022, -195}, {false, 7, 0x1p-23, -195},  {false, 2, 0x1.000002p-23, 0}, {false, 1, 0x1p-23, -195},
-        {true, 8, 0x1p-52, -195}, {true, 7, 0x1.0000000000001p-52, 0}, {false, 3, nan, 0},    {false, 7, nan, 0},
-        {false, 6, -1e-8, 0},     {false, 7, -1e-8, -195},      {true, 6, -1e-20, 0},         {true, 7, -1e-20, -195},
-    };
-    for (const auto* row : fh::exports_of({"LUDecomp"}))
-        for (const auto& k : cases)
-            if (k.is64 == fh::is64(*row))
-                fh::with_type(*row, [&](auto t) {
-                    auto l = sq::laid<decltype(t)>(*row, 16, k.n);
-                    l.fill("Src", [&](int, int r, int c) { return k.v < 0 ? (r == c) * -k.v : r + c == 0 ? k.v : r == c; });
-                    EXPECT_EQ(l.call(), k.st) << row->name << " n=" << k.n << " " << k.v;
-                });
+    check_statuses("LUDecomp",
+                   {{3, 0x1p-125}, {6, 0x1p-126}, {5, 0x1p-1021}, {3, 0x1p-1022}, {7, 0x1p-23}, {2, 0x1.000002p-23}, {1, 0x1p-23},
+                    {8, 0x1p-52}, {7, 0x1.0000000000001p-52}, {3, NAN}, {7, NAN}, {6, -1e-8}, {7, -1e-8}, {6, -1e-20}, {7, -1e-20}},
+                   [](int, double v, int r, int c) { return v < 0 ? (r == c) * -v : r + c == 0 ? v : r == c; },
+                   [](const auto& A, int n, bool p) { return lu_ref(A, n, p); });
 }
 
 // From factors of system_matrix; pDst == pSrc2 at the exact orders, where all
