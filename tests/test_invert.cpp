@@ -48,6 +48,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
     for (const auto* row : fh::exports_of({"Invert"}))
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
+            const double eps = std::numeric_limits<T>::epsilon();
             for (int n = 1; n <= 9; ++n)
                 for (const auto& L : layouts)
                     for (bool singular : {false, n <= 7}) {
@@ -66,7 +67,7 @@ TEST(Invert, EveryFormAndWhatStandsAfterASingularMatrix) {
                             // the kernel with an element stride of 2: the scalar method
                             EXPECT_TRUE(fh::same(got, sq::single_ok("Invert", n, 0, m == Method::Scalar, src[k]))) << at;
                             const Mat A = sq::to_eigen(src[k], n, n);
-                            EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * sq::cond(A) * std::numeric_limits<T>::epsilon())
+                            EXPECT_LE((A * sq::to_eigen(got, n, n) - Mat::Identity(n, n)).norm(), 64 * n * sq::cond(A) * eps)
                                 << at;
                         }
                         const int rows = m == Method::Pivot ? n - 4 : 0;

@@ -41,6 +41,7 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
     for (const auto* row : fh::exports_of({"QRDecomp", "QRBackSubst"}))
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
+            const double eps = std::numeric_limits<T>::epsilon();
             const bool dec = sq::is_decomp(*row);
             for (const auto& [w, h] : kShapes)
                 for (const auto& L : sq::layouts())
@@ -60,7 +61,7 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
                             const Mat A = sq::to_eigen(a[m], h, w);
                             if (dec) {
                                 ASSERT_TRUE(fh::same(got, qr[n])) << at;
-                                EXPECT_LE((rebuilt(got, w, h) - A).norm(), 64 * std::numeric_limits<T>::epsilon() * A.norm()) << at;
+                                EXPECT_LE((rebuilt(got, w, h) - A).norm(), 64 * eps * A.norm()) << at;
                                 // the sign rule: R(0,0) is -alpha, alpha negative unless a(0,0) > 0
                                 EXPECT_TRUE(h == 1 || (got[0] > 0) == !(a[n][0] > 0)) << at;
                                 continue;
@@ -68,7 +69,7 @@ TEST(QR, EveryFormAgainstTheStandardCallAndEigen) {
                             ASSERT_TRUE(fh::same(got, sq::single_ok("QRBackSubst", w, h, false, qr[m], b[n]))) << at;
                             const Eigen::VectorXd want = A.colPivHouseholderQr().solve(sq::to_eigen(b[n], h, 1));
                             const double c = sq::cond(A);
-                            EXPECT_LE((sq::to_eigen(got, w, 1) - want).norm(), 64 * c * c * std::numeric_limits<T>::epsilon() * (1 + want.norm())) << at;
+                            EXPECT_LE((sq::to_eigen(got, w, 1) - want).norm(), 64 * c * c * eps * (1 + want.norm())) << at;
                         }
                     }
         });
@@ -110,7 +111,8 @@ TEST(QR, RankDeficiencyStopsTheArrayWithTheFinishedSteps) {
                     l.set("Src", bad, src[bad]);
                     const auto at = sq::where(*row, L, w) + "x" + std::to_string(h);
                     ASSERT_EQ(l.call(), zelStsErrDivByZero) << at;
-                    for (int k = 0; k < bad; ++k) EXPECT_TRUE(fh::same(l.get("Dst", k), sq::single_ok("QRDecomp", w, h, false, src[k]))) << at;
+                    for (int k = 0; k < bad; ++k)
+                        EXPECT_TRUE(fh::same(l.get("Dst", k), sq::single_ok("QRDecomp", w, h, false, src[k]))) << at;
                     for (int k = bad + 1; k < l.count(); ++k)
                         for (T x : l.get("Dst", k)) ASSERT_TRUE(fh::untouched(x)) << at;
                     Vec<T> c0(h), got = l.get("Dst", bad), d;
