@@ -150,24 +150,40 @@ const std::vector<const Row*>& exports() {
 // forms (at orders 3 to 6 arrays of EigenValues and EigenValuesVectors run
 // their QR stages in groups of 4 or 8 objects across vector lanes: groups
 // and a tail), against Eigen and against single calls of the standard form.
-TEST(EigenGen, RandomFamiliesInEveryForm) {
+// Then failure: a NaN, which the relative scan of the vector families never
+// deflates, runs out of sweeps in object 5 (at order 5: in a lane group) or
+// the single object. The values above the failing block stand, the lower
+// ones and every vector are untouched, later objects too.
+TEST(EigenGen, RandomFamiliesInEveryFormAndNoConvergence) {
     const lay::Layout strided{.k2 = 2, .dst_k2 = 3, .pad1 = 1, .shift = 2, .label = "strided"};
     for (const Row* row : exports()) {
         fh::with_type(*row, [&](auto t) {
             using T = decltype(t);
             std::mt19937 rng(7);
             for (int n = 1; n <= 9; ++n)
-                for (int kind = 0; kind < 5; ++kind) {
+                for (int kind = 0; kind < 6; ++kind) {  // 5: failing
+                    if (kind == 5 && (n != 5 || vector_groups(*row).empty())) continue;
                     SCOPED_TRACE(std::string(row->name) + " n=" + std::to_string(n) + " kind " + std::to_string(kind));
                     Laid<T> run(*row, n, 11, n % 2 ? strided : lay::Layout{});
+                    const int fail = kind < 5 ? -1 : run.l.count() > 1 ? 5 : 0;
                     std::vector<Mat> as;
                     for (int k = 0; k < run.l.count(); ++k) {
                         as.push_back(make(Kind((kind + k) % 5), n, rng).cast<T>().template cast<double>());
+                        if (k == fail) as[k](2, 1) = std::numeric_limits<double>::quiet_NaN();
                         run.set(k, as[k]);
                     }
-                    ASSERT_TRUE(fh::call_matches(run.l, {}));
-                    expect_single_calls(run, as);
-                    for (int k = 0; k < run.l.count(); ++k) check_object(run, k, as[k], Kind((kind + k) % 5));
+                    ASSERT_TRUE(fh::call_matches(run.l, {}, fail < 0 ? zelStsOk : zelStsErrNoConvergence));
+                    expect_single_calls(run, as, fail);
+                    for (int k = 0; k < (fail < 0 ? run.l.count() : fail); ++k) check_object(run, k, as[k], Kind((kind + k) % 5));
+                    if (fail < 0) continue;
+                    bool above = true;  // sentinels up to some position, values above it
+                    for (int i = n - 1; i >= 0; --i) {
+                        const bool u = fh::untouched(run.l.block("pDstValuesRe")[fail * n + i]);
+                        above = above && !u;
+                        EXPECT_NE(above, u) << "value " << i;
+                    }
+                    for (const auto& g : vector_groups(*row))
+                        for (T x : run.l.get(g, fail)) EXPECT_TRUE(fh::untouched(x));
                 }
         });
     }
@@ -232,40 +248,6 @@ TEST(EigenGen, WorkedExamplesAndSizeQueries) {
         EXPECT_TRUE(!zelmEigenValuesGetBufSize_32f(n, v) && !zelmEigenValuesGetBufSize_64f(n, v + 1) &&
                     !zelmEigenValuesVectorsGetBufSize_32f(n, v + 2) && !zelmEigenValuesVectorsGetBufSize_64f(n, v + 3));
         EXPECT_TRUE(v[0] * 2 == v[1] && v[1] == 8 * n * (n + 5) && v[2] * 2 == v[3] && v[3] == 8 * n * (3 * n + 5)) << n;
-    }
-}
-
-// Failure: a NaN, which the relative scan of the vector families never
-// deflates, runs out of sweeps in object 5 of 11 (a lane group in the array
-// forms at order 5) or the single object. The values above the failing block
-// stand, the lower ones and every vector are untouched, later objects too.
-TEST(EigenGen, NoConvergenceLeavesItsDocumentedState) {
-    for (const Row* row : exports()) {
-        if (vector_groups(*row).empty()) continue;
-        fh::with_type(*row, [&](auto t) {
-            using T = decltype(t);
-            SCOPED_TRACE(row->name);
-            const int n = 5;
-            Laid<T> run(*row, n, 11);
-            const int fail = run.l.count() > 1 ? 5 : 0;
-            std::mt19937 rng(11);
-            std::vector<Mat> as;
-            for (int k = 0; k < run.l.count(); ++k) {
-                as.push_back(make(Kind(k % 5), n, rng));
-                if (k == fail) as[k](2, 1) = std::numeric_limits<double>::quiet_NaN();
-                run.set(k, as[k]);
-            }
-            ASSERT_EQ(run.l.call(), zelStsErrNoConvergence);
-            expect_single_calls(run, as, fail);
-            bool above = true;  // sentinels up to some position, values above it
-            for (int i = n - 1; i >= 0; --i) {
-                const bool u = fh::untouched(run.l.block("pDstValuesRe")[fail * n + i]);
-                above = above && !u;
-                EXPECT_NE(above, u) << "value " << i;
-            }
-            for (const auto& g : vector_groups(*row))
-                for (T x : run.l.get(g, fail)) EXPECT_TRUE(fh::untouched(x));
-        });
     }
 }
 
