@@ -1,13 +1,10 @@
 // Add, Sub and multiplication by a constant: every export against a reference
 // loop, bit for bit, the memory around the results included; the fan-out:
-// which calls enter the wrapper (ownGetNumThreads asked), which fork (asked
-// twice), with the same results.
+// which calls fork (ownGetNumThreads asked twice), with the same results.
 #include <dlfcn.h>
 
-#include <atomic>
 #include <cmath>
 #include <limits>
-#include <thread>
 
 #include "forms_harness.hpp"
 
@@ -221,32 +218,16 @@ const Limit kLimits[] = {
 };
 #undef ZEL_EST
 
-// Runs one call with `threads` forced; returns how often the thread count was
-// asked for, after checking the results.
-int queries_for(const reg::ExportRow& row, int w, int h, int count, bool strided, int threads) {
-    int q = -1;
-    with_type(row, [&](auto t) {
-        Case<decltype(t)> c(row, w, h, count, lay::steps(strided), unsigned(count));
-        subst::Scope scope(threads);
-        c.run_and_check("count " + std::to_string(count));
-        q = subst::thread_queries;
-    });
-    return q;
-}
-
 // Every array export at its kernels' thresholds, with a remainder in the
 // slices: one object below the boundary it runs on the calling thread (no
 // question), at it the wrapper forks (asked twice); on 1 thread, on 4 and on
 // 4 with a failing scratch allocation (the wrappers take none) the same bits.
-// zelmSub_vva_64f_P has no wrapper. Single objects never ask.
+// zelmSub_vva_64f_P has no wrapper.
 TEST(FanOut, EachThresholdAtItsExactBoundary) {
     int boundaries = 0;
     for (const auto* row : elementwise_exports()) {
         const std::string sig = row->sig, name = row->name;
-        if (sig.find('a') == std::string::npos) {
-            EXPECT_EQ(queries_for(*row, 200, 200, 1, false, 4), 0) << name;
-            continue;
-        }
+        if (!is_array_sig(row->sig)) continue;
         const Limit* lim = nullptr;
         for (const auto& l : kLimits)
             if (fh::has_word(l.ops, row->op) && fh::has_word(l.sigs, sig)) lim = &l;
@@ -271,19 +252,9 @@ TEST(FanOut, EachThresholdAtItsExactBoundary) {
     EXPECT_GT(boundaries, 300);
 }
 
-TEST(FanOut, OneThreadOrFewerObjectsThanThreadsGoDirectInsideTheWrapper) {
-    // 100x100 mam: far above every threshold, even at count 3
-    const auto q = [](const char* n, int count, bool strided, int threads) {
-        return queries_for(row_named(n), 100, 100, count, strided, threads);
-    };
-    EXPECT_EQ(q("zelmAdd_mam_32f", 3, false, 4), 1);
-    EXPECT_EQ(q("zelmAdd_mam_32f", 4, false, 4), 2);
-    EXPECT_EQ(q("zelmAdd_mam_32f_P", 9, false, 1), 1);
-    EXPECT_EQ(q("zelmMul_tac_64f_L", 9, true, -1), 1);
-}
-
 // A runtime that gives fewer threads than asked (here: none at all) still
-// covers every object: the split follows the real team size.
+// covers every object: the split follows the real team size, the results are
+// those of one thread.
 TEST(FanOut, ARuntimeThatGivesOneThreadStillCoversAllObjects) {
     using SetLevels = void (*)(int);
     using GetLevels = int (*)();
@@ -297,36 +268,14 @@ TEST(FanOut, ARuntimeThatGivesOneThreadStillCoversAllObjects) {
         GTEST_SKIP() << "the runtime keeps parallel regions active";
     }
     for (const char* n : {"zelmAdd_mama_32f", "zelmSub_tam_64f_L", "zelmMul_vaca_32f_P"}) {
-        const bool vec = is_vector_sig(row_named(n).sig);
-        EXPECT_EQ(queries_for(row_named(n), vec ? 3000 : 60, vec ? 1 : 60, 11, false, 4), 2) << n << " on a team of one";
-    }
-    set_levels(saved);
-}
-
-// Application threads calling at once, each on its own destination, each
-// call forking a region of its own.
-TEST(FanOut, ConcurrentCallersOnDisjointDestinations) {
-    subst::Scope scope(2);
-    const char* names[] = {"zelmAdd_mama_32f", "zelmSub_mat_64f_L", "zelmMul_mac_32f_P", "zelmSub_cava_64f",
-                           "zelmAdd_vav_32f_L", "zelmMul_vca_64f_P"};
-    std::vector<std::thread> pool;
-    std::atomic<int> failures{0};
-    for (int k = 0; k < 6; ++k) {
-        pool.emplace_back([&, k] {
-            const auto& row = row_named(names[k]);
-            const bool vec = is_vector_sig(row.sig);
-            for (int rep = 0; rep < 8; ++rep) {
-                with_type(row, [&](auto t) {
-                    using T = decltype(t);
-                    Case<T> c(row, vec ? 7 : 4, vec ? 1 : 4, 4000 + rep, Layout(), unsigned(k * 100 + rep));
-                    if (!c.run_and_check("concurrent")) ++failures;
-                });
-            }
+        const auto& row = row_named(n);
+        const bool vec = is_vector_sig(row.sig);
+        with_type(row, [&](auto t) {
+            fh::expect_same_on_threads<false>([&] { return Case<decltype(t)>(row, vec ? 3000 : 60, vec ? 1 : 60, 11, Layout()); }, true,
+                                              std::string(n) + " on a team of one");
         });
     }
-    for (auto& th : pool) th.join();
-    EXPECT_EQ(failures, 0);
-    EXPECT_GT(subst::thread_queries, 0);
+    set_levels(saved);
 }
 
 }  // namespace
