@@ -252,6 +252,19 @@ TEST(FanOut, EachThresholdAtItsExactBoundary) {
     EXPECT_GT(boundaries, 300);
 }
 
+// Inside the wrapper, a call of fewer objects than threads, or on one
+// thread, runs the kernel on the calling thread (asked once); one of as
+// many objects as threads forks (asked twice). 100x100: far above the limit.
+TEST(FanOut, FewerObjectsThanThreadsGoDirectInsideTheWrapper) {
+    for (int count : {3, 4})
+        for (int threads : {1, 4}) {
+            Case<float> c(row_named("zelmAdd_mam_32f"), 100, 100, count, Layout(), unsigned(count));
+            subst::Scope scope(threads);
+            EXPECT_TRUE(c.run_and_check("count " + std::to_string(count)));
+            EXPECT_EQ(subst::thread_queries, threads == 4 && count == 4 ? 2 : 1) << count << " objects on " << threads;
+        }
+}
+
 // A runtime that gives fewer threads than asked (here: none at all) still
 // covers every object: the split follows the real team size, the results are
 // those of one thread.
