@@ -9,8 +9,16 @@
 // those of the scalar path (next_sweep, then a sweep). Only the blocks that
 // split off are stored lane by lane, through a view of the lanes' store.
 // Selecting instead of branching per object also spares the branch
-// predictor, which cannot learn the objects of a fresh batch. Stores to H and Z round to the element type, as the
-// scalar core's stores into pBuffer do.
+// predictor, which cannot learn the objects of a fresh batch. Stores to H
+// and Z round to the element type, as the scalar core's stores into
+// pBuffer do.
+//
+// A group stays together until its slowest object is through, so on average
+// 22% (order 4) to 30% (order 3) of the lanes of a sweep sit idle. Refilling
+// a lane with the next object as soon as its own was through cut the sweeps
+// by that much but was no faster (32f order 4 with both vector sets: 5%
+// slower): lanes at different stages leave no step of a sweep that every
+// lane skips, so each sweep costs more.
 #pragma once
 
 #include <cstring>

@@ -74,6 +74,10 @@ constexpr int batches_of(int n, bool decomp) {
 // prefetch follows badly: fetching both the source and the destination
 // eight batches early made factor plus solve of 200,000 objects 1.2x (64f
 // order 4) to 1.5x (order 6) faster. Order 3 gained nothing.
+// Writing the factors past the caches instead (each batch into a local
+// block, then non-temporal stores of whole lines) made factor plus solve
+// 7 to 14% slower at order 6: the solve reads the factors next, and
+// ordinary stores leave much of them in L3.
 constexpr int ahead_of(int n) {
     return n >= 4 ? 8 : 0;
 }
