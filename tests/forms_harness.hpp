@@ -112,14 +112,16 @@ void build(Operand<T>& o, const Layout& L, bool is_dst, std::mt19937& rng) {
         elems = L.shift + pitch * o.objs;
     }
     o.mem.assign(std::size_t(elems) + 4, sentinel<T>());
-    o.base = reinterpret_cast<unsigned char*>(o.mem.data() + first);
-    if (o.form == 'S') return;
+    unsigned char* const start = reinterpret_cast<unsigned char*>(o.mem.data() + first);
+    if (o.form == 'S') {
+        o.base = start;
+        return;
+    }
     std::vector<int> perm(entries);
     for (int e = 0; e < entries; ++e) perm[e] = e;
     if (L.scramble) std::shuffle(perm.begin(), perm.end(), rng);
-    for (int e = 0; e < entries; ++e) o.table.push_back(o.base + std::size_t(perm[e]) * step * sz);
+    for (int e = 0; e < entries; ++e) o.table.push_back(start + std::size_t(perm[e]) * step * sz);
     if (L.repeat && !is_dst && o.form == 'L' && o.objs >= 2) o.table[o.objs - 1] = o.table[0];
-    o.base = nullptr;
 }
 
 template <class T>

@@ -107,6 +107,14 @@ Vec<T> single_ok(const std::string& op, int n, int h, bool strided, const Vec<T>
 // decompositions and inversion, determinant (no vector operand); arrays
 inline bool is_decomp(const reg::ExportRow& r) { return std::string(r.sig).find('v') == std::string::npos; }
 inline bool is_array(const reg::ExportRow& r) { return std::string(r.sig).find('a') != std::string::npos; }
+// The singularity threshold of inversion and the determinant's generic
+// path: 2 n^3 times the smallest normal value (`times` that in the kernels
+// that double it).
+template <class T>
+T limit_of(int n, int times = 1) {
+    return T(2 * n * n * n * times) * std::numeric_limits<T>::min();
+}
+
 // matrices (and pivot tables) of a call: one per object in "ma" and "mava"
 inline int mats_of(const reg::ExportRow& r, int count) { return std::string(r.sig) == "ma" || std::string(r.sig) == "mava" ? count : 1; }
 
@@ -126,7 +134,8 @@ void random_fill(const reg::ExportRow& row, fh::Laid<T>& l, int bad) {
     });
     if (dec) return;
     l.fill("Src2", [&](int, int, int) { return random(); });
-    for (int i = 0; l.args.ptrs.count("pSrcIndex") && i < w * mats_of(row, l.count()); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % w;
+    if (!l.args.ptrs.count("pSrcIndex")) return;
+    for (int i = 0; i < w * mats_of(row, l.count()); ++i) l.index("pSrcIndex")[i] = (i * 7 + 3) % w;
 }
 
 // The estimate `per` n count of inversion and determinant reaching its limit:

@@ -81,7 +81,7 @@ TEST(Det, Thresholds) {
     sq::for_types([](auto t) {
         using T = decltype(t);
         for (int n = 1; n <= 7; ++n) {
-            const T thr = T(2 * n * n * n) * std::numeric_limits<T>::min();
+            const T thr = sq::limit_of<T>(n);
             for (const T x : {std::nextafter(thr, T(0)), thr, std::nextafter(thr, T(1))})
                 for (int last = 0; last < 2; ++last) {
                     Vec<T> a(std::size_t(n) * n, T(0));

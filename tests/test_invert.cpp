@@ -96,7 +96,7 @@ TEST(Invert, ThresholdsPerKernel) {
         for (int n = 1; n <= 7; ++n)
             for (int kern = 0; kern < 3; ++kern) {  // contiguous, strided, pointer form
                 const bool twice = sizeof(T) == 8 && kern == 0 && (n == 3 || n == 4);
-                const T thr = T(2 * n * n * n * (1 + twice)) * std::numeric_limits<T>::min();
+                const T thr = sq::limit_of<T>(n, 1 + twice);
                 for (const T x : {thr, std::nextafter(thr, T(0))}) {
                     auto l = sq::laid<T>(fh::row_named("zelmInvert_m_" + type + (kern == 2 ? "_P" : "")), 1, n, lay::steps(kern == 1));
                     l.set("Src", 0, diagonal(n, x));
@@ -108,10 +108,9 @@ TEST(Invert, ThresholdsPerKernel) {
                 }
             }
         for (int n : {2, 7}) {
-            const T tn = T(2 * n * n * n) * std::numeric_limits<T>::min();
             const auto x = sq::single_ok("Invert", n, 0, false, diagonal(n, T(1)));
             for (int i = 0; i < n * n; ++i)
-                EXPECT_EQ(i % (n + 1) == 0 ? x[i] : n == 2 ? -x[i] : std::fabs(x[i]), i % (n + 1) == 0 ? T(1) : tn) << n;
+                EXPECT_EQ(i % (n + 1) == 0 ? x[i] : n == 2 ? -x[i] : std::fabs(x[i]), i % (n + 1) == 0 ? T(1) : sq::limit_of<T>(n)) << n;
         }
     });
 }
