@@ -59,7 +59,7 @@ zelStatus kernel_at(const Call<T>& c) {
     if constexpr (Array && N >= 3 && fam.shifts == Shifts::Plain) {
         constexpr int L = lanes::kLanes<W>;
         constexpr int nb = buffer_elems(fam, N);
-        if (cpu::avx) {
+        if (cpu::avx()) {
             for (; k + L <= count; k += L) {
                 lanes::Group<T, W, N, nb> g;
                 for (int l = 0; l < L; ++l) load_source(k + l, g.local[l]);

@@ -591,7 +591,7 @@ struct Kernel {
     // lanes with copies of its first object and discards them.
     template <int N>
     static zelStatus groups(const Call<T>& c, int count) {
-        if (cpu::avx) return groups<N, Isa::Avx>(c, count);
+        if (cpu::avx()) return groups<N, Isa::Avx>(c, count);
         return groups<N, Isa::Sse2>(c, count);
     }
     template <int N, Isa I>

@@ -131,7 +131,7 @@ template <Arith A, bool XS, bool YS, class T>
 ZEL_INLINE void row(T* d, std::ptrdiff_t dstep, RowArg<T> x, RowArg<T> y, std::ptrdiff_t len) {
     const bool contiguous = dstep == 1 && (XS || x.step == 1) && (YS || y.step == 1);
     if (contiguous) {
-        if (len >= kAvxRun && cpu::avx) {
+        if (len >= kAvxRun && cpu::avx()) {
             run_avx<A, XS, YS>(d, x, y, len);
             return;
         }

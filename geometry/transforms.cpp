@@ -88,7 +88,7 @@ zelStatus array(const float* matrix, const float* src, int ss, float* dst, int d
         if (ss == 12 && ds == 4 * Out) {
             int done = 0;
             if constexpr (D == Dense::Avx)
-                if (cpu::avx && apart(src, dst, 4 * Out, count)) done = transform3_dense_avx(m, src, dst, count);
+                if (cpu::avx() && apart(src, dst, 4 * Out, count)) done = transform3_dense_avx(m, src, dst, count);
             dense3<Out, f>(m, src, dst, Out, done, count);
             return zelStsOk;
         }

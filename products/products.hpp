@@ -215,7 +215,7 @@ void mm_lanes(const Call<T>& c, int count) {
         // contiguous and no destination reaches another object's sources.
         const Opd &oa = c.src[0], &ob = c.src[1], &od = c.dst[0];
         const std::ptrdiff_t src_a = 2 * std::ptrdiff_t(oa.s1) + 12, src_b = 2 * std::ptrdiff_t(ob.s1) + 12;
-        if (cpu::avx && count >= 2 && od.s1 == 12 && pairs_safe(oa, od, count, src_a, 36) &&
+        if (cpu::avx() && count >= 2 && od.s1 == 12 && pairs_safe(oa, od, count, src_a, 36) &&
             pairs_safe(ob, od, count, src_b, 36)) {
             const int o = lanes::mm3_pairs_avx(static_cast<const char*>(oa.p), oa.s1, oa.s0,
                                                static_cast<const char*>(ob.p), ob.s1, ob.s0,
@@ -224,7 +224,7 @@ void mm_lanes(const Call<T>& c, int count) {
             return;
         }
     }
-    if (cpu::avx) mm_lanes_avx<N, TA, T, FA, FB, FD>(c, count);
+    if (cpu::avx()) mm_lanes_avx<N, TA, T, FA, FB, FD>(c, count);
     else mm_lanes_loop<N, TA, T, FA, FB, FD>(c, count);
 }
 
@@ -265,7 +265,7 @@ void mv4_cols(const Call<T>& c, int count) {
         // stores: only where no destination overlaps another object's vector.
         const bool pairs = std::is_same_v<T, float> && count >= 2 &&
                            pairs_safe(ox, od, count, 4 * std::ptrdiff_t(sizeof(T)), 4 * std::ptrdiff_t(sizeof(T)));
-        if (cpu::avx && (pairs || std::is_same_v<T, double>)) {
+        if (cpu::avx() && (pairs || std::is_same_v<T, double>)) {
             o = lanes::mv4_cols_avx<FS>(cols, xp, xs, dp, ds, count);
         } else if constexpr (std::is_same_v<T, float>) {
             if (pairs) {

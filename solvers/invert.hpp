@@ -232,7 +232,7 @@ zelStatus fixed_kernel(const Call<T>& __restrict c, int count) {
             auto a16 = [](std::intptr_t x) { return x % kPairAlign == 0; };
             if (a16(reinterpret_cast<std::intptr_t>(so.p)) && a16(reinterpret_cast<std::intptr_t>(dd.p)) &&
                 a16(so.s0) && a16(dd.s0) && so.s1 == kPairAlign && dd.s1 == kPairAlign) {
-                if (cpu::avx) n = packed::invert4_twos(at, 0, count, thr, true);
+                if (cpu::avx()) n = packed::invert4_twos(at, 0, count, thr, true);
                 for (; n + 1 < count; n += 2) {
                     const packed::SrcDst m[2] = {at(n), at(n + 1)};
                     if (const zelStatus st = packed::invert4_pair(m, thr); st != zelStsOk) return st;
@@ -241,7 +241,7 @@ zelStatus fixed_kernel(const Call<T>& __restrict c, int count) {
                 // one after the other, two at a time where reading the second
                 // source before the first result is stored changes nothing
                 const std::ptrdiff_t bytes = extent<T>(so, N, N);
-                if (cpu::avx && count >= 2 && batch_safe(so, dd, count, bytes, bytes))
+                if (cpu::avx() && count >= 2 && batch_safe(so, dd, count, bytes, bytes))
                     n = packed::invert4_twos(at, 0, count, thr, false);
             }
         }

@@ -315,7 +315,7 @@ ZEL_INLINE void reduce_range(const Call<T>& c, int from, int to, const Vec<T>* h
     const int count = c.count;
     int o = from;
     if constexpr (F == Form::S && N <= 4) {
-        if (cpu::avx && to - from >= 2 * W) o = reduce_avx<O, Single2, T, N, A>(c, from, to, held);
+        if (cpu::avx() && to - from >= 2 * W) o = reduce_avx<O, Single2, T, N, A>(c, from, to, held);
     }
     if constexpr (F == Form::S) {
         for (; o + W <= to && o + W < count; o += W)
@@ -448,7 +448,7 @@ int frob(const Call<T>& __restrict c, int blocked) {
         auto range = [&](auto assoc, int o, int to) {
             constexpr Assoc A = decltype(assoc)::value;
             if constexpr (sizeof(T) == 4)
-                if (cpu::avx) o = frob_avx<N, A>(c, o, to);
+                if (cpu::avx()) o = frob_avx<N, A>(c, o, to);
             frob_range<T, N, A>(a, c.src[0].s1, c.out, o, to);
         };
         range(std::integral_constant<Assoc, Block>{}, 0, blocked);
@@ -592,7 +592,7 @@ __attribute__((target("avx"), noinline)) int cross_avx(const T* a, const T* b, T
     for (int k = 0; k < 3; ++k) sa[k] = K::held2(ha[k]), sb[k] = K::held2(hb[k]);
     int o = 0;
     if constexpr (A1 && A2 && sizeof(T) == 4) {
-        if (cpu::avx512) o = cross_packed_avx512(a, b, d, count);
+        if (cpu::avx512()) o = cross_packed_avx512(a, b, d, count);
         o += cross_halves_avx(a + 3 * o, b + 3 * o, d + 3 * o, count - o);
         a += 3 * o, b += 3 * o, d += 3 * o;
     }
@@ -631,7 +631,7 @@ bool cross(const Call<T>& __restrict c) {
         const Vec<T> sa[3] = {X<T>::splat(x0), X<T>::splat(x1), X<T>::splat(x2)};
         const Vec<T> sb[3] = {X<T>::splat(y0), X<T>::splat(y1), X<T>::splat(y2)};
         int o = 0;
-        if (cpu::avx) {
+        if (cpu::avx()) {
             o = cross_avx<A1, A2>(a, b, d, sa, sb, c.count);
             if (A1) a += 3 * o;
             if (A2) b += 3 * o;
@@ -707,7 +707,7 @@ bool combine(const Call<T>& __restrict c, const Fn& f) {
         const T* b = static_cast<const T*>(c.src[1].p);
         T* d = static_cast<T*>(const_cast<void*>(c.dst[0].p));
         const std::ptrdiff_t n = len * c.count;
-        std::ptrdiff_t j = cpu::avx && n >= 16 ? combine_avx(a, b, d, n, f) : 0;
+        std::ptrdiff_t j = cpu::avx() && n >= 16 ? combine_avx(a, b, d, n, f) : 0;
         using V = Vec<T>;
         const V v1 = X<T>::splat(f.v1), v2 = X<T>::splat(f.v2);
         for (; j + X<T>::n <= n; j += X<T>::n)
