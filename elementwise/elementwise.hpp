@@ -168,7 +168,9 @@ struct MatSrc {
     ZEL_INLINE bool dense(int W, int H) const {
         const Opd& o = *ref.o;
         const int sz = int(sizeof(T));
-        if (Trans) return H == 1 && (W == 1 || o.s1 == sz);
+        // (one element read transposed is no run unless stride1 is the
+        // element size: the long run steps by it from object to object)
+        if (Trans) return H == 1 && o.s1 == sz;
         return o.s2 == sz && (H == 1 || o.s1 == W * sz);
     }
     ZEL_INLINE RowArg<T> lane(int i, int j) const {
@@ -230,7 +232,7 @@ inline constexpr int kHold = 64;
 template <class T, class S, class Fn>
 ZEL_INLINE zelStatus with_held(const S& s, T* buf, int W, int H, int count, Fn&& f) {
     if constexpr (S::single && !S::scalar && !std::is_same_v<S, HeldSrc<T>>) {
-        if (count > 1 && W * H <= kHold) {
+        if (count > 1 && std::int64_t(W) * H <= kHold) {
             for (int i = 0; i < H; ++i)
                 for (int j = 0; j < W; ++j) buf[i * W + j] = s.get(0, i, j);
             return f(HeldSrc<T>{buf, W});
@@ -241,9 +243,9 @@ ZEL_INLINE zelStatus with_held(const S& s, T* buf, int W, int H, int count, Fn&&
 
 // Objects that are each one block of B elements in result order.
 template <Arith A, Form DF, int B, class T, class X, class Y>
-ZEL_INLINE void blocks(const Call<T>& c, const X& x, const Y& y, int W, int b) {
+ZEL_INLINE void blocks(const Call<T>& c, const X& x, const Y& y, int W, std::ptrdiff_t b) {
     const Ref<T, DF> d{&c.dst[0], W};
-    const int len = B ? B : b;
+    const std::ptrdiff_t len = B ? B : b;
     for (int n = 0; n < c.count; ++n)
         row<A, X::scalar, Y::scalar>(d.at(n, 0, 0), 1, x.row_of(n, 0), y.row_of(n, 0), len);
 }
@@ -255,7 +257,7 @@ zelStatus rows_kernel(const Call<T>& c, const X& x, const Y& y, int W, int H) {
     const Opd& od = c.dst[0];
     const bool dense = od.s2 == sz && (H == 1 || od.s1 == W * sz) && x.dense(W, H) && y.dense(W, H);
     if (dense) {
-        const int b = W * H;
+        const std::ptrdiff_t b = std::ptrdiff_t(W) * H;
         constexpr bool held_x = X::single && !X::scalar, held_y = Y::single && !Y::scalar;
         if constexpr (DF == Form::S && !held_x && !held_y) {
             // Array operands packed one behind the other: one long run.

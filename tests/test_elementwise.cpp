@@ -181,6 +181,14 @@ TEST(ElementwiseExports, InPlaceOnASourceReadAsStored) { sweep(true, {1, 5}); }
 
 TEST(ElementwiseExports, NonFiniteValuesAndSignedZeros) { sweep(false, {5}, true); }
 
+// 1x1 objects back to back read through a stride1 that no element uses.
+TEST(ElementwiseExports, OneByOneObjectsBackToBackIgnoreStride1) {
+    const Layout L{.pad1 = 2, .pad0 = -2, .label = "1x1 back to back, stride1 of 3"};
+    for (const auto* row : elementwise_exports())
+        if (is_array_sig(row->sig) && !is_vector_sig(row->sig))
+            with_type(*row, [&](auto t) { Case<decltype(t)>(*row, 1, 1, 5, L).run_and_check(L.label); });
+}
+
 // Source rows that overlap (stride1 below the row) read as they lie.
 TEST(ElementwiseExamples, OverlappingRowsReadAHankelPattern) {
     float src[8] = {1, 2, 3, 4, 5, 6, 7, 8}, dst[9];
