@@ -40,7 +40,7 @@ ZEL_INLINE void advance(Opd& o, Form f, int first) {
     else if (f == Form::L)
         o.p = static_cast<const void* const*>(o.p) + first;
     else
-        o.shift += first * o.s0;
+        o.shift += std::ptrdiff_t(first) * o.s0;
 }
 
 template <class T>

@@ -39,7 +39,7 @@ struct Str {
 // single operand has s0 == 0 and never advances.
 struct Opd {
     const void* p;
-    int shift;
+    std::ptrdiff_t shift;  // an int argument, moved on by whole objects in a slice
     int s0, s1, s2;
 };
 

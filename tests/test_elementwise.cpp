@@ -2,6 +2,7 @@
 // loop, bit for bit, the memory around the results included; the fan-out:
 // which calls fork (ownGetNumThreads asked twice), with the same results.
 #include <dlfcn.h>
+#include <sys/mman.h>
 
 #include <cmath>
 #include <limits>
@@ -297,6 +298,31 @@ TEST(FanOut, ARuntimeThatGivesOneThreadStillCoversAllObjects) {
         });
     }
     set_levels(saved);
+}
+
+// Pointer-form objects more than 2 GB apart in all: a slice starts at shift +
+// first * stride0 reckoned in 64 bits (one element per object, a page
+// apart; the address space reserved, a page per object touched).
+TEST(FanOut, PointerFormSlicesReachPast2GB) {
+    if (sizeof(void*) < 8) GTEST_SKIP() << "a 32-bit address space";
+    const int count = 4800, s0 = 600000, step = s0 / 4;
+    const std::size_t bytes = std::size_t(count) * s0;
+    void* m = mmap(nullptr, 2 * bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (m == MAP_FAILED) GTEST_SKIP() << "no 6 GB of address space";
+    float* src = static_cast<float*>(m);
+    float* dst = src + bytes / 4;
+    for (int n = 0; n < count; ++n) src[std::size_t(n) * step] = float(n);
+    const float* ps = src;
+    float* pd = dst;
+    {
+        subst::Scope scope(4);
+        EXPECT_EQ(zelmMul_vac_32f_P(&ps, 0, s0, 2.0f, &pd, 0, s0, 1, count), zelStsOk);
+        EXPECT_EQ(subst::thread_queries, 2);
+    }
+    int wrong = 0;
+    for (int n = 0; n < count; ++n) wrong += dst[std::size_t(n) * step] != float(2 * n);
+    EXPECT_EQ(wrong, 0);
+    munmap(m, 2 * bytes);
 }
 
 }  // namespace

@@ -90,8 +90,7 @@ constexpr bool has_reduce() {
 template <class T, Form F>
 struct Objs {
     const char* p;
-    std::ptrdiff_t s0;
-    int shift;
+    std::ptrdiff_t s0, shift;
     explicit Objs(const Opd& o) : p(static_cast<const char*>(o.p)), s0(o.s0), shift(o.shift) {}
     ZEL_INLINE const T* at(int n) const {
         if constexpr (F == Form::S) return reinterpret_cast<const T*>(p + std::ptrdiff_t(n) * s0);
