@@ -151,15 +151,46 @@ struct Span {
     bool apart(const Other& b) const { return hi <= b.lo || b.hi <= lo; }
 };
 
-// Pointer-form copies between operands that cannot meet: any order gives the
-// forward order's result, so element positions go outer over blocks of
-// objects, each table entry is read once per block and walked by stride0.
+// Whether no two elements of the destination's count objects of K share a
+// byte: each object one dense block within stride0, or, in the pointer form
+// (tables of up to 64 entries), the positions within stride0 of each other
+// or each position's run clear of the next. Where elements meet, the order
+// of the writes decides what stays.
+template <class T, Form DF>
+bool distinct_elements(const Opd& o, std::ptrdiff_t K, int count) {
+    constexpr std::ptrdiff_t sz = sizeof(T);
+    const std::ptrdiff_t s0 = o.s0;
+    if constexpr (DF != Form::P) {
+        return s0 >= K * sz;
+    } else {
+        constexpr std::ptrdiff_t kMax = 64;
+        if (K > kMax) return false;
+        std::uintptr_t a[kMax];
+        const auto* tab = static_cast<const void* const*>(o.p);
+        for (std::ptrdiff_t k = 0; k < K; ++k) a[k] = reinterpret_cast<std::uintptr_t>(tab[k]) + std::uintptr_t(o.shift);
+        std::sort(a, a + K);
+        for (std::ptrdiff_t k = 1; k < K; ++k)
+            if (a[k] - a[k - 1] < std::uintptr_t(sz)) return false;
+        if (a[K - 1] - a[0] + std::uintptr_t(sz) <= std::uintptr_t(s0)) return true;
+        if (s0 < sz) return false;
+        const std::uintptr_t run = std::uintptr_t(count - 1) * std::uintptr_t(s0) + std::uintptr_t(sz);
+        for (std::ptrdiff_t k = 1; k < K; ++k)
+            if (a[k] - a[k - 1] < run) return false;
+        return true;
+    }
+}
+
+// Pointer-form copies between operands that cannot meet, into elements that
+// do not meet either: any order gives the forward order's result, so
+// element positions go outer over blocks of objects, each table entry is
+// read once per block and walked by stride0.
 template <class T, Form SF, Form DF>
 bool copy_by_position(const Call<T>& c, int W, int H) {
     const std::ptrdiff_t K = std::ptrdiff_t(W) * H;
     const int count = c.count;
     if (count < 8) return false;
     if (!Span<T, SF>(c.src[0], K, count).apart(Span<T, DF>(c.dst[0], K, count))) return false;
+    if (!distinct_elements<T, DF>(c.dst[0], K, count)) return false;
     constexpr std::ptrdiff_t sz = sizeof(T);
     const std::ptrdiff_t ss0 = c.src[0].s0, ds0 = c.dst[0].s0;
     constexpr int block = 32;

@@ -109,6 +109,7 @@ TEST(Copy, OverlappingOperandsGetTheForwardOrder) {
 
 // A pointer-form source read again after the destination has overwritten it:
 // the element positions cross, so only the object-by-object order gives this.
+// The same for destination elements that meet.
 TEST(Copy, OverlappingPointerFormKeepsTheObjectOrder) {
     for (int count : {3, 9, 40}) {
         std::vector<float> buf(2 * count + 2), want;
@@ -122,6 +123,23 @@ TEST(Copy, OverlappingPointerFormKeepsTheObjectOrder) {
         ASSERT_EQ(zelmCopy_va_32f_PS(tab, 0, 8, buf.data() + 2, 8, 4, 2, count), zelStsOk);
         EXPECT_EQ(buf, want) << count;
     }
+    // Destination objects on one another (element j of object n at n + j),
+    // the source apart: each element keeps what the last object wrote.
+    constexpr int len = 4;
+    for (bool ptr_dst : {true, false})
+        for (int count : {8, 40}) {
+            std::vector<float> src(len * count), dst(count + len, -1.f), want = dst;
+            for (std::size_t i = 0; i < src.size(); ++i) src[i] = float(100 + i);
+            float* dtab[len];
+            const float* stab[len];
+            for (int j = 0; j < len; ++j) dtab[j] = dst.data() + j, stab[j] = src.data() + j * count;
+            for (int n = 0; n < count; ++n)
+                for (int j = 0; j < len; ++j) want[n + j] = ptr_dst ? src[n * len + j] : src[j * count + n];
+            ASSERT_EQ(ptr_dst ? zelmCopy_va_32f_SP(src.data(), 4 * len, 4, dtab, 0, 4, len, count)
+                              : zelmCopy_va_32f_PS(stab, 0, 4, dst.data(), 4, 4, len, count),
+                      zelStsOk);
+            EXPECT_EQ(dst, want) << (ptr_dst ? "SP " : "PS ") << count;
+        }
 }
 
 // LoadIdentity where elements share memory: the row is cleared before its one
