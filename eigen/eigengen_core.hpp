@@ -502,8 +502,9 @@ ZEL_INLINE void deflate(const O& o, int lo, int hi, T* re, T* im) {
     const Pair<W> p = standardise<W, C>(o.hw(hi - 1, hi - 1), o.hw(hi - 1, hi), o.hw(hi, hi - 1), o.hw(hi, hi));
     store(re + hi - 1, T(p.a));
     store(re + hi, T(p.d));
+    // (a real pair's two imaginary parts +0, not 0 and -0)
     store(im + hi - 1, T(p.y));
-    store(im + hi, T(-p.y));
+    store(im + hi, p.y == 0 ? T(0) : T(-p.y));
     if constexpr (F.reach == Reach::Whole) {
         o.h(hi - 1, hi - 1) = T(p.a);
         o.h(hi - 1, hi) = T(p.b);

@@ -235,7 +235,10 @@ TEST(EigenGen, WorkedExamplesAndSizeQueries) {
                 Laid<decltype(t)> run(*row, e.n, 1);
                 run.set(0, Eigen::Map<const Eigen::Matrix<double, -1, -1, Eigen::RowMajor>>(e.a.data(), e.n, e.n));
                 ASSERT_EQ(run.l.call(), zelStsOk);
-                for (int i = 0; i < e.n; ++i) EXPECT_EQ(run.value(0, i), cd(e.re[i], e.im[i])) << row->name << " n=" << e.n << " at " << i;
+                for (int i = 0; i < e.n; ++i) {
+                    EXPECT_EQ(run.value(0, i), cd(e.re[i], e.im[i])) << row->name << " n=" << e.n << " at " << i;
+                    if (e.im[i] == 0) EXPECT_FALSE(std::signbit(run.value(0, i).imag())) << row->name << " n=" << e.n << " -0 at " << i;
+                }
             });
     // [[0, 1], [0, 0]]: (0, 1) for the double zero in the first set, then a zero column
     double nil[4] = {0, 1, 0, 0}, r[4], l[4], re[2], im[2], buf[22];
