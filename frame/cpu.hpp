@@ -2,7 +2,10 @@
 // Wider instructions are used only where they give the same bits.
 #pragma once
 
+// (The C library's header names the C type _Bool, which clang's C++ lacks.)
+#define _Bool bool
 #include <sys/platform/x86.h>
+#undef _Bool
 
 namespace zel::cpu {
 
