@@ -14,6 +14,7 @@
 
 #include <immintrin.h>
 
+#include <climits>
 #include <cstdint>
 #include <type_traits>
 
@@ -171,7 +172,7 @@ struct MatSrc {
         // (one element read transposed is no run unless stride1 is the
         // element size: the long run steps by it from object to object)
         if (Trans) return H == 1 && o.s1 == sz;
-        return o.s2 == sz && (H == 1 || o.s1 == W * sz);
+        return o.s2 == sz && (H == 1 || std::ptrdiff_t(o.s1) == std::ptrdiff_t(W) * sz);
     }
     ZEL_INLINE RowArg<T> lane(int i, int j) const {
         const T* p = Trans ? ref.at(0, j, i) : ref.at(0, i, j);
@@ -255,7 +256,8 @@ template <Arith A, Form DF, class T, class X, class Y>
 zelStatus rows_kernel(const Call<T>& c, const X& x, const Y& y, int W, int H) {
     const int sz = int(sizeof(T));
     const Opd& od = c.dst[0];
-    const bool dense = od.s2 == sz && (H == 1 || od.s1 == W * sz) && x.dense(W, H) && y.dense(W, H);
+    const bool dense = od.s2 == sz && (H == 1 || std::ptrdiff_t(od.s1) == std::ptrdiff_t(W) * sz) && x.dense(W, H) &&
+                       y.dense(W, H);
     if (dense) {
         const std::ptrdiff_t b = std::ptrdiff_t(W) * H;
         constexpr bool held_x = X::single && !X::scalar, held_y = Y::single && !Y::scalar;
@@ -337,6 +339,7 @@ zelStatus kernel(const Call<T>& c, const X& x, const Y& y, int W, int H) {
 // as the standard-form operand of rows of `cols` elements it amounts to.
 template <class T>
 ZEL_INLINE bool as_strided(Opd& o, int cols, int k_end) {
+    if (std::int64_t(cols) * int(sizeof(T)) > INT_MAX) return false;  // no stride1 for such rows
     const char* const* tab = static_cast<const char* const*>(o.p);
     const char* first = tab[0];
     for (int k = 1; k < k_end; ++k)

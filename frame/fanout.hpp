@@ -81,6 +81,9 @@ zelStatus fan_out(const Call<T>& c, const FanSpec& fs, Kernel kernel) {
     zelStatus shared = zelStsOk;
     int nthreads = ownGetNumThreads();
     if (nthreads < 1) nthreads = 1;
+    // The thread count can have grown since the block was sized (another
+    // thread of the application set it): no more threads than blocks.
+    if (scratch && nthreads > asked) nthreads = asked;
 #pragma omp parallel num_threads(nthreads) shared(team, q, r, shared)
     {
 #pragma omp master

@@ -3,12 +3,14 @@
 #include <dlfcn.h>
 
 #include <cstddef>
+#include <cstring>
 
 namespace subst {
 std::atomic<int> thread_queries{0}, forced_threads{0};
 std::atomic<int> cache_queries{0}, forced_cache{-1};
 std::atomic<int> mallocs{0}, frees{0};
 std::atomic<bool> fail_malloc{false};
+std::atomic<int> grow_threads{0}, overruns{0};
 
 Scope::Scope(int threads, int cache, bool failing_malloc) {
     thread_queries = 0;
@@ -18,11 +20,14 @@ Scope::Scope(int threads, int cache, bool failing_malloc) {
     forced_threads = threads;
     forced_cache = cache;
     fail_malloc = failing_malloc;
+    grow_threads = 0;
+    overruns = 0;
 }
 Scope::~Scope() {
     forced_threads = 0;
     forced_cache = -1;
     fail_malloc = false;
+    grow_threads = 0;
 }
 }  // namespace subst
 
@@ -48,15 +53,36 @@ extern "C" int zelGetMaxCacheSizeB(int* p) {
     return real(p);
 }
 
+// Every block carries its size before it and a guard of known bytes behind
+// it, checked when it is freed.
+namespace {
+constexpr std::size_t kHead = 64, kGuard = 256;
+constexpr unsigned char kMark = 0xA5;
+}  // namespace
+
 extern "C" void* kmpc_malloc(std::size_t n) {
     ++subst::mallocs;
     if (subst::fail_malloc) return nullptr;
     static auto real = next<void* (*)(std::size_t)>("kmpc_malloc");
-    return real(n);
+    auto* p = static_cast<unsigned char*>(real(n + kHead + kGuard));
+    if (!p) return nullptr;
+    std::memcpy(p, &n, sizeof n);
+    std::memset(p + kHead + n, kMark, kGuard);
+    if (const int g = subst::grow_threads.load()) subst::forced_threads = g;
+    return p + kHead;
 }
 
-extern "C" void kmpc_free(void* p) {
+extern "C" void kmpc_free(void* q) {
     ++subst::frees;
     static auto real = next<void (*)(void*)>("kmpc_free");
+    if (!q) return;
+    auto* p = static_cast<unsigned char*>(q) - kHead;
+    std::size_t n;
+    std::memcpy(&n, p, sizeof n);
+    for (std::size_t k = 0; k < kGuard; ++k)
+        if (p[kHead + n + k] != kMark) {
+            ++subst::overruns;
+            break;
+        }
     real(p);
 }

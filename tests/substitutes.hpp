@@ -13,6 +13,8 @@ extern std::atomic<int> cache_queries;    // calls of zelGetMaxCacheSizeB
 extern std::atomic<int> forced_cache;     // >= 0: zelGetMaxCacheSizeB stores it
 extern std::atomic<int> mallocs, frees;   // calls of kmpc_malloc, kmpc_free
 extern std::atomic<bool> fail_malloc;     // kmpc_malloc returns NULL
+extern std::atomic<int> grow_threads;     // > 0: kmpc_malloc forces this thread count
+extern std::atomic<int> overruns;         // kmpc_free found the guard behind a block written
 
 // Forces the given thread count (0: the real one) and resets the counters for
 // the lifetime of the object.

@@ -325,4 +325,27 @@ TEST(FanOut, PointerFormSlicesReachPast2GB) {
     munmap(m, 2 * bytes);
 }
 
+// A thread count that grows between the wrapper's two questions (another
+// thread of the application sets it) runs no more threads than the scratch
+// blocks asked for: nothing written past the block, the bits of one thread.
+TEST(FanOut, AThreadCountGrownAfterTheScratchWasSizedStaysWithinIt) {
+    const int n = 4, count = 2000;
+    std::vector<float> a(n * n * count), one(n * count), many(n * count), buf(n * n + 2 * n);
+    std::mt19937 rng(3);
+    for (int k = 0; k < count; ++k)
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j <= i; ++j) a[(k * n + i) * n + j] = a[(k * n + j) * n + i] = lay::random_value<float>(rng);
+    auto run = [&](float* out) { return zelmEigenValuesSym_ma_32f(a.data(), 4 * n * n, 4 * n, 4, buf.data(), out, n, count); };
+    {
+        subst::Scope scope(1);
+        ASSERT_EQ(run(one.data()), zelStsOk);
+    }
+    subst::Scope scope(2);
+    subst::grow_threads = 4;
+    ASSERT_EQ(run(many.data()), zelStsOk);
+    EXPECT_EQ(subst::mallocs, 1);
+    EXPECT_EQ(subst::overruns, 0);
+    EXPECT_EQ(one, many);
+}
+
 }  // namespace
