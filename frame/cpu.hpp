@@ -7,18 +7,30 @@
 #include <sys/platform/x86.h>
 #undef _Bool
 
+#include <atomic>
+
 namespace zel::cpu {
 
 // The features come from the C library's record of the processor, which
 // already accounts for what the operating system saves. They are read on a
-// kernel's first use, not at load time, and kept. (A process can mask them
-// through the C library's own hardware-capability tunable: the tests run
-// the narrower paths that way.)
+// kernel's first use, not at load time, and kept in a relaxed atomic (no
+// guard, no lock: threads that meet there read the same answer). A process
+// can mask them through the C library's own hardware-capability tunable:
+// the tests run the narrower paths that way.
+template <class Detect>
+inline bool kept(std::atomic<signed char>& cell, Detect detect) {
+    signed char v = cell.load(std::memory_order_relaxed);
+    if (v < 0) {
+        v = detect() ? 1 : 0;
+        cell.store(v, std::memory_order_relaxed);
+    }
+    return v != 0;
+}
 
 // AVX, for the 256-bit paths.
 inline bool avx() {
-    static const bool on = CPU_FEATURE_ACTIVE(AVX);
-    return on;
+    static std::atomic<signed char> cell{-1};
+    return kept(cell, [] { return CPU_FEATURE_ACTIVE(AVX); });
 }
 
 // AVX-512 Foundation with the VL, DQ and BW extensions, for the few kernels
@@ -27,9 +39,11 @@ inline bool avx() {
 // ZEL_AVX512 is the matching target of the functions built for it.
 #define ZEL_AVX512 "avx512f,avx512vl,avx512dq,avx512bw"
 inline bool avx512() {
-    static const bool on = avx() && CPU_FEATURE_ACTIVE(AVX512F) && CPU_FEATURE_ACTIVE(AVX512VL) &&
-                           CPU_FEATURE_ACTIVE(AVX512DQ) && CPU_FEATURE_ACTIVE(AVX512BW);
-    return on;
+    static std::atomic<signed char> cell{-1};
+    return kept(cell, [] {
+        return avx() && CPU_FEATURE_ACTIVE(AVX512F) && CPU_FEATURE_ACTIVE(AVX512VL) && CPU_FEATURE_ACTIVE(AVX512DQ) &&
+               CPU_FEATURE_ACTIVE(AVX512BW);
+    });
 }
 
 // Code built for each encoding: B::run<Bytes>(a...), always inline, runs
