@@ -162,7 +162,7 @@ struct Family {
 template <Op O, Str Sig, class T, Str FS>
 zelStatus entry(Call<T>& c) {
     static_assert(O == Op::CholeskyDecomp || O == Op::CholeskyBackSubst);
-    return tri::enter<Family, false, Sig, T, form_of<FS>()>(c, kLimits);
+    return tri::enter<Family, false, Sig, T, form_of<FS>(), kLimits>(c);
 }
 
 }  // namespace zel::cholesky

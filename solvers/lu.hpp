@@ -196,7 +196,7 @@ struct Family {
 template <Op O, Str Sig, class T, Str FS>
 zelStatus entry(Call<T>& c) {
     static_assert(O == Op::LUDecomp || O == Op::LUBackSubst);
-    return tri::enter<Family, true, Sig, T, form_of<FS>()>(c, kLimits);
+    return tri::enter<Family, true, Sig, T, form_of<FS>(), kLimits>(c);
 }
 
 }  // namespace zel::lu

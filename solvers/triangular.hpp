@@ -181,8 +181,8 @@ zelStatus solve_kernel(const Call<T>& c) {
 // kernel by the stride test, directly for a single object, through the
 // fan-out for an array whose estimate reaches the kernel's limit (a
 // decomposition keeps the first failure).
-template <class Fam, bool Table, Str Sig, class T, Form F, std::size_t R>
-ZEL_INLINE zelStatus enter(const Call<T>& c, const LimitRow (&limits)[R]) {
+template <class Fam, bool Table, Str Sig, class T, Form F, const auto& Limits>
+ZEL_INLINE zelStatus enter(const Call<T>& c) {
     static constexpr std::string_view sig{Sig.s};
     constexpr bool decomp = sig == "m" || sig == "ma";
     constexpr bool array = sig != "m" && sig != "mv";
@@ -200,7 +200,10 @@ ZEL_INLINE zelStatus enter(const Call<T>& c, const LimitRow (&limits)[R]) {
         return run(c, unit);
     } else {
         const std::int32_t work = estimate(estimate_of(sig), c.widthHeight, c.count);
-        const int limit = unit ? limit_for<T>(limits, sig, kern_of(F, true)) : limit_for<T>(limits, sig, kern_of(F, false));
+        // (looked up while compiling: a missing row is a compile-time error)
+        constexpr int unit_limit = limit_for<T>(Limits, sig, kern_of(F, true));
+        constexpr int other_limit = limit_for<T>(Limits, sig, kern_of(F, false));
+        const int limit = unit ? unit_limit : other_limit;
         auto kernel = [&](const Call<T>& s) { return run(s, unit); };
         if (work < limit) return kernel(c);
         FanSpec fs{};
