@@ -134,6 +134,11 @@ zelStatus entry(Call<T>& c) {
         fs.dst_arrays = fam.sets == kNoSet ? 0u : fam.copy_block ? 3u : 1u;
         fs.out_per_object = n;
         fs.out2 = true;
+        // The query's int holds up to 4 GB read as unsigned; a thread's
+        // scratch beyond that gets no block: the caller's buffer on this
+        // thread, as when the allocation fails.
+        if (std::uint64_t(std::uint32_t(bytes)) != std::uint64_t(n) * (3 * std::uint64_t(n) + 5) * sizeof(T))
+            return run(c);
         fs.scratch_bytes = std::size_t(std::uint32_t(bytes));
         fs.merge_status = true;
         return fan_out(c, fs, run);
