@@ -10,7 +10,7 @@ std::atomic<int> thread_queries{0}, forced_threads{0};
 std::atomic<int> cache_queries{0}, forced_cache{-1};
 std::atomic<int> mallocs{0}, frees{0};
 std::atomic<bool> fail_malloc{false};
-std::atomic<int> grow_threads{0}, overruns{0};
+std::atomic<int> grow_threads{0}, overruns{0}, overruns_total{0};
 
 Scope::Scope(int threads, int cache, bool failing_malloc) {
     thread_queries = 0;
@@ -82,6 +82,7 @@ extern "C" void kmpc_free(void* q) {
     for (std::size_t k = 0; k < kGuard; ++k)
         if (p[kHead + n + k] != kMark) {
             ++subst::overruns;
+            ++subst::overruns_total;
             break;
         }
     real(p);

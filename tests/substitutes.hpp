@@ -15,6 +15,7 @@ extern std::atomic<int> mallocs, frees;   // calls of kmpc_malloc, kmpc_free
 extern std::atomic<bool> fail_malloc;     // kmpc_malloc returns NULL
 extern std::atomic<int> grow_threads;     // > 0: kmpc_malloc forces this thread count
 extern std::atomic<int> overruns;         // kmpc_free found the guard behind a block written
+extern std::atomic<int> overruns_total;   // the same over the whole process (never reset)
 
 // Forces the given thread count (0: the real one) and resets the counters for
 // the lifetime of the object.

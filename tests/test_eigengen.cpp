@@ -237,7 +237,9 @@ TEST(EigenGen, WorkedExamplesAndSizeQueries) {
                 ASSERT_EQ(run.l.call(), zelStsOk);
                 for (int i = 0; i < e.n; ++i) {
                     EXPECT_EQ(run.value(0, i), cd(e.re[i], e.im[i])) << row->name << " n=" << e.n << " at " << i;
-                    if (e.im[i] == 0) EXPECT_FALSE(std::signbit(run.value(0, i).imag())) << row->name << " n=" << e.n << " -0 at " << i;
+                    if (e.im[i] == 0) {
+                        EXPECT_FALSE(std::signbit(run.value(0, i).imag())) << row->name << " n=" << e.n << " -0 at " << i;
+                    }
                 }
             });
     // [[0, 1], [0, 0]]: (0, 1) for the double zero in the first set, then a zero column

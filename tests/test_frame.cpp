@@ -1,5 +1,6 @@
 // The call frame: the registry as built, the version record, and the argument
-// checks of every export, broken one at a time and in pairs.
+// checks of every export, broken one at a time and in pairs; for the whole
+// run, the guards behind the wrappers' scratch blocks.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,9 +10,17 @@
 #include <vector>
 
 #include "arena_call.hpp"
+#include "substitutes.hpp"
 #include "zelm.h"
 
 namespace {
+
+// Every scratch block that any test's wrappers took came back with the guard
+// behind it intact.
+class ScratchGuards : public ::testing::Environment {
+    void TearDown() override { EXPECT_EQ(subst::overruns_total.load(), 0) << "scratch blocks written past their end"; }
+};
+[[maybe_unused]] const auto* const kScratchGuards = ::testing::AddGlobalTestEnvironment(new ScratchGuards);
 
 // (a checked export without a caller fails the checks' tests below)
 TEST(Registry, HasEveryExportOnce) {
