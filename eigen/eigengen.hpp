@@ -137,7 +137,7 @@ zelStatus entry(Call<T>& c) {
         // The query's int holds up to 4 GB read as unsigned; a thread's
         // scratch beyond that gets no block: the caller's buffer on this
         // thread, as when the allocation fails.
-        if (std::uint64_t(std::uint32_t(bytes)) != std::uint64_t(n) * (3 * std::uint64_t(n) + 5) * sizeof(T))
+        if (std::uint64_t(std::uint32_t(bytes)) != vectors_bytes_exact(n, int(sizeof(T))))
             return run(c);
         fs.scratch_bytes = std::size_t(std::uint32_t(bytes));
         fs.merge_status = true;

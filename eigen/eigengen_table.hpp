@@ -101,6 +101,10 @@ constexpr std::int32_t values_bytes(int n, int esz) { return (Est(esz) * Est(n) 
 constexpr std::int32_t vectors_bytes(int n, int esz) {
     return (Est(esz) * Est(n) * (Est(3) * Est(n) + Est(5))).value();
 }
+// The same without the wrap, for the wrappers to see where it wrapped.
+constexpr std::uint64_t vectors_bytes_exact(int n, int esz) {
+    return std::uint64_t(esz) * std::uint64_t(n) * (3 * std::uint64_t(n) + 5);
+}
 
 constexpr std::int32_t estimate(const Family& f, int n, int count) {
     return (Est(n) * (Est(f.est_mul) * Est(n) + Est(1)) * Est(count)).value();
